@@ -1,0 +1,42 @@
+// Locks that the compiler can check. Clang's -Wthread-safety follows which lock guards which member
+// when the lock types carry these attributes, which the standard library's own do not everywhere.
+// Other compilers see plain locks.
+#pragma once
+
+#include <mutex>
+
+#if defined(__clang__)
+#define DIRWARDEN_ANNOTATE(x) __attribute__((x))
+#else
+#define DIRWARDEN_ANNOTATE(x)
+#endif
+
+#define GUARDED_BY(x) DIRWARDEN_ANNOTATE(guarded_by(x))
+#define REQUIRES(...) DIRWARDEN_ANNOTATE(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) DIRWARDEN_ANNOTATE(locks_excluded(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS DIRWARDEN_ANNOTATE(no_thread_safety_analysis)
+
+// A mutex, not recursive. Satisfies Lockable, so condition variables take it through Unique().
+class DIRWARDEN_ANNOTATE(capability("mutex")) Mutex {
+ public:
+  void lock() DIRWARDEN_ANNOTATE(acquire_capability()) { mutex_.lock(); }
+  void unlock() DIRWARDEN_ANNOTATE(release_capability()) { mutex_.unlock(); }
+  bool try_lock() DIRWARDEN_ANNOTATE(try_acquire_capability(true)) { return mutex_.try_lock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
+// Holds a Mutex for the length of a block.
+class DIRWARDEN_ANNOTATE(scoped_lockable) MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) DIRWARDEN_ANNOTATE(acquire_capability(mutex)) : mutex_(mutex) {
+    mutex_.lock();
+  }
+  ~MutexLock() DIRWARDEN_ANNOTATE(release_capability()) { mutex_.unlock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  Mutex& mutex_;
+};
