@@ -1,0 +1,56 @@
+#include "FSEventsTree.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace {
+
+struct Free {
+  void operator()(char* memory) const { std::free(memory); }
+};
+
+}  // namespace
+
+void FSEventsTree::Append(const std::string& key, const std::string& value) {
+  entries.emplace(key, value);
+  ++appendCount;
+}
+
+std::string FSEventsTree::Get(const std::string& key) const {
+  const auto found = entries.find(key);
+  return found == entries.end() ? std::string() : found->second;
+}
+
+std::string FSEventsTree::buildString(const char* format, ...) {
+  char inPlace[512];  // most records fit at once
+  std::unique_ptr<char, Free> grown;
+  char* buffer = inPlace;
+  size_t size = sizeof inPlace;
+  for (;;) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = vsnprintf(buffer, size, format, arguments);
+    va_end(arguments);
+    if (length >= 0 && static_cast<size_t>(length) < size) break;
+    size = length >= 0 ? static_cast<size_t>(length) + 1 : size * 2;
+    grown.reset(static_cast<char*>(std::malloc(size)));
+    if (grown == nullptr) return {};
+    buffer = grown.get();
+  }
+  try {
+    return buffer;  // up to its first NUL
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
+std::string FSEventsTree::Fill(const std::string& key, const std::string& value) const {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+  return buildString(Get(key).c_str(), value.c_str());
+#pragma GCC diagnostic pop
+}

@@ -1,0 +1,28 @@
+// The table of message templates and the printf-style formatting that fills them. The output queue
+// owns the one table of the process: filled before any thread can use it, only read afterwards, so
+// it needs no lock.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+class FSEventsTree {
+ public:
+  std::map<std::string, std::string, std::less<>> entries;  // message key to template
+  int32_t appendCount = 0;  // calls of Append, also those that found the key present
+
+  // Adds the template under the key; a key that is present keeps the template it has.
+  void Append(const std::string& key, const std::string& value);
+
+  // The template under exactly this key; the empty string when there is none.
+  std::string Get(const std::string& key) const;
+
+  // The text that printf would give. Never a user's text as the format: user data is always an
+  // argument. The empty string when memory for the text cannot be had. Any thread.
+  static std::string buildString(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+  // The template under the key filled with one text.
+  std::string Fill(const std::string& key, const std::string& value) const;
+};
