@@ -1,0 +1,238 @@
+#include "FSReconciliation.h"
+
+#include <memory>
+#include <utility>
+
+namespace {
+
+FSChangedResource renameRecord(const FSResource& current, const std::string& oldPath) {
+  FSChangedResource record("rename", current);
+  record.oldPath = oldPath;
+  return record;
+}
+
+const FSResourceIndex& made(std::optional<FSResourceIndex>& index, const FSResourceList& list,
+                            FSResourceIndex::Key key) {
+  if (!index) index.emplace(list, key);
+  return *index;
+}
+
+}  // namespace
+
+FSReconciliation::FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
+                                   std::vector<FSChangedResource>& batch)
+    : tree_(tree), log_(log), batch_(batch), key_(FSTree::KeyOf(folder)) {
+  // A folder that the reader knows but that could not be read until now starts with an empty list.
+  if (tree_.SavedList(key_) == nullptr && tree_.IsSavedFolder(key_)) tree_.SetSavedList(key_, {});
+  current_ = tree_.GetCurrentResourceList(folder).items;
+  saved_ = tree_.GetSavedResourceList(folder).items;
+  told_.resize(current_.size());
+  gone_.resize(saved_.size());
+  added_.resize(current_.size(), kNone);
+  list_ = saved_;
+}
+
+void FSReconciliation::Run() {
+  if (current_.size() > saved_.size()) {
+    WalkCurrent();
+  } else {
+    WalkSaved();
+  }
+  if (!isEdited_ || tree_.SavedList(key_) == nullptr) return;
+  std::erase(list_, nullptr);
+  tree_.SetSavedList(key_, std::move(list_));
+}
+
+void FSReconciliation::WalkCurrent() {
+  for (Position c = 0; c < current_.size(); ++c) {
+    if (told_[c]) continue;
+    Position s = SavedByPath().FirstByPath(current_[c]->path);
+    if (s != kNone) {
+      SameName(c, s);
+    } else if (s = OldNameOf(c); s != kNone) {
+      Renamed(c, s);
+    } else {
+      Created(c);
+    }
+  }
+}
+
+void FSReconciliation::WalkSaved() {
+  for (Position s = 0; s < saved_.size(); ++s) {
+    if (gone_[s]) continue;
+    Position c = CurrentByPath().FirstByPath(saved_[s]->path);
+    if (c != kNone) {
+      SameName(c, s);
+    } else if (c = NewNameOf(s); c != kNone) {
+      Renamed(c, s);
+    } else {
+      Deleted(s);
+    }
+  }
+}
+
+void FSReconciliation::SameName(Position c, Position s) {
+  const FSResource& current = *current_[c];
+  const FSResource& saved = *saved_[s];
+  if (told_[c]) return;
+  if (current.isFolder != saved.isFolder) {
+    Deleted(s);
+    gone_[s] = true;
+    Created(c);
+  } else if (current.isFolder) {
+    TakeIdentity(c, s);
+  } else if (current.modified.tv_sec != saved.modified.tv_sec) {
+    Changed(c);
+  }
+}
+
+void FSReconciliation::Changed(Position c) {
+  const FSResource& current = *current_[c];
+  Log("* CHANGED %s \"%s\"", current);
+  batch_.emplace_back("change", current);
+  Remove(current.path);
+  Add(c);
+}
+
+void FSReconciliation::Renamed(Position c, Position s) {
+  const FSResourcePtr current = current_[c];
+  const FSResourcePtr saved = saved_[s];
+
+  // What had the new name is gone. A reader replaces a file by itself, but a folder has more to
+  // take away.
+  const Position replaced = SavedByPath().FirstByPath(current->path);
+  if (replaced != kNone && !gone_[replaced] && saved_[replaced]->isFolder) Deleted(replaced);
+  Leave(current->path);
+
+  Log("* RENAMED %s \"%s\"", *current);
+  batch_.push_back(renameRecord(*current, saved->path));
+  Leave(saved->path);
+  FSSavedLists lists;
+  if (saved->isFolder) lists = tree_.TakeSavedLists(saved->path);
+  Add(c);
+  told_[c] = true;
+  if (current->isFolder) tree_.PutSavedLists(lists, current->path);
+
+  // Another file has taken the old name already.
+  const Position successor = CurrentByPath().FirstByPath(saved->path);
+  if (successor != kNone && !told_[successor]) Created(successor);
+}
+
+void FSReconciliation::Created(Position c) {
+  const FSResource& current = *current_[c];
+  // A listing may hold a name twice when entries move while it is read.
+  if (CurrentByPath().FirstByPath(current.path) != c) return;
+  batch_.emplace_back("create", current);
+  Log("* CREATED %s \"%s\"", current);
+  Add(c);
+  told_[c] = true;
+}
+
+void FSReconciliation::Deleted(Position s) {
+  const FSResourcePtr saved = saved_[s];
+  batch_.emplace_back("delete", *saved);
+  Log("* REMOVED %s \"%s\"", *saved);
+  Remove(saved->path);
+  if (saved->isFolder) {
+    batch_.back().saved = std::make_shared<FSSavedLists>(tree_.TakeSavedLists(saved->path));
+  }
+}
+
+FSReconciliation::Position FSReconciliation::OldNameOf(Position c) {
+  const FSResource& current = *current_[c];
+  Position s = SavedByINode().FirstByINode(current.inode);
+  while (s != kNone &&
+         (gone_[s] || !isSameFile(*saved_[s], current) || IsNowAs(*saved_[s], saved_[s]->path))) {
+    s = SavedByINode().NextByINode(s);
+  }
+  return s;
+}
+
+FSReconciliation::Position FSReconciliation::NewNameOf(Position s) {
+  const FSResource& saved = *saved_[s];
+  Position c = CurrentByINode().FirstByINode(saved.inode);
+  while (c != kNone && (told_[c] || !isSameFile(*current_[c], saved) ||
+                        IsSavedAs(*current_[c], current_[c]->path))) {
+    c = CurrentByINode().NextByINode(c);
+  }
+  return c;
+}
+
+bool FSReconciliation::IsSavedAs(const FSResource& file, const std::string& path) {
+  const Position s = SavedByPath().FirstByPath(path);
+  return s != kNone && isSameFile(*saved_[s], file);
+}
+
+bool FSReconciliation::IsNowAs(const FSResource& file, const std::string& path) {
+  const Position c = CurrentByPath().FirstByPath(path);
+  return c != kNone && isSameFile(*current_[c], file);
+}
+
+// A folder in another one's place is not reported: its contents tell the difference when it is
+// named. But its record must be the new folder's, or a later move would give the reader the wrong
+// contents. While the old folder still stands here under a new name, the comparison that finds it
+// there needs the record as it is.
+void FSReconciliation::TakeIdentity(Position c, Position s) {
+  if (isSameFile(*current_[c], *saved_[s])) return;
+  for (Position other = CurrentByINode().FirstByINode(saved_[s]->inode); other != kNone;
+       other = CurrentByINode().NextByINode(other)) {
+    if (isSameFile(*current_[other], *saved_[s]) &&
+        SavedByPath().FirstByPath(current_[other]->path) == kNone) {
+      return;
+    }
+  }
+  list_[s] = current_[c];
+  isEdited_ = true;
+}
+
+void FSReconciliation::Add(Position c) {
+  added_[c] = static_cast<Position>(list_.size());
+  list_.push_back(current_[c]);
+  isEdited_ = true;
+  if (current_[c]->isFolder) tree_.AddFolder(current_[c]->path);
+}
+
+// Takes every entry with the path out of the saved list, those just added included.
+void FSReconciliation::Remove(const std::string& path) {
+  for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
+    list_[s] = nullptr;
+  }
+  if (const Position c = CurrentByPath().FirstByPath(path); c != kNone && added_[c] != kNone) {
+    list_[added_[c]] = nullptr;
+    added_[c] = kNone;
+  }
+  isEdited_ = true;
+}
+
+// As Remove, and the walk passes over the saved entries with the path.
+void FSReconciliation::Leave(const std::string& path) {
+  for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
+    gone_[s] = true;
+  }
+  Remove(path);
+}
+
+void FSReconciliation::Log(const char* format, const FSResource& resource) {
+  if (!log_.logging) return;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  log_.dolog(
+      FSEventsTree::buildString(format, resource.isFolder ? "dir" : "file", resource.path.c_str()));
+#pragma GCC diagnostic pop
+}
+
+const FSResourceIndex& FSReconciliation::CurrentByPath() {
+  return made(currentByPath_, current_, FSResourceIndex::Key::path);
+}
+
+const FSResourceIndex& FSReconciliation::CurrentByINode() {
+  return made(currentByINode_, current_, FSResourceIndex::Key::inode);
+}
+
+const FSResourceIndex& FSReconciliation::SavedByPath() {
+  return made(savedByPath_, saved_, FSResourceIndex::Key::path);
+}
+
+const FSResourceIndex& FSReconciliation::SavedByINode() {
+  return made(savedByINode_, saved_, FSResourceIndex::Key::inode);
+}

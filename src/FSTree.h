@@ -1,0 +1,133 @@
+// The snapshot: what the watched tree looked like when each folder was last compared or scanned,
+// and the scan that fills and lists it. There is one tree per process, owned by FSEventWatcher.
+//
+// Main thread only, but for what treeMutex guards. The lists hold what the reader has been told: an
+// entry stays until a record corrects it, whatever the disk holds meanwhile. That is why a scan
+// with `reportNew` keeps saved records, and why the lists of a folder that moves go with it instead
+// of being read again.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "FSChangeEvents.h"
+#include "FSResource.h"
+#include "ThreadSafety.h"
+
+// Saved lists taken out of the snapshot: those of the folder `path` and of every folder below it,
+// by their keys.
+struct FSSavedLists {
+  std::string path;
+  std::vector<std::pair<std::string, FSResourceList>> lists;
+  std::vector<std::string> unscanned;
+};
+
+class FSTree {
+ public:
+  using Snapshot = std::map<std::string, FSResourceList, std::less<>>;
+
+  // Empties the tree and scans `path` into it, listing every entry when `showAll` is set. A final
+  // "/" is left out, but for the path "/". The queue must outlive the tree.
+  void InitWithPath(const std::string& path, FSChangeEvents& queue, bool showAll);
+  void ClearSnapshot() EXCLUDES(treeMutex);
+  void BuildSnapshot() EXCLUDES(treeMutex);
+
+  // Whether the file's name ending is one that the tool ignores: the text from the last "." of the
+  // path on.
+  bool isProhibited(std::string_view path) const;
+
+  // The record of what stands at the path now, or null when it cannot be examined. Links are not
+  // followed.
+  static FSResourcePtr GetResource(const std::string& path);
+
+  // The folder's entries on the disk now, in listing order; empty when the folder cannot be read.
+  // With or without a final "/".
+  FSResourceArray GetCurrentResourceList(const std::string& folder) const;
+
+  // The folder's saved entries; empty when it has no saved list. The first takes the folder with
+  // its final "/", the second without.
+  FSResourceArray GetSavedResourceList(const std::string& folderWithSlash) const;
+  FSResourceArray GetSavedResourceList2(const std::string& folder) const;
+
+  // Takes every entry with this path out of its folder's saved list, and with `recursive` the saved
+  // lists of the folder `path` and of all folders below it.
+  void DeleteSavedResourceList(const std::string& path, bool recursive) EXCLUDES(treeMutex);
+
+  // Appends the record to the folder's saved list, if it has one; a folder gets an empty list of
+  // its own.
+  void AddDirResource(const std::string& folder, const FSResourcePtr& resource) EXCLUDES(treeMutex);
+
+  // Replaces the folder's saved list by copies of the entries, or of its records without those that
+  // have the resource's path. Nothing when it has no saved list.
+  void UpdateDir(const std::string& folder, const FSResourceArray& entries) EXCLUDES(treeMutex);
+  void DeleteDirResource(const std::string& folder, const FSResource& resource) EXCLUDES(treeMutex);
+
+  void ShowSavedResourceList() const {}
+
+  // Reads the folder and every folder below it into the snapshot. `listSync` queues a "sync" record
+  // for every entry; `reportNew` queues a "create" record for every entry that is not saved yet,
+  // and keeps the records of those that are. A folder that cannot be opened gives two "error"
+  // lines, one that the path filter refuses nothing.
+  void DirSearch(const std::string& path, bool listSync, bool reportNew) EXCLUDES(treeMutex);
+
+  // The rest serves the reconciliation and the pairing.
+
+  // The key of a folder named with its final "/": without it, but for "/" itself.
+  static std::string KeyOf(const std::string& folderWithSlash);
+
+  // The saved list under the key, or null.
+  const FSResourceList* SavedList(std::string_view key) const;
+
+  // Whether the reader knows the folder: it stands in its parent's saved list.
+  bool IsSavedFolder(const std::string& key) const;
+
+  // Sets the list under the key, whether or not it had one.
+  void SetSavedList(const std::string& key, FSResourceList entries) EXCLUDES(treeMutex);
+
+  // Gives the folder an empty saved list if it has none, to be filled by the scan that follows its
+  // record.
+  void AddFolder(const std::string& key) EXCLUDES(treeMutex);
+
+  // Takes the lists of the folder and of all below it out of the snapshot.
+  FSSavedLists TakeSavedLists(const std::string& path) EXCLUDES(treeMutex);
+
+  // Puts taken lists in again under the new path. What the snapshot holds there already comes
+  // first.
+  void PutSavedLists(const FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
+
+  // The folders at and below the path that have been announced and never scanned.
+  std::vector<std::string> Unscanned(const std::string& path) const;
+
+  FSChangeEvents* changes = nullptr;
+  bool showAll = false;
+  std::vector<std::string> prohibitedSuffixes;
+  std::string rootPath;  // as passed to InitWithPath, without a final "/"
+
+  // Folder path to its direct entries, read and written by the main thread. Written under
+  // treeMutex.
+  Snapshot snapshot;
+  Mutex treeMutex;
+
+  // Keys of the snapshot whose folders have been announced and never scanned. Written with the
+  // snapshot.
+  std::set<std::string, std::less<>> unscanned;
+
+  // Paths that records of the running batch still speak of, and how many. A scan with `reportNew`
+  // leaves them to those records and to the comparison that the next event brings.
+  std::unordered_map<std::string, int> pending;
+
+ private:
+  struct Scan;
+  void ScanFolder(const std::string& path, const Scan& scan) EXCLUDES(treeMutex);
+  void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
+  FSResourceList ReportEntries(const std::string& path, const FSResourceList& current,
+                               const Scan& scan) EXCLUDES(treeMutex);
+  void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
+  bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
+};
