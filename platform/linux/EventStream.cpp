@@ -1,0 +1,358 @@
+// FSEventStream on inotify.
+//
+// A stream has a reader thread, which alone uses the table of watched folders once the stream runs.
+// The reader drains the kernel's queue at all times, cuts a batch when one is due and the last one
+// has been delivered, and signals the run loop, whose thread calls the callback. No lock is held
+// meanwhile, and none while the reader asks the kernel.
+//
+// What a batch promises: folders are named by the watched path as given, the way down and a final
+// "/"; a folder is named once, or twice in a row when it both lost and gained entries, since the
+// callback compares one side at a time; folders that gained entries are met first, parents before
+// children, so that new folders come out before their contents and the destination of a move before
+// its source; what changed in a folder that moved comes in the batch after the move. The watched
+// folder's own going, coming or replacement is one event with the root-changed flag and ID 0, alone
+// in its batch; by then a new root is watched, and what was pending below the old one is dropped.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <new>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "CoreFoundation.h"
+#include "CoreServices/CoreServices.h"
+#include "Inotify.h"
+#include "Latency.h"
+#include "RootChain.h"
+#include "RunLoop.h"
+#include "ThreadSafety.h"
+#include "WatchTable.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kRootPolling(1000);  // where the way to the root cannot be watched
+constexpr milliseconds kMoveWait(2);        // for the second half of a move
+
+std::string withoutFinalSlash(std::string path) {
+  while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+  return path;
+}
+
+// What stands at the root's path: nothing, a folder that can be read, or anything else.
+struct Root {
+  enum class Kind { missing, folder, other };
+  Kind kind = Kind::missing;
+  FolderIdentity identity;
+  Descriptor folder;
+};
+
+Root lookAt(const std::string& path) {
+  Root root;
+  root.folder = openFolder(AT_FDCWD, path, true);
+  if (root.folder.isOpen()) {
+    root.kind = Root::Kind::folder;
+    root.identity = identityOf(root.folder);
+    return root;
+  }
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return root;
+  root.kind = Root::Kind::other;
+  root.identity = {status.st_dev, status.st_ino, 0};
+  return root;
+}
+
+bool waitFor(int descriptor, milliseconds time) {
+  pollfd wanted{descriptor, POLLIN, 0};
+  return poll(&wanted, 1, static_cast<int>(time.count())) > 0;
+}
+
+}  // namespace
+
+struct __FSEventStream {
+ public:
+  __FSEventStream(FSEventStreamCallback callback, const std::string& path, CFTimeInterval latency);
+  ~__FSEventStream();
+  __FSEventStream(const __FSEventStream&) = delete;
+  __FSEventStream& operator=(const __FSEventStream&) = delete;
+
+  // The thread that made the stream.
+  void Schedule(CFRunLoopRef loop);
+  bool Start();
+  void Stop();
+  void Invalidate();
+
+ private:
+  struct Batch {
+    std::vector<NamedFolder> folders;
+    bool isRoot = false;
+  };
+
+  // The run loop's thread.
+  void Deliver() EXCLUDES(lock_);
+
+  // The reader thread.
+  void Read() EXCLUDES(lock_);
+  void Wait();
+  void ReadEvents();
+  void ReadMounts();
+  void CutIfDue() EXCLUDES(lock_);
+  bool IsRootSame(const Root& now);
+  void WatchRoot(Root now);
+  bool IsDelivering() EXCLUDES(lock_);
+  void HandOver(Batch batch) EXCLUDES(lock_);
+  void Wake();
+
+  // Constant after construction, but for the loop.
+  const FSEventStreamCallback callback_;
+  const std::string path_;
+  const std::shared_ptr<RunLoopSource> source_;
+  CFRunLoopRef loop_ = nullptr;
+
+  // The reader's, once it runs.
+  WatchTable table_;
+  RootChain chain_;
+  Latency latency_;
+  Root::Kind rootKind_ = Root::Kind::missing;
+  FolderIdentity rootIdentity_;
+  bool isRootInDoubt_ = false;
+  Clock::time_point nextRootLook_;
+  Descriptor mounts_;
+
+  Descriptor wake_;
+  std::atomic<bool> isStopping_ = false;
+  std::thread reader_;
+
+  // Handed from the reader to the run loop.
+  Mutex lock_;
+  Batch batch_ GUARDED_BY(lock_);
+  bool isDelivering_ GUARDED_BY(lock_) = false;
+
+  FSEventStreamEventId lastId_ = 0;  // the run loop's thread only
+};
+
+__FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::string& path,
+                                 CFTimeInterval latency)
+    : callback_(callback),
+      path_(withoutFinalSlash(path)),
+      source_(std::make_shared<RunLoopSource>()),
+      chain_(path_),
+      latency_(
+          std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(latency))) {
+  source_->perform = [this] { Deliver(); };
+}
+
+__FSEventStream::~__FSEventStream() { Stop(); }
+
+void __FSEventStream::Schedule(CFRunLoopRef loop) {
+  loop_ = loop;
+  loop_->Add(source_);
+}
+
+bool __FSEventStream::Start() {
+  wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  mounts_ = Descriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+  if (!table_.isOpen() || !wake_.isOpen()) return false;
+  chain_.Watch();
+  WatchRoot(lookAt(path_));
+  nextRootLook_ = Clock::now() + kRootPolling;
+  try {
+    reader_ = std::thread(&__FSEventStream::Read, this);
+  } catch (const std::system_error&) {
+    return false;
+  }
+  return true;
+}
+
+void __FSEventStream::Stop() {
+  isStopping_ = true;
+  if (!reader_.joinable()) return;
+  Wake();
+  reader_.join();
+}
+
+void __FSEventStream::Invalidate() {
+  if (loop_ != nullptr) std::exchange(loop_, nullptr)->Remove(source_);
+}
+
+void __FSEventStream::Deliver() {
+  Batch batch;
+  {
+    const MutexLock lock(lock_);
+    batch = std::exchange(batch_, {});
+  }
+  std::vector<const char*> paths;
+  std::vector<FSEventStreamEventFlags> flags;
+  std::vector<FSEventStreamEventId> ids;
+  for (const NamedFolder& folder : batch.folders) {
+    paths.push_back(folder.path.c_str());
+    flags.push_back(folder.flags);
+    ids.push_back(batch.isRoot ? 0 : ++lastId_);
+  }
+  callback_(this, nullptr, paths.size(), static_cast<void*>(paths.data()), flags.data(),
+            ids.data());
+  {
+    const MutexLock lock(lock_);
+    isDelivering_ = false;
+  }
+  Wake();
+}
+
+void __FSEventStream::Read() {
+  while (!isStopping_) {
+    Wait();
+    ReadEvents();
+    CutIfDue();
+  }
+}
+
+// Sleeps until the kernel has something, a batch is due, or the run loop is done with one.
+void __FSEventStream::Wait() {
+  std::optional<Clock::time_point> until;
+  if (!IsDelivering()) until = latency_.Due();
+  if (chain_.NeedsPolling()) until = std::min(until.value_or(nextRootLook_), nextRootLook_);
+  int timeout = -1;
+  if (until) {
+    const auto left = std::chrono::ceil<milliseconds>(*until - Clock::now());
+    timeout = static_cast<int>(std::max<milliseconds::rep>(left.count(), 0));
+  }
+  std::array<pollfd, 4> wanted{{{table_.number(), POLLIN, 0},
+                                {chain_.number(), POLLIN, 0},
+                                {mounts_.number(), POLLPRI, 0},
+                                {wake_.number(), POLLIN, 0}}};
+  poll(wanted.data(), wanted.size(), timeout);
+  if ((wanted[2].revents & POLLPRI) != 0) ReadMounts();
+  uint64_t count = 0;
+  while (read(wake_.number(), &count, sizeof count) > 0) {
+  }
+}
+
+// Mounts and unmounts send no event to the folders above them.
+void __FSEventStream::ReadMounts() {
+  std::array<char, 4096> buffer;
+  lseek(mounts_.number(), 0, SEEK_SET);
+  while (read(mounts_.number(), buffer.data(), buffer.size()) > 0) {
+  }
+  isRootInDoubt_ = true;
+}
+
+void __FSEventStream::ReadEvents() {
+  const Clock::time_point now = Clock::now();
+  table_.Read();
+  if (chain_.Read()) isRootInDoubt_ = true;
+  if (table_.TakeRootDoubt()) isRootInDoubt_ = true;
+  if (chain_.NeedsPolling() && now >= nextRootLook_) {
+    nextRootLook_ = now + kRootPolling;
+    if (!IsRootSame(lookAt(path_))) isRootInDoubt_ = true;
+  }
+  if (isRootInDoubt_ || table_.HasChanges()) latency_.Want(now);
+}
+
+void __FSEventStream::CutIfDue() {
+  if (!latency_.IsDue(Clock::now()) || IsDelivering()) return;
+  if (table_.EndsInMove() && waitFor(table_.number(), kMoveWait)) table_.Read();
+  if (std::exchange(isRootInDoubt_, false)) {
+    chain_.Watch();
+    Root now = lookAt(path_);
+    if (!IsRootSame(now)) {
+      WatchRoot(std::move(now));
+      latency_.Deliver(Clock::now());
+      HandOver({{{path_, kFSEventStreamEventFlagRootChanged}}, true});
+      return;
+    }
+    table_.NoteRoot(std::move(now.folder));
+  }
+  Batch batch{table_.Cut(), false};
+  if (batch.folders.empty()) {
+    latency_.Forget();
+  } else {
+    latency_.Deliver(Clock::now());
+    HandOver(std::move(batch));
+  }
+  if (table_.HasChanges()) latency_.Want(Clock::now());
+}
+
+// Whether the root is the one that the callback knows. A folder that cannot be read any more is
+// still the same.
+bool __FSEventStream::IsRootSame(const Root& now) {
+  if (now.kind == Root::Kind::folder && rootKind_ == Root::Kind::folder) {
+    return table_.IsRoot(now.folder);
+  }
+  if (now.kind == Root::Kind::other && rootKind_ == Root::Kind::folder) {
+    return now.identity.device == rootIdentity_.device && now.identity.inode == rootIdentity_.inode;
+  }
+  return now.kind == rootKind_ && now.identity == rootIdentity_;
+}
+
+void __FSEventStream::WatchRoot(Root now) {
+  rootKind_ = now.kind;
+  rootIdentity_ = now.identity;
+  if (now.kind == Root::Kind::folder) {
+    table_.WatchRoot(path_, std::move(now.folder));
+  } else {
+    table_.Clear();
+  }
+}
+
+bool __FSEventStream::IsDelivering() {
+  const MutexLock lock(lock_);
+  return isDelivering_;
+}
+
+void __FSEventStream::HandOver(Batch batch) {
+  {
+    const MutexLock lock(lock_);
+    batch_ = std::move(batch);
+    isDelivering_ = true;
+  }
+  if (loop_ != nullptr) loop_->Signal(source_);
+}
+
+void __FSEventStream::Wake() {
+  const uint64_t one = 1;
+  while (write(wake_.number(), &one, sizeof one) < 0 && errno == EINTR) {
+  }
+}
+
+FSEventStreamRef FSEventStreamCreate(CFAllocatorRef /*allocator*/, FSEventStreamCallback callback,
+                                     FSEventStreamContext* /*context*/, CFArrayRef paths,
+                                     FSEventStreamEventId /*sinceWhen*/, CFTimeInterval latency,
+                                     FSEventStreamCreateFlags /*flags*/) {
+  if (paths == nullptr || paths->values.empty() || paths->values[0] == nullptr) return nullptr;
+  try {
+    const auto* path = static_cast<CFStringRef>(paths->values[0]);
+    return std::make_unique<__FSEventStream>(callback, path->text, latency).release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop,
+                                      CFRunLoopMode /*mode*/) {
+  stream->Schedule(loop);
+}
+
+Boolean FSEventStreamStart(FSEventStreamRef stream) { return stream->Start(); }
+
+void FSEventStreamStop(FSEventStreamRef stream) { stream->Stop(); }
+
+void FSEventStreamInvalidate(FSEventStreamRef stream) { stream->Invalidate(); }
+
+void FSEventStreamRelease(FSEventStreamRef stream) {
+  const std::unique_ptr<__FSEventStream> released(stream);
+}

@@ -1,0 +1,103 @@
+#include "Inotify.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <array>
+#include <climits>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+bool isFolder(int parent, const dirent64& entry) {
+  if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
+  struct stat status;
+  return fstatat(parent, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+         S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  if (isOpen()) close(number_);
+}
+
+Descriptor::Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+  std::swap(number_, other.number_);
+  return *this;
+}
+
+Descriptor openFolder(int parent, const std::string& name, bool followLink) {
+  return Descriptor(
+      openat(parent, name.c_str(),
+             O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK | (followLink ? 0 : O_NOFOLLOW)));
+}
+
+FolderIdentity identityOf(const Descriptor& folder) {
+  struct statx status;
+  if (statx(folder.number(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0) return {};
+  FolderIdentity identity;
+  identity.device = makedev(status.stx_dev_major, status.stx_dev_minor);
+  identity.inode = status.stx_ino;
+  if ((status.stx_mask & STATX_BTIME) != 0) {
+    identity.birth = status.stx_btime.tv_sec * 1000000000 + status.stx_btime.tv_nsec;
+  }
+  return identity;
+}
+
+FolderListing listFolder(const Descriptor& folder) {
+  FolderListing listing;
+  alignas(dirent64) std::array<char, 32768> buffer;
+  ssize_t size = 0;
+  while ((size = getdents64(folder.number(), buffer.data(), buffer.size())) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
+      at += entry->d_reclen;
+      const std::string_view name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      listing.isEmpty = false;
+      if (isFolder(folder.number(), *entry)) listing.subfolders.emplace_back(name);
+    }
+  }
+  return listing;
+}
+
+Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+
+int Inotify::Add(const Descriptor& folder, uint32_t mask) {
+  const std::string handle = "/proc/self/fd/" + std::to_string(folder.number());
+  return inotify_add_watch(number(), handle.c_str(), mask | IN_ONLYDIR);
+}
+
+void Inotify::Remove(int watch) { inotify_rm_watch(number(), watch); }
+
+bool Inotify::Read(std::string& events, size_t limit) {
+  alignas(inotify_event) std::array<char, 65536> buffer;
+  static_assert(sizeof buffer > sizeof(inotify_event) + NAME_MAX + 1);
+  size_t total = 0;
+  while (total < limit) {
+    const ssize_t size = read(number(), buffer.data(), buffer.size());
+    if (size <= 0) break;
+    events.append(buffer.data(), static_cast<size_t>(size));
+    total += static_cast<size_t>(size);
+  }
+  return total > 0;
+}
+
+void eachEvent(const std::string& events,
+               const std::function<void(const inotify_event&, const std::string&)>& visit) {
+  for (size_t at = 0; at + sizeof(inotify_event) <= events.size();) {
+    inotify_event event;
+    std::memcpy(&event, events.data() + at, sizeof event);
+    const char* name = events.data() + at + sizeof event;
+    visit(event, std::string(name, strnlen(name, event.len)));
+    at += sizeof event + event.len;
+  }
+}

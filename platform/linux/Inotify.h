@@ -1,0 +1,73 @@
+// The kernel as the stream sees it: open folders, their listings, and an inotify instance.
+// Everything here is used by one thread at a time; what fails says so by its value and leaves errno
+// set.
+#pragma once
+
+#include <sys/inotify.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+// Owns a descriptor and closes it.
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : number_(number) {}
+  ~Descriptor();
+  Descriptor(Descriptor&& other) noexcept;
+  Descriptor& operator=(Descriptor&& other) noexcept;
+
+  bool isOpen() const { return number_ >= 0; }
+  int number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+// Which folder a path or handle stands for. Inode numbers are reused at once on some file systems,
+// so the birth time belongs to it; a watch descriptor is surer still.
+struct FolderIdentity {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  int64_t birth = 0;  // nanoseconds since 1970; 0 where not kept
+  bool operator==(const FolderIdentity&) const = default;
+};
+
+// Opens the folder for listing. The name is relative to `parent`, or to the working directory for
+// AT_FDCWD.
+Descriptor openFolder(int parent, const std::string& name, bool followLink = false);
+
+// Who the open folder is.
+FolderIdentity identityOf(const Descriptor& folder);
+
+// What an open folder holds, as far as the stream cares.
+struct FolderListing {
+  std::vector<std::string> subfolders;
+  bool isEmpty = true;
+};
+FolderListing listFolder(const Descriptor& folder);
+
+class Inotify {
+ public:
+  Inotify();
+
+  bool isOpen() const { return descriptor_.isOpen(); }
+  int number() const { return descriptor_.number(); }
+
+  // Watches the open folder, whatever its path is by now. The watch descriptor, the same as before
+  // for a folder that is watched already, or -1.
+  int Add(const Descriptor& folder, uint32_t mask);
+  void Remove(int watch);
+
+  // Appends what the kernel's queue holds, at most about `limit` bytes, to `events`. False when
+  // there was nothing.
+  bool Read(std::string& events, size_t limit);
+
+ private:
+  Descriptor descriptor_;
+};
+
+// Calls `visit(event, name)` for each event in the buffer.
+void eachEvent(const std::string& events,
+               const std::function<void(const inotify_event&, const std::string&)>& visit);

@@ -1,0 +1,113 @@
+#include "RootChain.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <deque>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr uint32_t kMask =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr int kMostLinks = 40;  // the kernel's own limit
+constexpr int kMostTries = 8;   // then whatever still changes will send another event
+constexpr size_t kMostBytes = 1 << 20;
+
+// Puts the names of a path before those still to be looked up.
+void pushFront(std::deque<std::string>& names, std::string_view path) {
+  std::deque<std::string> first;
+  while (!path.empty()) {
+    const size_t end = std::min(path.find('/'), path.size());
+    if (end > 0 && path.substr(0, end) != ".") first.emplace_back(path.substr(0, end));
+    path.remove_prefix(std::min(end + 1, path.size()));
+  }
+  names.insert(names.begin(), first.begin(), first.end());
+}
+
+std::string join(const std::string& folder, const std::string& name) {
+  return folder.ends_with('/') ? folder + name : folder + "/" + name;
+}
+
+// The folder above a path that holds no links.
+std::string above(const std::string& folder) {
+  const size_t slash = folder.rfind('/');
+  if (folder == "." || folder.ends_with("..")) return join(folder, "..");
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : folder.substr(0, slash);
+}
+
+}  // namespace
+
+RootChain::RootChain(std::string path) : path_(std::move(path)) {}
+
+std::vector<RootChain::Step> RootChain::Resolve() const {
+  std::vector<Step> steps;
+  std::deque<std::string> names;
+  pushFront(names, path_);
+  std::string folder = path_.starts_with('/') ? "/" : ".";
+  int links = 0;
+  while (!names.empty()) {
+    const std::string name = std::move(names.front());
+    names.pop_front();
+    if (name == "..") {
+      folder = above(folder);
+      continue;
+    }
+    steps.push_back({folder, name});
+    const std::string path = join(folder, name);
+    std::array<char, PATH_MAX> target;
+    const ssize_t size = readlink(path.c_str(), target.data(), target.size());
+    if (size > 0 && ++links <= kMostLinks) {
+      const std::string_view text(target.data(), static_cast<size_t>(size));
+      if (text.starts_with('/')) folder = "/";
+      pushFront(names, text);
+    } else if (size > 0 || errno != EINVAL) {
+      break;  // a ring of links, or nothing of this name
+    } else {
+      folder = path;
+    }
+  }
+  return steps;
+}
+
+void RootChain::Watch() {
+  for (int i = 0; i < kMostTries; ++i) {
+    std::vector<Step> steps = Resolve();
+    if (i > 0 && steps == steps_) return;
+    const std::vector<Step> before = std::exchange(steps_, std::move(steps));
+    WatchSteps();
+    for (const Step& old : before) {
+      const bool isKept = std::any_of(steps_.begin(), steps_.end(),
+                                      [&](const Step& step) { return step.watch == old.watch; });
+      if (!isKept && old.watch >= 0) inotify_.Remove(old.watch);
+    }
+  }
+}
+
+void RootChain::WatchSteps() {
+  needsPolling_ = !inotify_.isOpen();
+  for (Step& step : steps_) {
+    const Descriptor folder = openFolder(AT_FDCWD, step.folder, true);
+    step.watch = folder.isOpen() ? inotify_.Add(folder, kMask) : -1;
+    if (step.watch < 0 && errno != ENOENT && errno != ENOTDIR) needsPolling_ = true;
+  }
+}
+
+bool RootChain::Read() {
+  std::string events;
+  if (!inotify_.isOpen() || !inotify_.Read(events, kMostBytes)) return false;
+  bool isHit = false;
+  eachEvent(events, [&](const inotify_event& event, const std::string& name) {
+    if ((event.mask & IN_Q_OVERFLOW) != 0) isHit = true;
+    for (const Step& step : steps_) {
+      if (step.watch == event.wd && (name.empty() || name == step.name)) isHit = true;
+    }
+  });
+  return isHit;
+}

@@ -1,0 +1,206 @@
+// The folders of the watched tree and their watches: turns what the kernel says into the folders
+// that a batch names. It has no thread and no clock, so that tests can step it by hand.
+//
+// Owned by the stream. One thread at a time: the thread that starts the stream, then the stream's
+// reader.
+//
+// How it keeps the truth:
+// - An event is a hint about a name. After one that concerns a subfolder, that one path is examined
+// on the disk;
+//   what happened is never rebuilt from the order of events.
+// - A folder is known by its watch descriptor, which stays the same wherever the folder goes. What
+// leaves a path
+//   becomes an orphan, with all below it, and is found again by its descriptor when it turns up
+//   elsewhere. Orphans that nobody has taken up when a batch is cut are dropped, watches and all.
+// - Watch first, list second, name third, and open each folder relative to the one that lists it,
+// so that nothing
+//   falls between.
+// - A folder that events spoke of while its path may have been out of date (`touched`) is listed
+// again when it
+//   turns up under another path.
+// - When the kernel's queue overflows, the tree is walked again and every folder named.
+//
+// What it keeps is bound by the number of folders, not of events.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "CoreServices/CoreServices.h"
+#include "Inotify.h"
+
+// One event of a batch: the folder's path with its final "/".
+struct NamedFolder {
+  std::string path;
+  FSEventStreamEventFlags flags;
+};
+
+class WatchTable {
+ public:
+  WatchTable() = default;
+  ~WatchTable();
+  WatchTable(const WatchTable&) = delete;
+  WatchTable& operator=(const WatchTable&) = delete;
+
+  // Whether an inotify instance could be had, and its descriptor to wait on.
+  bool isOpen() const { return inotify_.isOpen(); }
+  int number() const { return inotify_.number(); }
+
+  // Watches the open folder as the root of the tree, under `path` (without a final "/", but for
+  // "/"), and all below it. Nothing of what was there before stays; nothing of what is there now is
+  // named.
+  void WatchRoot(const std::string& path, Descriptor folder);
+
+  // Forgets the tree and its watches.
+  void Clear();
+
+  // Whether the open folder is the one that WatchRoot was given, going by its watch.
+  bool IsRoot(const Descriptor& folder);
+
+  // The root is the same and can be read, or cannot (a handle that is not open). When it can be
+  // read again, everything is named.
+  void NoteRoot(Descriptor folder);
+
+  // Whether something makes it doubtful that the root is still there; asking takes the doubt away.
+  bool TakeRootDoubt() { return std::exchange(isRootInDoubt_, false); }
+
+  // Drains the kernel's queue and applies it. Apply takes events as the kernel writes them.
+  void Read();
+  void Apply(const std::string& events);
+
+  // Whether the last event was the first half of a move. The second half follows at once, but not
+  // always in the same read.
+  bool EndsInMove() const { return endsInMove_; }
+
+  bool HasChanges() const { return !marked_.empty() || isOverflown_; }
+
+  // The folders to name, in the order of a batch: the callback works from the last to the first.
+  // What changed in a folder that has moved stays for the next batch.
+  std::vector<NamedFolder> Cut();
+
+  // How many folders have a watch, and how many could not be given one.
+  size_t WatchedCount() const { return byWatch_.size(); }
+  size_t UnwatchedCount() const { return unwatched_.size(); }
+
+ private:
+  struct Folder;
+  struct ByName {
+    using is_transparent = void;
+    bool operator()(const std::unique_ptr<Folder>& a, const std::unique_ptr<Folder>& b) const;
+    bool operator()(const std::unique_ptr<Folder>& a, std::string_view b) const;
+    bool operator()(std::string_view a, const std::unique_ptr<Folder>& b) const;
+  };
+  using Children = std::set<std::unique_ptr<Folder>, ByName>;
+
+  enum Mark : uint8_t {
+    kLost = 1,      // an entry went
+    kGained = 2,    // an entry came
+    kWritten = 4,   // an entry was written or had its attributes changed
+    kReplaced = 8,  // the folder stands in another one's place
+  };
+
+  struct Folder {
+    Folder* parent = nullptr;  // null for the root and for the top of an orphaned subtree
+    std::string name;          // of the root: its path
+    Children children;
+    Folder* twin = nullptr;  // the next folder with the same watch: one folder under two paths, by
+                             // a bind mount
+    uint64_t serial = 0;     // never used twice
+    int watch = -1;
+    uint32_t born = 0;     // the epoch in which it was entered
+    uint32_t touched = 0;  // the last epoch with an event about a subfolder, here or below
+    uint8_t marks = 0;
+    bool isUnreadable = false;
+  };
+
+  // Where a folder stood when the last batch was cut.
+  struct Origin {
+    uint64_t parent = 0;
+    std::string name;
+  };
+
+  // A path that a folder has left: which folder (0 for several), and in which epoch.
+  struct Departure {
+    uint64_t serial = 0;
+    uint32_t epoch = 0;
+  };
+
+  // How a walk goes about the folders it meets.
+  struct Walk {
+    bool isRepair = false;     // list every folder, known or not
+    bool isReplaced = false;   // everything met stands in another folder's place
+    bool isRelocated = false;  // list known folders that have been touched
+    int depth = 0;             // handles held open
+    size_t length = 0;         // of the path, in bytes
+  };
+
+  void ApplyEvent(const inotify_event& event, const std::string& name);
+  void ApplyTo(Folder& folder, const inotify_event& event, const std::string& name);
+  void LoseWatch(int watch, uint8_t marksAbove);
+  void Repair();
+
+  void Examine(Folder& parent, const std::string& name);
+  void Missing(Folder& parent, const std::string& name, int error);
+  void Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk);
+  bool NeedsListing(const Folder& folder, const Walk& walk) const;
+  Folder* Relocate(int watch, Folder& parent, const std::string& name, const Descriptor& handle);
+  void List(Folder& folder, Descriptor handle, const Walk& walk);
+  void DetachUnlisted(Folder& folder, std::vector<std::string>& listed);
+  void AdoptChild(Folder& folder, const Descriptor& handle, const std::string& name,
+                  const Walk& walk);
+
+  Folder* ChildOf(const Folder& parent, std::string_view name) const;
+  Folder& Enter(Folder& parent, const std::string& name, int watch);
+  void Detach(Folder& folder);
+  void Attach(std::unique_ptr<Folder> extracted, Folder& parent, const std::string& name);
+  std::unique_ptr<Folder> Extract(Folder& folder);
+  void NoteDeparture(const Folder& folder);
+  bool WasTaken(const Folder& parent, const std::string& name, const Folder* by) const;
+  void Bury(Folder& folder);
+
+  Folder* FindByWatch(int watch) const;
+  void SetWatch(Folder& folder, int watch);
+  bool UnsetWatch(Folder& folder);
+
+  void MarkFolder(Folder& folder, uint8_t marks);
+  void MarkAll(Folder& folder, uint8_t marks);
+  void Touch(Folder& folder);
+  bool IsRecent(uint32_t epoch) const { return epoch + 1 >= epoch_; }
+  bool IsInTree(const Folder& folder) const;
+  bool IsHeldBack(const Folder& folder) const;
+  bool IsReadable(const Folder& folder) const;
+  std::string PathOf(const Folder& folder) const;
+  void ReadDuringWalk();
+
+  Inotify inotify_;
+  std::unique_ptr<Folder> root_;
+  FolderIdentity rootIdentity_;
+  std::unordered_map<int, Folder*> byWatch_;
+  std::unordered_map<Folder*, std::unique_ptr<Folder>> orphans_;  // by the top of each subtree
+
+  // All of these refer to folders of the tree or orphans, and are kept when one is dropped.
+  std::unordered_set<Folder*> marked_;
+  std::unordered_set<Folder*> unwatched_;
+  std::unordered_map<const Folder*, Origin> origins_;  // of folders that moved since the last batch
+
+  std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name
+  uint32_t manyDepartures_ = 0;  // the last epoch in which they were too many to be kept apart
+
+  uint64_t serials_ = 0;
+  uint32_t epoch_ = 2;        // rises with every batch; 0 is long ago
+  bool isOverflown_ = false;  // events were lost since the last batch
+  bool needsRepair_ = false;
+  bool isRootInDoubt_ = false;
+  bool isRootLost_ = false;  // its watch is gone
+  bool endsInMove_ = false;
+  std::string unread_;  // events read during a walk, to be applied after it
+  int walked_ = 0;
+};
