@@ -89,10 +89,9 @@ void FSResourceArray::Remove(const FSResourcePtr& resource) {
   count = static_cast<uint32_t>(items.size());
 }
 
-void FSResourceArray::AppendList(const FSResourceList& list) {
-  const FSResourceList added = list;  // a copy: the argument may be this array's own list
-  items.insert(items.end(), added.begin(), added.end());
-  count += static_cast<uint32_t>(added.size());
+void FSResourceArray::AppendList(FSResourceList list) {
+  items.insert(items.end(), list.begin(), list.end());
+  count += static_cast<uint32_t>(list.size());
 }
 
 FSResourcePtr FSResourceArray::Get(unsigned int index) const {

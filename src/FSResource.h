@@ -99,7 +99,7 @@ struct FSResourceArray {
 
   void Append(FSResourcePtr resource);
   void Remove(const FSResourcePtr& resource);  // every entry that is this very record
-  void AppendList(const FSResourceList& list);
+  void AppendList(FSResourceList list);
   uint32_t Count() const { return count; }
   FSResourcePtr Get(unsigned int index) const;
 

@@ -15,6 +15,8 @@ class Descriptor {
  public:
   explicit Descriptor(int number = -1) : number_(number) {}
   ~Descriptor();
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
   Descriptor(Descriptor&& other) noexcept;
   Descriptor& operator=(Descriptor&& other) noexcept;
 
