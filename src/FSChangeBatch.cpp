@@ -67,7 +67,6 @@ void FSChangeBatch::EmitRecord(const FSChangedResource& record) {
   }
   if (record.action == "rootcreate") RebuildSnapshot();
   if (record.action == "rootdelete") FSEventWatcher::sTree->ClearSnapshot();
-  if (record.action == "rename" && record.isFolder) ScanUnscanned(record.path);
 }
 
 // A new folder is scanned, unless a later record says that it went or moved again: the scan is then
@@ -93,7 +92,7 @@ void FSChangeBatch::EmitRename(const FSChangedResource& earlier, const FSChanged
 
 // Puts the lists to where the folder stands in the snapshot, which a later record may know under
 // yet another name.
-void FSChangeBatch::MoveSavedLists(const FSSavedLists& saved, const FSChangedResource& created) {
+void FSChangeBatch::MoveSavedLists(FSSavedLists& saved, const FSChangedResource& created) {
   FSTree& tree = *FSEventWatcher::sTree;
   std::string place = created.path;
   for (size_t i = 0; tree.SavedList(place) == nullptr && i < records_.size(); ++i) {
@@ -111,17 +110,6 @@ void FSChangeBatch::RebuildSnapshot() {
   changes.AppendOutput(changes.templates->Fill("scan", "begin"), true);
   FSEventWatcher::sTree->InitWithPath(_path, changes, _showAll);
   changes.AppendOutput(changes.templates->Fill("scan", "complete"), true);
-}
-
-// Scans the folders at and below a new place that were announced at the old one and moved before
-// they were read.
-void FSChangeBatch::ScanUnscanned(const std::string& path) {
-  FSTree& tree = *FSEventWatcher::sTree;
-  for (const std::string& folder : tree.Unscanned(path)) {
-    if (tree.unscanned.contains(folder) && !tree.pending.contains(folder)) {
-      tree.DirSearch(folder, false, true);
-    }
-  }
 }
 
 // The first record after `position` that speaks of the same file, if it is the other half of a
@@ -176,13 +164,16 @@ void FSChangeBatch::IndexPaths() {
   std::sort(byPath_.begin(), byPath_.end());
 }
 
-// Keeps the tree's count of the paths that records still speak of.
+// Keeps the tree's account of the paths that records still speak of.
 void FSChangeBatch::Expect(const FSChangedResource& record, int change) {
+  ExpectPath(record.path, isDeletion(record) ? nullptr : &record, change);
+  if (!record.oldPath.empty()) ExpectPath(record.oldPath, nullptr, change);
+}
+
+void FSChangeBatch::ExpectPath(const std::string& path, const FSChangedResource* last, int change) {
   auto& pending = FSEventWatcher::sTree->pending;
-  for (const std::string* path : {&record.path, &record.oldPath}) {
-    if (path->empty()) continue;
-    const auto at = pending.try_emplace(*path, 0).first;
-    at->second += change;
-    if (at->second == 0) pending.erase(at);
-  }
+  const auto at = pending.try_emplace(path).first;
+  at->second.records += change;
+  if (change > 0) at->second.last = last;
+  if (at->second.records == 0) pending.erase(at);
 }

@@ -39,15 +39,15 @@ class FSChangeBatch {
   void EmitAlone(const FSChangedResource& record) EXCLUDES(mainlock);
   void EmitRename(const FSChangedResource& earlier, const FSChangedResource& later)
       EXCLUDES(mainlock);
-  void MoveSavedLists(const FSSavedLists& saved, const FSChangedResource& created);
+  void MoveSavedLists(FSSavedLists& saved, const FSChangedResource& created);
   void RebuildSnapshot() EXCLUDES(mainlock);
-  void ScanUnscanned(const std::string& path);
 
   size_t PartnerOf(size_t position) const;
   bool SpokenOfBetween(size_t from, size_t to, const FSChangedResource& record);
   bool StandsBetween(size_t from, size_t to, std::string_view path) const;
   void IndexPaths();
   void Expect(const FSChangedResource& record, int change);
+  void ExpectPath(const std::string& path, const FSChangedResource* last, int change);
 
   std::vector<FSChangedResource> records_;
   std::vector<bool> done_;           // by position: emitted, or merged into a rename

@@ -82,6 +82,12 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
+void compareBothSides(const std::string& key, std::vector<FSChangedResource>& batch) {
+  const std::string folder = key == "/" ? key : key + "/";
+  FSEventWatcher::PrintChangedFiles(folder, batch);
+  FSEventWatcher::PrintChangedFiles(folder, batch);
+}
+
 }  // namespace
 
 FSEventWatcher::FSEventWatcher() {
@@ -147,14 +153,20 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
       compared.insert(FSTree::KeyOf(paths[i]));
     }
   }
-  while (!batch.empty()) {
-    FSChangeBatch records(std::exchange(batch, {}));
+  std::unordered_set<std::string> retried;
+  do {
+    const std::vector<std::string> moved = FSChangeBatch(std::exchange(batch, {})).Emit();
     // A folder compared at its new place before it was known to be moved has been compared with
-    // nothing: what went from it meanwhile shows only now that it has its lists.
-    for (const std::string& folder : records.Emit()) {
-      if (compared.erase(folder) != 0) PrintChangedFiles(folder + "/", batch);
+    // nothing. Now it has its lists.
+    for (const std::string& folder : moved) {
+      if (compared.erase(folder) != 0) compareBothSides(folder, batch);
     }
-  }
+    for (const std::string& folder : sTree->Unread()) {
+      const bool isNext = Utility::isAllowedPath(folder + "/") && retried.insert(folder).second;
+      if (isNext) compareBothSides(folder, batch);
+    }
+  } while (!batch.empty());
+  sTree->ForgetTaken();
 }
 
 void FSEventWatcher::PrintChangedFiles(const std::string& folder,

@@ -24,7 +24,7 @@ FSReconciliation::FSReconciliation(const std::string& folder, FSTree& tree, FSCh
     : tree_(tree), log_(log), batch_(batch), key_(FSTree::KeyOf(folder)) {
   // A folder that the reader knows but that could not be read until now starts with an empty list.
   if (tree_.SavedList(key_) == nullptr && tree_.IsSavedFolder(key_)) tree_.SetSavedList(key_, {});
-  current_ = tree_.GetCurrentResourceList(folder).items;
+  tree_.NoteRead(key_, tree_.ReadCurrentList(key_, current_));
   saved_ = tree_.GetSavedResourceList(folder).items;
   told_.resize(current_.size());
   gone_.resize(saved_.size());
@@ -107,11 +107,11 @@ void FSReconciliation::Renamed(Position c, Position s) {
   Log("* RENAMED %s \"%s\"", *current);
   batch_.push_back(renameRecord(*current, saved->path));
   Leave(saved->path);
-  FSSavedLists lists;
+  std::shared_ptr<FSSavedLists> lists;
   if (saved->isFolder) lists = tree_.TakeSavedLists(saved->path);
   Add(c);
   told_[c] = true;
-  if (current->isFolder) tree_.PutSavedLists(lists, current->path);
+  if (lists != nullptr && current->isFolder) tree_.PutSavedLists(*lists, current->path);
 
   // Another file has taken the old name already.
   const Position successor = CurrentByPath().FirstByPath(saved->path);
@@ -133,9 +133,7 @@ void FSReconciliation::Deleted(Position s) {
   batch_.emplace_back("delete", *saved);
   Log("* REMOVED %s \"%s\"", *saved);
   Remove(saved->path);
-  if (saved->isFolder) {
-    batch_.back().saved = std::make_shared<FSSavedLists>(tree_.TakeSavedLists(saved->path));
-  }
+  if (saved->isFolder) batch_.back().saved = tree_.TakeSavedLists(saved->path);
 }
 
 FSReconciliation::Position FSReconciliation::OldNameOf(Position c) {

@@ -93,6 +93,13 @@ FSResourcePtr makeResource(const FileStatus& status, std::string path) {
   return resource;
 }
 
+FSResourcePtr asResource(const FSChangedResource& record) {
+  auto resource = std::make_shared<FSResource>(record.inode, record.path, record.isFolder,
+                                               record.modified, record.created, record.size, "");
+  resource->birth = record.birth;
+  return resource;
+}
+
 // Whether the list, indexed by inode, holds the file under any name.
 bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
   uint32_t at = byINode.FirstByINode(file.inode);
@@ -148,7 +155,7 @@ void FSTree::InitWithPath(const std::string& path, FSChangeEvents& queue, bool l
 void FSTree::ClearSnapshot() {
   const MutexLock lock(treeMutex);
   snapshot.clear();
-  unscanned.clear();
+  unread.clear();
 }
 
 void FSTree::BuildSnapshot() { DirSearch(rootPath, showAll, false); }
@@ -183,9 +190,13 @@ bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& e
 
 FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const {
   FSResourceList entries;
-  int error = 0;
-  ReadFolder(folder.ends_with('/') ? KeyOf(folder) : folder, entries, error);
+  ReadCurrentList(folder.ends_with('/') ? KeyOf(folder) : folder, entries);
   return FSResourceArray(std::move(entries));
+}
+
+bool FSTree::ReadCurrentList(const std::string& key, FSResourceList& entries) const {
+  int error = 0;
+  return ReadFolder(key, entries, error);
 }
 
 FSResourceArray FSTree::GetSavedResourceList(const std::string& folderWithSlash) const {
@@ -262,24 +273,26 @@ void FSTree::SetSavedList(const std::string& key, FSResourceList entries) {
 
 void FSTree::AddFolder(const std::string& key) {
   const MutexLock lock(treeMutex);
-  if (snapshot.try_emplace(key).second) unscanned.insert(key);
+  if (snapshot.try_emplace(key).second) unread.insert(key);
 }
 
-FSSavedLists FSTree::TakeSavedLists(const std::string& path) {
+std::shared_ptr<FSSavedLists> FSTree::TakeSavedLists(const std::string& path) {
   const MutexLock lock(treeMutex);
-  FSSavedLists taken{path, {}, {}};
+  auto taken = std::make_shared<FSSavedLists>();
+  taken->path = path;
   eachAtOrBelow(snapshot, path, [&](Snapshot::iterator at) {
     auto node = snapshot.extract(at);
-    taken.lists.emplace_back(std::move(node.key()), std::move(node.mapped()));
+    taken->lists.emplace_back(std::move(node.key()), std::move(node.mapped()));
   });
-  eachAtOrBelow(unscanned, path, [&](auto at) {
-    taken.unscanned.push_back(*at);
-    unscanned.erase(at);
+  eachAtOrBelow(unread, path, [&](auto at) {
+    taken->unread.push_back(*at);
+    unread.erase(at);
   });
+  taken_[path] = taken;
   return taken;
 }
 
-void FSTree::PutSavedLists(const FSSavedLists& saved, const std::string& newPath) {
+void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
   const MutexLock lock(treeMutex);
   const auto movedPath = [&](const std::string& path) {
     return newPath + path.substr(saved.path.size());
@@ -304,17 +317,42 @@ void FSTree::PutSavedLists(const FSSavedLists& saved, const std::string& newPath
         replaced.push_back(path + "/");
       }
     }
-    unscanned.erase(key);
+    unread.erase(key);
   }
-  for (const std::string& oldKey : saved.unscanned) {
-    if (snapshot.contains(movedPath(oldKey))) unscanned.insert(movedPath(oldKey));
+  saved.newPath = newPath;
+  for (const std::string& oldKey : saved.unread) {
+    if (snapshot.contains(movedPath(oldKey))) unread.insert(movedPath(oldKey));
   }
 }
 
-std::vector<std::string> FSTree::Unscanned(const std::string& path) const {
-  std::vector<std::string> found;
-  eachAtOrBelow(unscanned, path, [&](auto at) { found.push_back(*at); });
-  return found;
+void FSTree::NoteRead(const std::string& key, bool isRead) {
+  const MutexLock lock(treeMutex);
+  if (isRead) {
+    unread.erase(key);
+    return;
+  }
+  std::string place = key;
+  for (size_t moves = 0; moves <= taken_.size() && !snapshot.contains(place); ++moves) {
+    FSSavedLists* const taken = TakenAbove(place);
+    if (taken == nullptr) return;
+    if (taken->newPath.empty()) {
+      taken->unread.push_back(place);
+      return;
+    }
+    place = taken->newPath + place.substr(taken->path.size());
+  }
+  if (snapshot.contains(place)) unread.insert(place);
+}
+
+// The lists that the folder's own would be among, or null.
+FSSavedLists* FSTree::TakenAbove(const std::string& key) const {
+  if (taken_.empty()) return nullptr;
+  for (size_t end = key.size(); end != std::string::npos && end > 0;
+       end = key.rfind('/', end - 1)) {
+    const auto found = taken_.find(key.substr(0, end));
+    if (found != taken_.end()) return found->second.get();
+  }
+  return nullptr;
 }
 
 void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
@@ -342,7 +380,7 @@ void FSTree::ScanFolder(const std::string& path, const Scan& scan) {
   {
     const MutexLock lock(treeMutex);
     snapshot.insert_or_assign(path, std::move(current));
-    unscanned.erase(path);
+    unread.erase(path);
   }
   for (const std::string& subfolder : subfolders) {
     if (!scan.reportNew || (!pending.contains(subfolder) && SavedList(subfolder) != nullptr)) {
@@ -369,25 +407,35 @@ FSResourceList FSTree::ReportEntries(const std::string& path, const FSResourceLi
   FSResourceList told;
   for (const FSResourcePtr& entry : current) {
     if (scan.listSync) Queue("sync", *entry);
-    const uint32_t known = savedByPath.FirstByPath(entry->path);
-    if (known != FSResourceIndex::kNone) {
-      kept[known] = true;
-      told.push_back(saved[known]);
-      if (saved[known]->isFolder != entry->isFolder) continue;
-    } else if (pending.contains(entry->path) || holdsFile(saved, savedByINode, *entry)) {
-      continue;
+    FSResourcePtr known;
+    if (const uint32_t at = savedByPath.FirstByPath(entry->path); at != FSResourceIndex::kNone) {
+      known = saved[at];
+      kept[at] = true;
     } else {
-      told.push_back(entry);
+      known = NewEntry(entry, saved, savedByINode);
     }
-    const bool isNew =
-        entry->isFolder ? SavedList(entry->path) == nullptr : known == FSResourceIndex::kNone;
-    if (isNew) Queue("create", *entry);
-    if (entry->isFolder) AddFolder(entry->path);
+    if (known == nullptr) continue;
+    told.push_back(known);
+    const bool hasList = SavedList(entry->path) != nullptr;
+    if (known == entry && !(entry->isFolder && hasList)) Queue("create", *entry);
+    if (known->isFolder) AddFolder(entry->path);
   }
   for (size_t i = 0; i < saved.size(); ++i) {
     if (!kept[i]) told.push_back(saved[i]);
   }
   return told;
+}
+
+// What the saved list is to hold of an entry that it does not hold under this name: the entry
+// itself when it is new, what a pending record will tell of it, or nothing when a comparison has to
+// find it.
+FSResourcePtr FSTree::NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
+                               const FSResourceIndex& savedByINode) const {
+  if (const auto found = pending.find(entry->path); found != pending.end()) {
+    const FSChangedResource* record = found->second.last;
+    return record == nullptr ? nullptr : asResource(*record);
+  }
+  return holdsFile(saved, savedByINode, *entry) ? nullptr : entry;
 }
 
 void FSTree::Queue(const char* action, const FSResource& resource) {

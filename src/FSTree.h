@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -25,7 +26,8 @@
 struct FSSavedLists {
   std::string path;
   std::vector<std::pair<std::string, FSResourceList>> lists;
-  std::vector<std::string> unscanned;
+  std::vector<std::string> unread;  // those of the keys that are in FSTree::unread
+  std::string newPath;              // where they have been put in again; empty until then
 };
 
 class FSTree {
@@ -49,6 +51,9 @@ class FSTree {
   // The folder's entries on the disk now, in listing order; empty when the folder cannot be read.
   // With or without a final "/".
   FSResourceArray GetCurrentResourceList(const std::string& folder) const;
+
+  // The same without a final "/", and whether the folder could be read.
+  bool ReadCurrentList(const std::string& key, FSResourceList& entries) const;
 
   // The folder's saved entries; empty when it has no saved list. The first takes the folder with
   // its final "/", the second without.
@@ -95,14 +100,19 @@ class FSTree {
   void AddFolder(const std::string& key) EXCLUDES(treeMutex);
 
   // Takes the lists of the folder and of all below it out of the snapshot.
-  FSSavedLists TakeSavedLists(const std::string& path) EXCLUDES(treeMutex);
+  std::shared_ptr<FSSavedLists> TakeSavedLists(const std::string& path) EXCLUDES(treeMutex);
 
   // Puts taken lists in again under the new path. What the snapshot holds there already comes
   // first.
-  void PutSavedLists(const FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
+  void PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
 
-  // The folders at and below the path that have been announced and never scanned.
-  std::vector<std::string> Unscanned(const std::string& path) const;
+  // Forgets which lists have been taken, at the end of a callback.
+  void ForgetTaken() { taken_.clear(); }
+
+  // Notes whether a comparison could read the folder. Where its list has been taken, in this
+  // callback, the note goes with the list.
+  void NoteRead(const std::string& key, bool isRead) EXCLUDES(treeMutex);
+  std::vector<std::string> Unread() const { return {unread.begin(), unread.end()}; }
 
   FSChangeEvents* changes = nullptr;
   bool showAll = false;
@@ -114,13 +124,20 @@ class FSTree {
   Snapshot snapshot;
   Mutex treeMutex;
 
-  // Keys of the snapshot whose folders have been announced and never scanned. Written with the
+  // Keys of the snapshot whose folders could not be read when they were last compared or scanned,
+  // or have been announced and not been read yet: a folder that moves while the callback is on its
+  // way to it, say. They are compared again at the end of every callback. Written with the
   // snapshot.
-  std::set<std::string, std::less<>> unscanned;
+  std::set<std::string, std::less<>> unread;
 
-  // Paths that records of the running batch still speak of, and how many. A scan with `reportNew`
-  // leaves them to those records and to the comparison that the next event brings.
-  std::unordered_map<std::string, int> pending;
+  // Paths that records of the running batch, not yet handed on, speak of. A scan with `reportNew`
+  // leaves them to those records: it takes over what the last of them will tell, and nothing where
+  // that is a departure.
+  struct Pending {
+    int records = 0;
+    const FSChangedResource* last = nullptr;  // null for a departure
+  };
+  std::unordered_map<std::string, Pending> pending;
 
  private:
   struct Scan;
@@ -128,6 +145,12 @@ class FSTree {
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
   FSResourceList ReportEntries(const std::string& path, const FSResourceList& current,
                                const Scan& scan) EXCLUDES(treeMutex);
+  FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
+                         const FSResourceIndex& savedByINode) const;
   void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
+  FSSavedLists* TakenAbove(const std::string& key) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
+
+  // The lists taken in the running callback, by the folder they were of.
+  std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;
 };

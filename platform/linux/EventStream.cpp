@@ -77,6 +77,13 @@ Root lookAt(const std::string& path) {
   return root;
 }
 
+// The clock that file systems take their times from.
+timespec coarseNow() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now;
+}
+
 bool waitFor(int descriptor, milliseconds time) {
   pollfd wanted{descriptor, POLLIN, 0};
   return poll(&wanted, 1, static_cast<int>(time.count())) > 0;
@@ -119,6 +126,7 @@ struct __FSEventStream {
   void Wake();
 
   // Constant after construction, but for the loop.
+  const timespec created_ = coarseNow();
   const FSEventStreamCallback callback_;
   const std::string path_;
   const std::shared_ptr<RunLoopSource> source_;
@@ -131,6 +139,7 @@ struct __FSEventStream {
   Root::Kind rootKind_ = Root::Kind::missing;
   FolderIdentity rootIdentity_;
   bool isRootInDoubt_ = false;
+  bool wasRootAway_ = false;  // perhaps, and while a callback ran
   Clock::time_point nextRootLook_;
   Descriptor mounts_;
 
@@ -214,10 +223,11 @@ void __FSEventStream::Deliver() {
 }
 
 void __FSEventStream::Read() {
+  table_.LookBack(created_);
   while (!isStopping_) {
-    Wait();
     ReadEvents();
     CutIfDue();
+    Wait();
   }
 }
 
@@ -260,6 +270,7 @@ void __FSEventStream::ReadEvents() {
     nextRootLook_ = now + kRootPolling;
     if (!IsRootSame(lookAt(path_))) isRootInDoubt_ = true;
   }
+  if (isRootInDoubt_ && IsDelivering()) wasRootAway_ = true;
   if (isRootInDoubt_ || table_.HasChanges()) latency_.Want(now);
 }
 
@@ -276,6 +287,8 @@ void __FSEventStream::CutIfDue() {
       return;
     }
     table_.NoteRoot(std::move(now.folder));
+    // A callback that found it gone has to look again.
+    if (std::exchange(wasRootAway_, false)) table_.NameRoot();
   }
   Batch batch{table_.Cut(), false};
   if (batch.folders.empty()) {
@@ -302,6 +315,7 @@ bool __FSEventStream::IsRootSame(const Root& now) {
 void __FSEventStream::WatchRoot(Root now) {
   rootKind_ = now.kind;
   rootIdentity_ = now.identity;
+  wasRootAway_ = false;
   if (now.kind == Root::Kind::folder) {
     table_.WatchRoot(path_, std::move(now.folder));
   } else {

@@ -21,6 +21,33 @@ bool isFolder(int parent, const dirent64& entry) {
          S_ISDIR(status.st_mode);
 }
 
+// Calls `visit(entry)` for each entry of the open folder.
+template <typename Visit>
+void eachEntry(const Descriptor& folder, Visit visit) {
+  alignas(dirent64) std::array<char, 32768> buffer;
+  ssize_t size = 0;
+  while ((size = getdents64(folder.number(), buffer.data(), buffer.size())) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
+      at += entry->d_reclen;
+      const std::string_view name = entry->d_name;
+      if (name != "." && name != "..") visit(*entry);
+    }
+  }
+}
+
+// An empty name stands for the folder itself. A time without nanoseconds is taken for one kept in
+// steps of up to two seconds.
+bool isChangedSince(int folder, const char* name, const timespec& since) {
+  struct statx status;
+  const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (*name == 0 ? AT_EMPTY_PATH : 0);
+  if (statx(folder, name, flags, STATX_CTIME, &status) != 0) return true;
+  const auto& changed = status.stx_ctime;
+  if (changed.tv_nsec == 0) return changed.tv_sec + 2 > since.tv_sec;
+  return changed.tv_sec > since.tv_sec ||
+         (changed.tv_sec == since.tv_sec && changed.tv_nsec >= since.tv_nsec);
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -54,19 +81,21 @@ FolderIdentity identityOf(const Descriptor& folder) {
 
 FolderListing listFolder(const Descriptor& folder) {
   FolderListing listing;
-  alignas(dirent64) std::array<char, 32768> buffer;
-  ssize_t size = 0;
-  while ((size = getdents64(folder.number(), buffer.data(), buffer.size())) > 0) {
-    for (ssize_t at = 0; at < size;) {
-      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
-      at += entry->d_reclen;
-      const std::string_view name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      listing.isEmpty = false;
-      if (isFolder(folder.number(), *entry)) listing.subfolders.emplace_back(name);
-    }
-  }
+  eachEntry(folder, [&](const dirent64& entry) {
+    listing.isEmpty = false;
+    if (isFolder(folder.number(), entry)) listing.subfolders.emplace_back(entry.d_name);
+  });
   return listing;
+}
+
+FolderChange changedSince(const Descriptor& folder, const timespec& since) {
+  FolderChange change;
+  change.hasOtherEntries = isChangedSince(folder.number(), "", since);
+  eachEntry(folder, [&](const dirent64& entry) {
+    if (change.hasWrittenEntries) return;
+    change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
+  });
+  return change;
 }
 
 Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}

@@ -6,6 +6,7 @@
 #include <sys/inotify.h>
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <vector>
@@ -49,6 +50,14 @@ struct FolderListing {
   bool isEmpty = true;
 };
 FolderListing listFolder(const Descriptor& folder);
+
+// What has changed in an open folder since the time, going by status-change times, which nobody can
+// set back. A file system that keeps them coarsely may claim more than there was.
+struct FolderChange {
+  bool hasOtherEntries = false;
+  bool hasWrittenEntries = false;
+};
+FolderChange changedSince(const Descriptor& folder, const timespec& since);
 
 class Inotify {
  public:

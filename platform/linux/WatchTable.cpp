@@ -94,6 +94,25 @@ void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
   ++epoch_;
 }
 
+void WatchTable::LookBack(const timespec& since) {
+  if (root_ == nullptr) return;
+  Descriptor folder = openFolder(AT_FDCWD, root_->name, true);
+  if (folder.isOpen()) LookBack(*root_, std::move(folder), since, 0);
+}
+
+void WatchTable::LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth) {
+  ReadDuringWalk();
+  const FolderChange change = changedSince(handle, since);
+  if (change.hasOtherEntries) MarkFolder(folder, kLost | kGained);
+  if (change.hasWrittenEntries) MarkFolder(folder, kWritten);
+  if (depth >= kMostOpen) handle = Descriptor();
+  for (const std::unique_ptr<Folder>& child : folder.children) {
+    Descriptor below = handle.isOpen() ? openFolder(handle.number(), child->name)
+                                       : openFolder(AT_FDCWD, PathOf(*child));
+    if (below.isOpen()) LookBack(*child, std::move(below), since, depth + 1);
+  }
+}
+
 void WatchTable::Clear() {
   for (auto& [top, orphan] : std::exchange(orphans_, {})) Bury(*orphan);
   if (root_ != nullptr) Bury(*root_);
@@ -400,6 +419,10 @@ bool WatchTable::WasTaken(const Folder& parent, const std::string& name, const F
   return by == nullptr || found->second.serial != by->serial;
 }
 
+void WatchTable::NameRoot() {
+  if (root_ != nullptr) MarkFolder(*root_, kWritten);
+}
+
 // Drops the watches of the folder and all below it, and every mention of them.
 void WatchTable::Bury(Folder& folder) {
   for (const std::unique_ptr<Folder>& child : folder.children) Bury(*child);
@@ -462,10 +485,13 @@ bool WatchTable::IsInTree(const Folder& folder) const {
   return top == root_.get();
 }
 
+// Whether the folder or one above it has moved since the last batch. The callback takes what it
+// knows of a moved folder to the new place, and compares it there only afterwards. Where it knows
+// another folder of that path, though, it takes nothing along.
 bool WatchTable::IsHeldBack(const Folder& folder) const {
-  if ((folder.marks & kReplaced) != 0 || origins_.empty()) return false;
+  if (origins_.empty()) return false;
   for (const Folder* at = &folder; at != nullptr; at = at->parent) {
-    if (origins_.contains(at)) return true;
+    if ((at->marks & kReplaced) == 0 && origins_.contains(at)) return true;
   }
   return false;
 }
@@ -491,10 +517,10 @@ std::vector<NamedFolder> WatchTable::Cut() {
   std::vector<Mention> others;
   std::unordered_set<Folder*> heldBack;
   for (Folder* folder : marked_) {
-    if (IsHeldBack(*folder)) {
-      heldBack.insert(folder);
-      continue;
-    }
+    if (IsHeldBack(*folder)) heldBack.insert(folder);
+  }
+  for (Folder* folder : marked_) {
+    if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;

@@ -59,6 +59,10 @@ class WatchTable {
   // named.
   void WatchRoot(const std::string& path, Descriptor folder);
 
+  // Marks the folders in which something changed since the time, for what happened before their
+  // watches stood.
+  void LookBack(const timespec& since);
+
   // Forgets the tree and its watches.
   void Clear();
 
@@ -68,6 +72,9 @@ class WatchTable {
   // The root is the same and can be read, or cannot (a handle that is not open). When it can be
   // read again, everything is named.
   void NoteRoot(Descriptor folder);
+
+  // Names the root in the next batch, though nothing in it is known to have changed.
+  void NameRoot();
 
   // Whether something makes it doubtful that the root is still there; asking takes the doubt away.
   bool TakeRootDoubt() { return std::exchange(isRootInDoubt_, false); }
@@ -153,6 +160,7 @@ class WatchTable {
   bool NeedsListing(const Folder& folder, const Walk& walk) const;
   Folder* Relocate(int watch, Folder& parent, const std::string& name, const Descriptor& handle);
   void List(Folder& folder, Descriptor handle, const Walk& walk);
+  void LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth);
   void DetachUnlisted(Folder& folder, std::vector<std::string>& listed);
   void AdoptChild(Folder& folder, const Descriptor& handle, const std::string& name,
                   const Walk& walk);
