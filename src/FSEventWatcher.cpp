@@ -165,6 +165,7 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
       const bool isNext = Utility::isAllowedPath(folder + "/") && retried.insert(folder).second;
       if (isNext) compareBothSides(folder, batch);
     }
+    for (const FSResourcePtr& gone : sTree->TakeUntrue()) batch.emplace_back("delete", *gone);
   } while (!batch.empty());
   sTree->ForgetTaken();
 }

@@ -38,9 +38,13 @@ void FSReconciliation::Run() {
   } else {
     WalkSaved();
   }
-  if (!isEdited_ || tree_.SavedList(key_) == nullptr) return;
+  if (!isEdited_) return;
   std::erase(list_, nullptr);
-  tree_.SetSavedList(key_, std::move(list_));
+  if (tree_.SavedList(key_) != nullptr) {
+    tree_.SetSavedList(key_, std::move(list_));
+  } else {
+    tree_.NoteTold(key_, list_);
+  }
 }
 
 void FSReconciliation::WalkCurrent() {

@@ -156,6 +156,7 @@ void FSTree::ClearSnapshot() {
   const MutexLock lock(treeMutex);
   snapshot.clear();
   unread.clear();
+  told_.clear();
 }
 
 void FSTree::BuildSnapshot() { DirSearch(rootPath, showAll, false); }
@@ -276,6 +277,12 @@ void FSTree::AddFolder(const std::string& key) {
   if (snapshot.try_emplace(key).second) unread.insert(key);
 }
 
+// Whether a record still to be handed on tells that what has this path is gone.
+bool FSTree::IsDeparting(const std::string& path) const {
+  const auto found = pending.find(path);
+  return found != pending.end() && found->second.last == nullptr;
+}
+
 std::shared_ptr<FSSavedLists> FSTree::TakeSavedLists(const std::string& path) {
   const MutexLock lock(treeMutex);
   auto taken = std::make_shared<FSSavedLists>();
@@ -306,12 +313,17 @@ void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
       continue;
     }
     FSResourceList& list = snapshot[key];
+    if (const auto told = told_.find(key); told != told_.end()) {
+      list.insert(list.end(), told->second.begin(), told->second.end());
+      told_.erase(told);
+    }
     const FSResourceList present = list;
     const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
     for (const FSResourcePtr& entry : entries) {
       std::string path = movedPath(entry->path);
       const uint32_t at = presentByPath.FirstByPath(path);
       if (at == FSResourceIndex::kNone) {
+        if (IsDeparting(path)) continue;
         list.push_back(movedResource(*entry, std::move(path)));
       } else if (entry->isFolder && !present[at]->isFolder) {
         replaced.push_back(path + "/");
@@ -323,6 +335,35 @@ void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
   for (const std::string& oldKey : saved.unread) {
     if (snapshot.contains(movedPath(oldKey))) unread.insert(movedPath(oldKey));
   }
+}
+
+void FSTree::NoteTold(const std::string& key, const FSResourceList& entries) {
+  FSResourceList& told = told_[key];
+  const FSResourceList before = told;
+  const FSResourceIndex beforeByPath(before, FSResourceIndex::Key::path);
+  for (const FSResourcePtr& entry : entries) {
+    const uint32_t at = beforeByPath.FirstByPath(entry->path);
+    if (at == FSResourceIndex::kNone) {
+      told.push_back(entry);
+    } else {
+      told[at] = entry;
+    }
+  }
+}
+
+FSResourceList FSTree::TakeUntrue() {
+  FSResourceList untrue;
+  std::erase_if(told_, [&](const auto& told) {
+    const FSResourceList* saved = SavedList(told.first);
+    if (saved == nullptr && GetResource(told.first) != nullptr) return false;
+    const FSResourceList none;
+    const FSResourceIndex savedByPath(saved != nullptr ? *saved : none, FSResourceIndex::Key::path);
+    for (const FSResourcePtr& entry : told.second) {
+      if (savedByPath.FirstByPath(entry->path) == FSResourceIndex::kNone) untrue.push_back(entry);
+    }
+    return true;
+  });
+  return untrue;
 }
 
 void FSTree::NoteRead(const std::string& key, bool isRead) {

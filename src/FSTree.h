@@ -106,6 +106,13 @@ class FSTree {
   // first.
   void PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
 
+  // Notes what a comparison has told of a folder that has no saved list.
+  void NoteTold(const std::string& key, const FSResourceList& entries);
+
+  // Of what has been told of folders without a saved list, what the reader has to be told is gone:
+  // it is not in the list that the folder has by now, or the folder is not there.
+  FSResourceList TakeUntrue();
+
   // Forgets which lists have been taken, at the end of a callback.
   void ForgetTaken() { taken_.clear(); }
 
@@ -148,9 +155,13 @@ class FSTree {
   FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
                          const FSResourceIndex& savedByINode) const;
   void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
+  bool IsDeparting(const std::string& path) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
 
   // The lists taken in the running callback, by the folder they were of.
   std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;
+
+  // What has been told of folders without a saved list, and not been taken back.
+  std::unordered_map<std::string, FSResourceList> told_;
 };

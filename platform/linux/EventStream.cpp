@@ -47,6 +47,9 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kRootPolling(1000);  // where the way to the root cannot be watched
+constexpr milliseconds kVisitPause(100);    // folders without a watch are visited in slices,
+constexpr milliseconds kVisitBudget(7);     // each at most this long,
+constexpr milliseconds kVisitRound(10000);  // all of them in this time, if the budget allows
 constexpr milliseconds kMoveWait(2);        // for the second half of a move
 
 std::string withoutFinalSlash(std::string path) {
@@ -117,6 +120,7 @@ struct __FSEventStream {
   void Read() EXCLUDES(lock_);
   void Wait();
   void ReadEvents();
+  void VisitUnwatched();
   void ReadMounts();
   void CutIfDue() EXCLUDES(lock_);
   bool IsRootSame(const Root& now);
@@ -139,8 +143,10 @@ struct __FSEventStream {
   Root::Kind rootKind_ = Root::Kind::missing;
   FolderIdentity rootIdentity_;
   bool isRootInDoubt_ = false;
-  bool wasRootAway_ = false;  // perhaps, and while a callback ran
+  bool wasDelivering_ = false;  // until EndDelivery
+  bool wasRootAway_ = false;    // perhaps, and while a callback ran
   Clock::time_point nextRootLook_;
+  std::optional<Clock::time_point> nextVisit_;
   Descriptor mounts_;
 
   Descriptor wake_;
@@ -226,15 +232,34 @@ void __FSEventStream::Read() {
   table_.LookBack(created_);
   while (!isStopping_) {
     ReadEvents();
+    VisitUnwatched();
     CutIfDue();
     Wait();
   }
 }
 
+// Looks at some of the folders that have no watch, when it is time.
+void __FSEventStream::VisitUnwatched() {
+  const auto count = static_cast<int64_t>(table_.UnwatchedCount());
+  const Clock::time_point now = Clock::now();
+  if (count == 0) {
+    nextVisit_.reset();
+    return;
+  }
+  const milliseconds pause = std::max(kVisitPause, kVisitRound / count);
+  if (!nextVisit_) nextVisit_ = now + pause;
+  if (now < *nextVisit_) return;
+  const int64_t wanted = count * pause / kVisitRound + 1;
+  for (int64_t i = 0; i < wanted && Clock::now() < now + kVisitBudget; ++i) table_.VisitNext();
+  nextVisit_ = Clock::now() + pause;
+  if (table_.HasChanges()) latency_.Want(Clock::now());
+}
+
 // Sleeps until the kernel has something, a batch is due, or the run loop is done with one.
 void __FSEventStream::Wait() {
   std::optional<Clock::time_point> until;
-  if (!IsDelivering()) until = latency_.Due();
+  if (!wasDelivering_) until = latency_.Due();
+  if (nextVisit_) until = std::min(until.value_or(*nextVisit_), *nextVisit_);
   if (chain_.NeedsPolling()) until = std::min(until.value_or(nextRootLook_), nextRootLook_);
   int timeout = -1;
   if (until) {
@@ -263,19 +288,24 @@ void __FSEventStream::ReadMounts() {
 
 void __FSEventStream::ReadEvents() {
   const Clock::time_point now = Clock::now();
+  const bool isDelivered = wasDelivering_ && !IsDelivering();
   table_.Read();
+  if (isDelivered) {
+    wasDelivering_ = false;
+    table_.EndDelivery();
+  }
   if (chain_.Read()) isRootInDoubt_ = true;
   if (table_.TakeRootDoubt()) isRootInDoubt_ = true;
   if (chain_.NeedsPolling() && now >= nextRootLook_) {
     nextRootLook_ = now + kRootPolling;
     if (!IsRootSame(lookAt(path_))) isRootInDoubt_ = true;
   }
-  if (isRootInDoubt_ && IsDelivering()) wasRootAway_ = true;
+  if (isRootInDoubt_ && wasDelivering_) wasRootAway_ = true;
   if (isRootInDoubt_ || table_.HasChanges()) latency_.Want(now);
 }
 
 void __FSEventStream::CutIfDue() {
-  if (!latency_.IsDue(Clock::now()) || IsDelivering()) return;
+  if (!latency_.IsDue(Clock::now()) || wasDelivering_) return;
   if (table_.EndsInMove() && waitFor(table_.number(), kMoveWait)) table_.Read();
   if (std::exchange(isRootInDoubt_, false)) {
     chain_.Watch();
@@ -329,6 +359,7 @@ bool __FSEventStream::IsDelivering() {
 }
 
 void __FSEventStream::HandOver(Batch batch) {
+  wasDelivering_ = true;
   {
     const MutexLock lock(lock_);
     batch_ = std::move(batch);

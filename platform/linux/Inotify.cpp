@@ -9,6 +9,7 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <string_view>
 #include <utility>
 
@@ -21,11 +22,17 @@ bool isFolder(int parent, const dirent64& entry) {
          S_ISDIR(status.st_mode);
 }
 
+uint64_t mixed(uint64_t bits) {
+  bits *= 0x9E3779B97F4A7C15U;
+  return bits ^ (bits >> 29);
+}
+
 // Calls `visit(entry)` for each entry of the open folder.
 template <typename Visit>
 void eachEntry(const Descriptor& folder, Visit visit) {
   alignas(dirent64) std::array<char, 32768> buffer;
   ssize_t size = 0;
+  lseek(folder.number(), 0, SEEK_SET);
   while ((size = getdents64(folder.number(), buffer.data(), buffer.size())) > 0) {
     for (ssize_t at = 0; at < size;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
@@ -96,6 +103,25 @@ FolderChange changedSince(const Descriptor& folder, const timespec& since) {
     change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
   });
   return change;
+}
+
+uint64_t fingerprintOf(const Descriptor& folder) {
+  uint64_t sum = 0;
+  eachEntry(folder, [&](const dirent64& entry) {
+    struct statx status;
+    if (statx(folder.number(), entry.d_name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+              STATX_BASIC_STATS, &status) != 0) {
+      return;
+    }
+    uint64_t hash = std::hash<std::string_view>()(entry.d_name);
+    hash = mixed(hash ^ status.stx_ino);
+    if (!S_ISDIR(status.stx_mode)) {
+      hash = mixed(hash ^ static_cast<uint64_t>(status.stx_ctime.tv_sec));
+      hash = mixed(hash ^ status.stx_ctime.tv_nsec);
+    }
+    sum += hash;  // in whatever order they are listed
+  });
+  return sum;
 }
 
 Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}

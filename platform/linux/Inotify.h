@@ -59,6 +59,10 @@ struct FolderChange {
 };
 FolderChange changedSince(const Descriptor& folder, const timespec& since);
 
+// A number that changes when an entry of the open folder comes, goes, is written or has its
+// attributes changed. Of subfolders only their coming and going counts.
+uint64_t fingerprintOf(const Descriptor& folder);
+
 class Inotify {
  public:
   Inotify();

@@ -16,6 +16,7 @@ constexpr uint32_t kNameMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_
 constexpr int kMostOpen = 256;            // folders held open on the way down
 constexpr int kFoldersPerRead = 64;       // of a walk
 constexpr size_t kMostUnread = 16 << 20;  // bytes of events kept during a walk
+constexpr uint32_t kMostHeldBack = 3;     // batches
 constexpr size_t kMostDepartures = 1 << 16;
 
 uint8_t marksOf(uint32_t mask, uint8_t lost, uint8_t gained, uint8_t written) {
@@ -88,6 +89,7 @@ void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
   root_->born = epoch_;
   rootIdentity_ = identityOf(folder);
   SetWatch(*root_, inotify_.Add(folder, kMask));
+  if (root_->watch < 0) unwatched_[root_->serial].fingerprint = fingerprintOf(folder);
   List(*root_, std::move(folder), Walk{.length = path.size()});
   for (Folder* marked : marked_) marked->marks = 0;
   marked_.clear();
@@ -180,6 +182,9 @@ void WatchTable::ApplyEvent(const inotify_event& event, const std::string& name)
 
 void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, const std::string& name) {
   MarkFolder(folder, marksOf(event.mask, kLost, kGained, kWritten));
+  if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
+    haveFoldersMoved_ = true;
+  }
   const bool isFolder = (event.mask & IN_ISDIR) != 0 || ChildOf(folder, name) != nullptr;
   if (isFolder && (event.mask & (kNameMask | IN_ATTRIB)) != 0) Examine(folder, name);
 }
@@ -239,7 +244,7 @@ void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
     struct stat status;
     const bool isFolder = isExhausted || (lstat(join(PathOf(parent), name).c_str(), &status) == 0 &&
                                           S_ISDIR(status.st_mode));
-    if (isFolder && folder == nullptr) folder = &Enter(parent, name, -1);
+    if (isFolder && folder == nullptr) folder = &Enter(parent, name, -1, Descriptor());
     if (isFolder) {
       folder->isUnreadable = folder->isUnreadable || isPermission(error);
       return;
@@ -253,22 +258,60 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handl
   Folder* folder = ChildOf(parent, name);
   if (folder != nullptr && watch >= 0 && folder->watch == watch) {
     if (!NeedsListing(*folder, walk)) return;
-  } else if (folder != nullptr && folder->watch < 0 && FindByWatch(watch) == nullptr) {
-    SetWatch(*folder, watch);
-    MarkFolder(*folder, kLost | kGained);  // nobody saw what happened until now
+  } else if (folder != nullptr && IsUnwatched(*folder, watch, handle)) {
+    if (!HasChangedUnwatched(*folder, handle, watch) && !NeedsListing(*folder, walk)) return;
   } else {
     if (folder != nullptr) Detach(*folder);
     folder = Relocate(watch, parent, name, handle);
-    walk.isReplaced = walk.isReplaced || WasTaken(parent, name, folder);
+    walk.isReplaced =
+        walk.isReplaced || IsRecent(parent.replaced) || WasTaken(parent, name, folder);
     walk.isRelocated = folder != nullptr;
     if (folder == nullptr) {
-      folder = &Enter(parent, name, watch);
+      folder = &Enter(parent, name, watch, handle);
     } else if (!NeedsListing(*folder, walk)) {
       return;
     }
   }
   if (std::exchange(folder->isUnreadable, false)) walk.isReplaced = true;
   List(*folder, std::move(handle), walk);
+}
+
+// Whether the folder had no watch until now and is the one that is there.
+bool WatchTable::IsUnwatched(const Folder& folder, int watch, const Descriptor& handle) const {
+  if (folder.watch >= 0 || FindByWatch(watch) != nullptr) return false;
+  const FolderIdentity& known = unwatched_.at(folder.serial).identity;
+  return folder.isUnreadable || known == identityOf(handle);
+}
+
+// Compares the folder with what it was at the last visit. The watch it may have got stands already,
+// so that nothing falls between.
+bool WatchTable::HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch) {
+  Unwatched& known = unwatched_.at(folder.serial);
+  known.identity = identityOf(handle);
+  const uint64_t fingerprint = fingerprintOf(handle);
+  const bool hasChanged = std::exchange(known.fingerprint, fingerprint) != fingerprint;
+  if (hasChanged) MarkFolder(folder, kLost | kGained);
+  if (watch >= 0) SetWatch(folder, watch);
+  return hasChanged;
+}
+
+void WatchTable::VisitNext() {
+  if (unwatched_.empty()) return;
+  auto next = unwatched_.upper_bound(visited_);
+  if (next == unwatched_.end()) next = unwatched_.begin();
+  visited_ = next->first;
+  Folder& folder = *next->second.folder;
+  if (!IsInTree(folder)) return;
+  if (folder.parent != nullptr) {
+    Examine(*folder.parent, std::string(folder.name));
+    return;
+  }
+  Descriptor handle = openFolder(AT_FDCWD, folder.name, true);
+  if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
+    isRootInDoubt_ = true;
+  } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle, kMask))) {
+    List(folder, std::move(handle), Walk{.length = folder.name.size()});
+  }
 }
 
 // Whether a folder whose watch never lapsed is to be listed all the same.
@@ -282,7 +325,7 @@ bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
 // stood.
 WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::string& name,
                                          const Descriptor& handle) {
-  Folder* folder = FindByWatch(watch);
+  Folder* folder = watch >= 0 ? FindByWatch(watch) : FindUnwatched(identityOf(handle));
   if (folder == nullptr || folder == root_.get()) return nullptr;
   for (const Folder* above = &parent; above != nullptr; above = above->parent) {
     if (above == folder) return nullptr;
@@ -294,6 +337,16 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
   }
   Attach(Extract(*folder), parent, name);
   return folder;
+}
+
+// The orphan without a watch that is this folder, where birth times make sure of it.
+WatchTable::Folder* WatchTable::FindUnwatched(const FolderIdentity& identity) const {
+  if (identity.birth == 0) return nullptr;
+  for (const auto& [top, orphan] : orphans_) {
+    const auto found = unwatched_.find(top->serial);
+    if (found != unwatched_.end() && found->second.identity == identity) return top;
+  }
+  return nullptr;
 }
 
 // Enters what the folder holds. A folder is closed before those below it are opened only where the
@@ -353,13 +406,17 @@ WatchTable::Folder* WatchTable::ChildOf(const Folder& parent, std::string_view n
   return found == parent.children.end() ? nullptr : found->get();
 }
 
-WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, int watch) {
+WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, int watch,
+                                      const Descriptor& handle) {
   auto entered = std::make_unique<Folder>();
   Folder& folder = *entered;
   folder.serial = ++serials_;
   folder.born = epoch_;
   Attach(std::move(entered), parent, name);
   SetWatch(folder, watch);
+  if (watch < 0 && handle.isOpen()) {
+    unwatched_[folder.serial] = {&folder, identityOf(handle), fingerprintOf(handle)};
+  }
   return folder;
 }
 
@@ -400,7 +457,7 @@ void WatchTable::Detach(Folder& folder) {
 
 void WatchTable::NoteDeparture(const Folder& folder) {
   if (folder.born != epoch_) {
-    origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name});
+    origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name, epoch_});
   }
   if (departures_.size() >= kMostDepartures) {
     departures_.clear();
@@ -429,7 +486,9 @@ void WatchTable::Bury(Folder& folder) {
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
   marked_.erase(&folder);
-  unwatched_.erase(&folder);
+  named_.erase(&folder);
+  unsettled_.erase(&folder);
+  unwatched_.erase(folder.serial);
   origins_.erase(&folder);
 }
 
@@ -441,10 +500,10 @@ WatchTable::Folder* WatchTable::FindByWatch(int watch) const {
 void WatchTable::SetWatch(Folder& folder, int watch) {
   folder.watch = watch;
   if (watch < 0) {
-    unwatched_.insert(&folder);
+    unwatched_[folder.serial].folder = &folder;
     return;
   }
-  unwatched_.erase(&folder);
+  unwatched_.erase(folder.serial);
   Folder*& first = byWatch_[watch];
   folder.twin = first;
   first = &folder;
@@ -465,6 +524,7 @@ bool WatchTable::UnsetWatch(Folder& folder) {
 void WatchTable::MarkFolder(Folder& folder, uint8_t marks) {
   if (marks == 0) return;
   folder.marks |= marks;
+  if ((marks & kReplaced) != 0) folder.replaced = epoch_;
   marked_.insert(&folder);
 }
 
@@ -507,12 +567,35 @@ std::string WatchTable::PathOf(const Folder& folder) const {
   return folder.parent == nullptr ? folder.name : join(PathOf(*folder.parent), folder.name);
 }
 
+// The moves that this batch tells are told. Where one of the two folders that tell a move is held
+// back, so is what changed in the folder that moved, for some batches at most: folders can move in
+// a ring.
+void WatchTable::ForgetOrigins() {
+  std::unordered_set<uint64_t> heldBack;
+  for (const Folder* folder : marked_) heldBack.insert(folder->serial);
+  std::erase_if(origins_, [&](const auto& entry) {
+    const auto& [folder, origin] = entry;
+    if (origin.epoch + kMostHeldBack <= epoch_) return true;
+    return !heldBack.contains(origin.parent) &&
+           (folder->parent == nullptr || !heldBack.contains(folder->parent->serial));
+  });
+}
+
+void WatchTable::EndDelivery() {
+  if (haveFoldersMoved_) unsettled_.merge(named_);
+  named_.clear();
+}
+
 std::vector<NamedFolder> WatchTable::Cut() {
   for (auto& [top, orphan] : std::exchange(orphans_, {})) Bury(*orphan);
 
   const FSEventStreamEventFlags flags =
       isOverflown_ ? kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagKernelDropped
                    : kFSEventStreamEventFlagNone;
+  if (!std::exchange(haveFoldersMoved_, false)) {
+    for (Folder* folder : std::exchange(unsettled_, {})) MarkFolder(*folder, kLost | kGained);
+  }
+  named_.clear();
   std::vector<Mention> gaining;
   std::vector<Mention> others;
   std::unordered_set<Folder*> heldBack;
@@ -523,12 +606,13 @@ std::vector<NamedFolder> WatchTable::Cut() {
     if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
+    named_.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;
     ((marks & kGained) != 0 ? gaining : others).push_back({PathOf(*folder) + "/", isTwice});
   }
   marked_ = std::move(heldBack);
   isOverflown_ = false;
-  origins_.clear();
+  ForgetOrigins();
   std::erase_if(departures_,
                 [&](const auto& departure) { return !IsRecent(departure.second.epoch); });
   ++epoch_;

@@ -19,6 +19,7 @@
 // again when it
 //   turns up under another path.
 // - When the kernel's queue overflows, the tree is walked again and every folder named.
+// - A folder that cannot be given a watch is visited in turn; see VisitNext.
 //
 // What it keeps is bound by the number of folders, not of events.
 #pragma once
@@ -87,11 +88,20 @@ class WatchTable {
   // always in the same read.
   bool EndsInMove() const { return endsInMove_; }
 
-  bool HasChanges() const { return !marked_.empty() || isOverflown_; }
+  bool HasChanges() const { return !marked_.empty() || !unsettled_.empty() || isOverflown_; }
 
   // The folders to name, in the order of a batch: the callback works from the last to the first.
   // What changed in a folder that has moved stays for the next batch.
   std::vector<NamedFolder> Cut();
+
+  // The callback is done with the last batch, and Read has been called since. Where folders moved
+  // meanwhile, it may have found other folders than those named: they are named again when it is
+  // quiet.
+  void EndDelivery();
+
+  // Visits the next of the folders that have no watch, in turn: gives it one if it is to be had by
+  // now, and marks it if something in it changed since the last visit.
+  void VisitNext();
 
   // How many folders have a watch, and how many could not be given one.
   size_t WatchedCount() const { return byWatch_.size(); }
@@ -122,8 +132,9 @@ class WatchTable {
                              // a bind mount
     uint64_t serial = 0;     // never used twice
     int watch = -1;
-    uint32_t born = 0;     // the epoch in which it was entered
-    uint32_t touched = 0;  // the last epoch with an event about a subfolder, here or below
+    uint32_t born = 0;      // the epoch in which it was entered
+    uint32_t touched = 0;   // the last epoch with an event about a subfolder, here or below
+    uint32_t replaced = 0;  // the last epoch in which it took another one's place
     uint8_t marks = 0;
     bool isUnreadable = false;
   };
@@ -132,6 +143,14 @@ class WatchTable {
   struct Origin {
     uint64_t parent = 0;
     std::string name;
+    uint32_t epoch = 0;  // in which it left
+  };
+
+  // A folder without a watch, as it was when it was last visited.
+  struct Unwatched {
+    Folder* folder = nullptr;
+    FolderIdentity identity;
+    uint64_t fingerprint = 0;
   };
 
   // A path that a folder has left: which folder (0 for several), and in which epoch.
@@ -158,6 +177,9 @@ class WatchTable {
   void Missing(Folder& parent, const std::string& name, int error);
   void Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk);
   bool NeedsListing(const Folder& folder, const Walk& walk) const;
+  bool IsUnwatched(const Folder& folder, int watch, const Descriptor& handle) const;
+  Folder* FindUnwatched(const FolderIdentity& identity) const;
+  bool HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch);
   Folder* Relocate(int watch, Folder& parent, const std::string& name, const Descriptor& handle);
   void List(Folder& folder, Descriptor handle, const Walk& walk);
   void LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth);
@@ -166,7 +188,7 @@ class WatchTable {
                   const Walk& walk);
 
   Folder* ChildOf(const Folder& parent, std::string_view name) const;
-  Folder& Enter(Folder& parent, const std::string& name, int watch);
+  Folder& Enter(Folder& parent, const std::string& name, int watch, const Descriptor& handle);
   void Detach(Folder& folder);
   void Attach(std::unique_ptr<Folder> extracted, Folder& parent, const std::string& name);
   std::unique_ptr<Folder> Extract(Folder& folder);
@@ -179,6 +201,7 @@ class WatchTable {
   bool UnsetWatch(Folder& folder);
 
   void MarkFolder(Folder& folder, uint8_t marks);
+  void ForgetOrigins();
   void MarkAll(Folder& folder, uint8_t marks);
   void Touch(Folder& folder);
   bool IsRecent(uint32_t epoch) const { return epoch + 1 >= epoch_; }
@@ -196,7 +219,10 @@ class WatchTable {
 
   // All of these refer to folders of the tree or orphans, and are kept when one is dropped.
   std::unordered_set<Folder*> marked_;
-  std::unordered_set<Folder*> unwatched_;
+  std::unordered_set<Folder*> named_;                  // in the batch that is being delivered
+  std::unordered_set<Folder*> unsettled_;              // to be named again
+  std::map<uint64_t, Unwatched> unwatched_;            // by serial
+  uint64_t visited_ = 0;                               // the last of them
   std::unordered_map<const Folder*, Origin> origins_;  // of folders that moved since the last batch
 
   std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name
@@ -209,6 +235,7 @@ class WatchTable {
   bool isRootInDoubt_ = false;
   bool isRootLost_ = false;  // its watch is gone
   bool endsInMove_ = false;
-  std::string unread_;  // events read during a walk, to be applied after it
+  bool haveFoldersMoved_ = false;  // since the last batch was cut
+  std::string unread_;             // events read during a walk, to be applied after it
   int walked_ = 0;
 };
