@@ -1,0 +1,397 @@
+#!/usr/bin/env python3
+"""Random changes to a tree that the real tool watches; the picture kept from its records must come to equal the
+disk whenever the tree has been quiet for a few seconds.
+
+usage: soak.py TOOL SECONDS [SEED] [MODE ...]
+
+Modes (all of them in turn when none is named): mixed, burst (more lines than the emitter's pace), stopped (the tool
+is stopped while the kernel's queue overflows), stalled (nobody reads for a while), root (the watched folder itself
+goes, comes and is replaced). A failure prints the seed, the first differences and the operations that touched them,
+and the exit status is 1.
+"""
+
+import os
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+from picture import Picture, difference, disk
+
+MODES = ["mixed", "burst", "stopped", "stalled", "root"]
+LINES_PER_SECOND = 3000
+PATIENCE = 12  # seconds from the last change to the equal picture, without the emitter's backlog
+NAMES = [b"a", b"b", b"c", b"d", b"e", b"f g", b"h.txt", b"i.tmp", b"\xff\xfe", b"k<&\">", b"l%41", b"m"]
+
+
+class Tool:
+    """The watching process and the picture kept from its lines by a thread of its own."""
+
+    def __init__(self, binary, root):
+        self.picture = Picture()
+        self.lines = []
+        self.scanned = threading.Event()
+        self.may_read = threading.Event()
+        self.may_read.set()
+        log = os.environ.get("SOAK_LOG", "")  # the tool's debug log, for looking into a failure
+        self.process = subprocess.Popen([binary, root, "true", "true" if log else "false", log],
+                                        stdout=subprocess.PIPE)
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
+        if not self.scanned.wait(60):
+            raise RuntimeError("no end of the first scan within a minute")
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.may_read.wait()
+            self.lines.append(line)
+            self.picture.apply(line)
+            if line.startswith(b'<scan action="complete"'):
+                self.scanned.set()
+
+    def memory(self):
+        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+
+
+    def watches(self):
+        """The watches that the kernel counts for the instance that follows the tree."""
+        counts = []
+        for name in os.listdir(f"/proc/{self.process.pid}/fdinfo"):
+            with open(f"/proc/{self.process.pid}/fdinfo/{name}", encoding="ascii") as info:
+                counts.append(info.read().count("inotify wd:"))
+        return max(counts)
+
+
+class Mutator:
+    """Random operations below one folder, and a spare folder beside it that entries move out to and back from."""
+
+    def __init__(self, chance, base):
+        self.chance = chance
+        self.root = os.path.join(base, b"watched")
+        self.spare = os.path.join(base, b"spare")
+        os.mkdir(self.root)
+        os.mkdir(self.spare)
+        self.done = []
+        self.clock = 1_000_000_000
+        self.operations = [
+            (8, self.write), (6, self.make_folder), (3, self.make_nested), (8, self.rename), (6, self.rename_folder),
+            (4, self.remove), (2, self.remove_tree), (3, self.link), (2, self.symlink), (3, self.swap_kind),
+            (2, self.move_out), (3, self.move_in), (3, self.unpack), (2, self.exchange), (2, self.save_atomically),
+            (2, self.replace_at_once)]
+        self.weights = [weight for weight, _ in self.operations]
+
+    def folders(self, top=None):
+        found = [top or self.root]
+        for folder in found:
+            try:
+                found += [e.path for e in os.scandir(folder) if e.is_dir(follow_symlinks=False)]
+            except OSError:
+                pass
+            if len(found) > 300:
+                break
+        return found
+
+    def folder(self):
+        """A folder somewhere in the tree, found by a random walk."""
+        at = self.root
+        while self.chance.random() < 0.75:
+            try:
+                below = [e.path for e in os.scandir(at) if e.is_dir(follow_symlinks=False)]
+            except OSError:
+                break
+            if not below or at.count(b"/") > 12:
+                break
+            at = self.chance.choice(below)
+        return at
+
+    def name(self):
+        return self.chance.choice(NAMES) + (b"%d" % self.chance.randrange(4))
+
+    def fresh(self):
+        return os.path.join(self.folder(), self.name())
+
+    def entry(self, wanted=lambda e: True, top=None):
+        try:
+            entries = [e.path for e in os.scandir(top or self.folder()) if wanted(e)]
+        except OSError:
+            entries = []
+        if not entries:
+            raise FileNotFoundError
+        return self.chance.choice(sorted(entries))
+
+    @staticmethod
+    def is_folder(entry):
+        return entry.is_dir(follow_symlinks=False)
+
+    @staticmethod
+    def is_file(entry):
+        return entry.is_file(follow_symlinks=False)
+
+    def stamp(self, path):
+        """Another second each time, so that a rewritten file is a changed one."""
+        self.clock += 1
+        os.utime(path, (self.clock, self.clock))
+
+    def fill(self, path):
+        with open(path, "wb") as file:
+            file.write(b"x" * self.chance.randrange(100))
+        self.stamp(path)
+
+    def write(self):
+        path = self.fresh()
+        self.fill(path)
+        return "write", path
+
+    def make_folder(self):
+        path = self.fresh()
+        os.mkdir(path)
+        return "mkdir", path
+
+    def make_nested(self):
+        path = self.fresh()
+        below = os.path.join(path, *[self.name() for _ in range(self.chance.randrange(1, 6))])
+        os.makedirs(below)
+        for folder in self.folders(path):
+            self.fill(os.path.join(folder, self.name()))
+        return "mkdir -p", below
+
+    def rename(self):
+        old, new = self.entry(), self.fresh()
+        os.rename(old, new)
+        return "rename", old, new
+
+    def rename_folder(self):
+        old, new = self.entry(self.is_folder), self.fresh()
+        os.rename(old, new)
+        return "rename folder", old, new
+
+    def remove(self):
+        path = self.entry(lambda e: not self.is_folder(e))
+        os.unlink(path)
+        return "unlink", path
+
+    def remove_tree(self):
+        path = self.entry(self.is_folder)
+        shutil.rmtree(path)
+        return "rm -r", path
+
+    def link(self):
+        old, new = self.entry(self.is_file), self.fresh()
+        os.link(old, new)
+        return "link", old, new
+
+    def symlink(self):
+        target, path = self.chance.choice([self.folder(), b"nowhere"]), self.fresh()
+        os.symlink(target, path)
+        return "symlink", path
+
+    def swap_kind(self):
+        path = self.entry()
+        if os.path.isdir(path) and not os.path.islink(path):
+            shutil.rmtree(path)
+            self.chance.choice([self.fill, lambda p: os.symlink(b".", p)])(path)
+        else:
+            os.unlink(path)
+            os.mkdir(path)
+            self.fill(os.path.join(path, self.name()))
+        return "swap kind", path
+
+    def move_out(self):
+        old, new = self.entry(), os.path.join(self.spare, self.name())
+        os.rename(old, new)
+        return "move out", old, new
+
+    def move_in(self):
+        old = self.entry(top=self.spare)
+        if os.path.isdir(old) and not os.path.islink(old) and self.chance.random() < 0.5:
+            for folder in self.folders(old)[:5]:
+                self.fill(os.path.join(folder, self.name()))
+        new = self.fresh()
+        os.rename(old, new)
+        return "move in", old, new
+
+    def unpack(self):
+        """What unpackers do: a temporary name in a new folder, renamed, and then the folder is moved."""
+        top, final = self.fresh(), self.fresh()
+        os.mkdir(top)
+        for _ in range(self.chance.randrange(1, 8)):
+            name = self.name()
+            temporary = os.path.join(top, b"part" + name)
+            self.fill(temporary)
+            os.rename(temporary, os.path.join(top, name))
+            if self.chance.random() < 0.3:
+                os.mkdir(os.path.join(top, b"sub" + name))
+        os.rename(top, final)
+        return "unpack", top, final
+
+    def exchange(self):
+        a, b = self.entry(), self.entry()
+        spare = a + b".swap"
+        os.rename(a, spare)
+        try:
+            os.rename(b, a)
+        except OSError:
+            os.rename(spare, a)
+            raise
+        os.rename(spare, b)
+        return "exchange", a, b
+
+    def save_atomically(self):
+        path = self.entry(self.is_file)
+        self.fill(path + b".new")
+        os.rename(path + b".new", path)
+        return "save", path
+
+    def replace_at_once(self):
+        path, new = self.entry(lambda e: not self.is_folder(e)), self.fresh()
+        os.unlink(path)
+        self.fill(new)
+        return "rm and touch", path, new
+
+    def replace_root(self):
+        away = self.root + b".away"
+        os.rename(self.root, away)
+        if self.chance.random() < 0.5:
+            time.sleep(self.chance.random())
+        if self.chance.random() < 0.5:
+            os.mkdir(self.root)
+            self.fill(os.path.join(self.root, b"new"))
+            shutil.rmtree(away)
+        else:
+            os.rename(away, self.root)
+        return "replace root", self.root
+
+    def step(self):
+        operation = self.chance.choices(self.operations, self.weights)[0][1]
+        try:
+            self.done.append(operation())
+        except OSError:
+            pass
+
+
+def settle(tool, mutator):
+    """Waits until the picture equals the disk; the differences that are left when it does not come to that."""
+    now = disk(mutator.root)
+    backlog = len(difference(tool.picture.entries, now))
+    deadline = time.monotonic() + PATIENCE + 3 * backlog / LINES_PER_SECOND
+    while True:
+        count = len(tool.lines)
+        left = difference(dict(tool.picture.entries), now)
+        if not left or (time.monotonic() > deadline and len(tool.lines) == count):
+            return left
+        if len(tool.lines) != count:
+            deadline = max(deadline, time.monotonic() + 3)
+        time.sleep(0.1)
+
+
+def disturb(mode, tool, mutator, chance):
+    """One round of changes in the mode's manner."""
+    if mode == "mixed":
+        for _ in range(chance.randrange(10, 200)):
+            mutator.step()
+            if chance.random() < 0.2:
+                time.sleep(chance.random() * chance.choice([0.01, 0.1, 0.6]))
+    elif mode == "burst":
+        for _ in range(chance.randrange(1000, 3000)):
+            mutator.step()
+    elif mode == "stopped":
+        tool.process.send_signal(signal.SIGSTOP)
+        two = [os.path.join(mutator.root, b"load%d" % chance.getrandbits(60)) for _ in range(2)]
+        files = [open(path, "ab", buffering=0) for path in two]
+        for i in range(20000):  # the kernel's queue holds 16,384 events
+            files[i % 2].write(b"x")
+            if i % 50 == 0:
+                mutator.step()
+        for file in files:
+            file.close()
+            mutator.done.append(("load", file.name))
+        for _ in range(200):
+            mutator.step()
+        tool.process.send_signal(signal.SIGCONT)
+    elif mode == "stalled":
+        tool.may_read.clear()
+        for _ in range(chance.randrange(500, 2000)):
+            mutator.step()
+        time.sleep(2)
+        tool.may_read.set()
+    elif mode == "root":
+        for _ in range(chance.randrange(5, 40)):
+            mutator.step()
+        try:
+            mutator.done.append(mutator.replace_root())
+        except OSError:
+            pass
+        for _ in range(chance.randrange(20)):
+            mutator.step()
+
+
+def shrink(mutator):
+    """Keeps the tree small enough for many rounds."""
+    if len(mutator.folders()) > 250:
+        for entry in list(os.scandir(mutator.root)):
+            if entry.is_dir(follow_symlinks=False):
+                shutil.rmtree(entry.path)
+            else:
+                os.unlink(entry.path)
+    for entry in list(os.scandir(mutator.spare))[20:]:
+        if entry.is_dir(follow_symlinks=False):
+            shutil.rmtree(entry.path)
+        else:
+            os.unlink(entry.path)
+
+
+def report(seed, rounds, mode, left, tool, mutator):
+    print(f"FAILED with seed {seed} in round {rounds} ({mode}): {len(left)} differences")
+    for path, pictured, real in left[:5]:
+        print(f"  {path!r}: picture {pictured}, disk {real}")
+    names = left[0][0].split(b"/")[-2:] if left else []
+    print("operations that touched the first:")
+    for operation in [done for done in mutator.done if any(n in p for n in names for p in done[1:])][-15:]:
+        print("  ", *[str(part) for part in operation])
+    print("last records:")
+    for line in [line for line in tool.lines if any(
+            n in line or n.replace(b".", b"%2e") in line for n in names[-1:])][-15:]:
+        print("  ", line.decode(errors="replace").rstrip())
+    folders = 1 + list(disk(mutator.root).values()).count("folder")
+    print(f"{folders} folders, {tool.watches()} watches")
+    for line in tool.picture.oddities[:5]:
+        print("   odd:", line.decode(errors="replace").rstrip())
+
+
+def main():
+    binary, seconds = sys.argv[1], float(sys.argv[2])
+    seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 32)
+    modes = sys.argv[4:] or MODES
+    chance = random.Random(seed)
+    base = tempfile.mkdtemp(prefix="soak").encode()
+    mutator = Mutator(chance, base)
+    for _ in range(50):
+        mutator.step()
+    tool = Tool(binary, mutator.root)
+    end = time.monotonic() + seconds
+    rounds, failed = 0, False
+    memory = []
+    while time.monotonic() < end and not failed:
+        mode = modes[rounds % len(modes)]
+        rounds += 1
+        disturb(mode, tool, mutator, chance)
+        left = settle(tool, mutator)
+        failed = bool(left) or tool.process.poll() is not None
+        if failed:
+            report(seed, rounds, mode, left, tool, mutator)
+        memory.append(tool.memory() if tool.process.poll() is None else 0)
+        shrink(mutator)
+    tool.process.kill()
+    shutil.rmtree(base, ignore_errors=True)
+    print(f"seed {seed}: {rounds} rounds, {len(mutator.done)} operations, {len(tool.lines)} records, "
+          f"{len(tool.picture.oddities)} odd ones, memory {memory[0]} to {memory[-1]} KiB")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,355 @@
+// The event stream through its API, with its own thread and real time.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+
+#include "CoreServices/CoreServices.h"
+#include "support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Batch {
+  std::vector<std::string> paths;
+  std::vector<FSEventStreamEventId> ids;
+  bool isRoot = false;
+};
+
+// What the callback got, which has no other way to the test.
+struct Received {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::vector<Batch> batches;
+  bool isHeld = false;  // the callback waits until it is not
+  int running = 0;
+  bool hasOverlapped = false;
+  bool endsItself = false;  // the callback takes its stream off the loop
+};
+Received* received = nullptr;
+
+void receive(ConstFSEventStreamRef stream, void* /*info*/, size_t count, void* paths,
+             const FSEventStreamEventFlags* flags, const FSEventStreamEventId* ids) {
+  std::unique_lock lock(received->lock);
+  Batch batch;
+  for (size_t i = 0; i < count; ++i) {
+    batch.paths.emplace_back(static_cast<const char**>(paths)[i]);
+    batch.ids.push_back(ids[i]);
+    EXPECT_TRUE(flags[i] == kFSEventStreamEventFlagNone ||
+                (flags[i] == kFSEventStreamEventFlagRootChanged && count == 1));
+    batch.isRoot = flags[i] == kFSEventStreamEventFlagRootChanged;
+  }
+  received->hasOverlapped = received->hasOverlapped || received->running > 0;
+  ++received->running;
+  received->batches.push_back(std::move(batch));
+  received->changed.notify_all();
+  received->changed.wait(lock, [] { return !received->isHeld; });
+  --received->running;
+  if (received->endsItself) FSEventStreamInvalidate(const_cast<FSEventStreamRef>(stream));
+}
+
+FSEventStreamRef makeStream(const std::string& path, double latency) {
+  const CFStringRef text =
+      CFStringCreateWithCString(kCFAllocatorDefault, path.c_str(), kCFStringEncodingUTF8);
+  const void* values[] = {text};
+  const CFArrayRef paths = CFArrayCreate(kCFAllocatorDefault, values, 1, nullptr);
+  const FSEventStreamRef stream = FSEventStreamCreate(kCFAllocatorDefault, receive, nullptr, paths,
+                                                      kFSEventStreamEventIdSinceNow, latency,
+                                                      kFSEventStreamCreateFlagWatchRoot);
+  CFRelease(paths);
+  CFRelease(text);
+  FSEventStreamScheduleWithRunLoop(stream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
+  return stream;
+}
+
+void endStream(FSEventStreamRef stream) {
+  FSEventStreamStop(stream);
+  FSEventStreamInvalidate(stream);
+  FSEventStreamRelease(stream);
+}
+
+size_t entriesIn(const std::string& path) {
+  return static_cast<size_t>(std::distance(fs::directory_iterator(path), {}));
+}
+
+class StreamTest : public testing::Test {
+ protected:
+  StreamTest() { ::received = &received; }
+  ~StreamTest() override {
+    stop();
+    fs::current_path("/");
+  }
+
+  // Runs a stream for the path on a thread of its own; `meanwhile` is done between its making and
+  // its start.
+  void start(const std::string& path, double latency, const std::string& meanwhile = "") {
+    std::atomic<bool> isStarted = false;
+    thread = std::thread([&, path, latency, meanwhile] {
+      const FSEventStreamRef stream = makeStream(path, latency);
+      folder.run(meanwhile);
+      EXPECT_TRUE(FSEventStreamStart(stream));
+      loop = CFRunLoopGetCurrent();
+      isStarted = true;
+      CFRunLoopRun();
+      endStream(stream);
+    });
+    while (!isStarted) std::this_thread::yield();
+  }
+
+  void stop() {
+    if (!thread.joinable()) return;
+    hold(false);
+    CFRunLoopStop(loop);
+    thread.join();
+    EXPECT_FALSE(received.hasOverlapped);
+    FSEventStreamEventId last = 0;
+    for (const Batch& batch : received.batches) {
+      for (const FSEventStreamEventId id : batch.ids) EXPECT_EQ(id, batch.isRoot ? 0 : ++last);
+    }
+  }
+
+  void hold(bool isHeld) {
+    const std::lock_guard lock(received.lock);
+    received.isHeld = isHeld;
+    received.changed.notify_all();
+  }
+
+  // Waits until the batches so far are as wanted, else fails with what did arrive.
+  void await(const std::string& what,
+             const std::function<bool(const std::vector<Batch>&)>& isThere) {
+    std::unique_lock lock(received.lock);
+    EXPECT_TRUE(received.changed.wait_for(lock, std::chrono::seconds(20),
+                                          [&] { return isThere(received.batches); }))
+        << "waited for " << what << ", got: " << text();
+  }
+
+  // Waits until the path has been named since the last call of awaitName or awaitRoot.
+  void awaitName(const std::string& path) {
+    await(path, [&](const std::vector<Batch>& batches) {
+      for (size_t i = seen; i < batches.size(); ++i) {
+        if (std::ranges::count(batches[i].paths, path) == 0) continue;
+        seen = i + 1;
+        return true;
+      }
+      return false;
+    });
+  }
+
+  size_t rootChanges() const {
+    return static_cast<size_t>(std::ranges::count(received.batches, true, &Batch::isRoot));
+  }
+
+  void awaitRoot(size_t changes) {
+    await("a root change", [&](const std::vector<Batch>& batches) {
+      seen = batches.size();
+      return rootChanges() == changes;
+    });
+  }
+
+  std::string text() const {
+    std::string all;
+    for (const Batch& batch : received.batches) {
+      for (const std::string& path : batch.paths) all += path + (batch.isRoot ? "! " : " ");
+      all += "| ";
+    }
+    return all;
+  }
+
+  TempFolder folder;
+  Received received;
+  std::thread thread;
+  CFRunLoopRef loop = nullptr;
+  size_t seen = 0;  // batches that a wait has gone through
+};
+
+TEST_F(StreamTest, NamesFoldersBelowThePathAsGiven) {
+  folder.run("mkdir t/a");
+  fs::current_path(folder / "t");
+  for (const std::string& given : {folder / "t", folder / "t/", std::string("."),
+                                   std::string("../t"), std::string("../t///")}) {
+    start(given, 0.01);
+    folder.write("t/a/f", "x");
+    awaitName(given.substr(0, given.find_last_not_of('/') + 1) + "/a/");
+    stop();
+    received.batches.clear();
+    seen = 0;
+  }
+}
+
+TEST_F(StreamTest, NamesBothHalvesOfAMoveInOneBatch) {
+  folder.run("mkdir t/a; mkdir t/b; touch t/a/f");
+  start(folder / "t", 0.0005);
+  size_t before = 0;
+  for (int i = 0; i < 300; ++i) {
+    folder.run(i % 2 == 0 ? "mv t/a/f t/b/f" : "mv t/b/f t/a/f");
+    if (i % 10 != 9) continue;
+    await("moves", [&](const auto& batches) { return batches.size() > before; });
+    const std::lock_guard lock(received.lock);
+    before = received.batches.size();
+  }
+  stop();
+  for (const Batch& batch : received.batches) {
+    EXPECT_EQ(std::ranges::count(batch.paths, folder / "t/a/") > 0,
+              std::ranges::count(batch.paths, folder / "t/b/") > 0)
+        << text();
+  }
+}
+
+TEST_F(StreamTest, NamesWhatChangedBetweenCreationAndStart) {
+  folder.run("mkdir t/a; touch t/a/f; mkdir t/b");
+  start(folder / "t", 0.01, "mkdir t/b/c; touch t/a/f 900");
+  await("both folders", [&](const std::vector<Batch>& batches) {
+    return !batches.empty() && std::ranges::count(batches[0].paths, folder / "t/a/") > 0 &&
+           std::ranges::count(batches[0].paths, folder / "t/b/") > 0;
+  });
+}
+
+TEST_F(StreamTest, DrainsTheQueueDuringACallbackAndNamesItsChangesNext) {
+  folder.run("mkdir t/a; touch t/f");
+  hold(true);
+  start(folder / "t", 0.01);
+  folder.write("t/f", "x");
+  awaitName(folder / "t/");
+  folder.run("mkdir t/a/b/c; touch t/a/f; mv t/a/f t/g");
+  EXPECT_TRUE(comesTrue([] {
+    int unread = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      int size = 0;
+      std::error_code ignored;
+      if (fs::read_symlink(entry.path(), ignored) != "anon_inode:inotify") continue;
+      ioctl(std::stoi(entry.path().filename()), FIONREAD, &size);
+      unread += size;
+    }
+    return unread == 0;
+  }));
+  {
+    const std::lock_guard lock(received.lock);
+    EXPECT_EQ(received.batches.size(), 1U) << text();
+  }
+  hold(false);
+  await("a second batch", [](const auto& batches) { return batches.size() >= 2; });
+  const std::lock_guard lock(received.lock);
+  EXPECT_EQ(received.batches[1].paths, (std::vector<std::string>{folder / "t/a/b/", folder / "t/a/",
+                                                                 folder / "t/a/", folder / "t/"}))
+      << text();
+}
+
+// Each of the changes is one change of the root; a "+" before it says that there is a root then.
+struct RootCase {
+  std::string before, path;
+  std::vector<std::string> changes;
+};
+
+class RootCases : public StreamTest, public testing::WithParamInterface<RootCase> {};
+
+TEST_P(RootCases, AreOneEventEachAndTheNewRootIsWatched) {
+  const RootCase& test = GetParam();
+  folder.run("mkdir outside; " + test.before);
+  for (const std::string link : {"x", "y"}) fs::create_symlink(link, folder / ("to-" + link));
+  const std::string path = folder / test.path;
+  start(path, 0.02);
+  for (size_t i = 0; i < test.changes.size(); ++i) {
+    const bool isThere = test.changes[i].front() == '+';
+    folder.run(test.changes[i].substr(isThere ? 1 : 0));
+    awaitRoot(i + 1);
+    EXPECT_EQ(received.batches.back().paths, std::vector<std::string>{path}) << text();
+    if (!isThere) continue;
+    folder.write(test.path + "/a/f", "x");
+    awaitName(path + "/a/");
+  }
+  stop();
+  EXPECT_EQ(rootChanges(), test.changes.size()) << text();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Root, RootCases,
+    testing::Values(
+        RootCase{"mkdir t/a", "t", {"rm t", "+mkdir t/a", "mv t u", "+mv u t"}},
+        RootCase{"mkdir t/a; mkdir u/a", "t", {"mv t v", "+mv u t", "mv t outside/t"}},
+        RootCase{"", "p/q/t", {"+mkdir p/q/t/a", "rm p", "+mkdir p/q/t/a", "mv p z", "+mv z p"}},
+        RootCase{"mkdir p; mkdir z/t/a", "p/q/t", {"+mv z p/q", "rm p/q", "+mkdir p/q/t/a"}},
+        RootCase{"mkdir x/t/a; mkdir y/t/a", "to-x/t", {"+mv to-y to-x", "rm y", "+mkdir y/t/a"}},
+        RootCase{"mkdir x/a; mkdir y/a", "to-x", {"+mv to-y to-x", "rm to-x", "+mkdir to-x/a"}}));
+
+TEST_F(StreamTest, RootIsTheSameAgainOrTakesWhatWasPendingWithIt) {
+  folder.run("mkdir p/t/a");
+  start(folder / "p/t", 0.5);
+  folder.run("mv p z; mv z p; mv p/t z; mv z p/t; touch p/t/a/f");
+  awaitName(folder / "p/t/a/");
+  EXPECT_EQ(rootChanges(), 0U) << text();
+  folder.run("touch p/t/a/g; rm p");
+  awaitRoot(1);
+  stop();
+  EXPECT_EQ(received.batches.size(), 2U) << text();
+}
+
+TEST_F(StreamTest, EndsWithoutAThreadOrDescriptorLeft) {
+  folder.run("mkdir t");
+  const size_t threads = entriesIn("/proc/self/task");
+  const size_t descriptors = entriesIn("/proc/self/fd");
+  for (const bool endsItself : {false, true}) {
+    received.endsItself = endsItself;
+    start(folder / "t", 0.01);
+    EXPECT_EQ(entriesIn("/proc/self/task"), threads + 2);
+    folder.write("t/f", "x");
+    awaitName(folder / "t/");
+    if (endsItself) thread.join();  // the loop has no source left
+    stop();
+    EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors);
+    EXPECT_TRUE(comesTrue([&] { return entriesIn("/proc/self/task") == threads; }));
+  }
+  CFRunLoopStop(CFRunLoopGetCurrent());
+  const FSEventStreamRef stream = makeStream(folder / "t", 0.01);
+  EXPECT_TRUE(FSEventStreamStart(stream));
+  CFRunLoopRun();  // has been stopped before
+  endStream(stream);
+  EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors);
+}
+
+// Allows this process, in a user namespace of its own, so many inotify instances only.
+bool limitInstances(int count) {
+  if (unshare(CLONE_NEWUSER) != 0) return false;
+  std::ofstream limit("/proc/sys/user/max_inotify_instances");
+  return static_cast<bool>(limit << count << std::flush);
+}
+
+class LimitedInstances : public StreamTest, public testing::WithParamInterface<int> {};
+
+// With none there is no stream; with one the way to the root is looked at from time to time.
+TEST_P(LimitedInstances, FailOrAreDoneWithout) {
+  folder.run("mkdir p/t");
+  constexpr int kNotPermitted = 77;
+  const pid_t child = fork();
+  if (child == 0) {
+    if (!limitInstances(GetParam())) _exit(kNotPermitted);
+    if (GetParam() > 0) {
+      start(folder / "p/t", 0.01);
+      folder.run("mv p z");
+      awaitRoot(1);
+      stop();
+    } else {
+      const size_t descriptors = entriesIn("/proc/self/fd");
+      const FSEventStreamRef stream = makeStream(folder / "p/t", 0.01);
+      EXPECT_FALSE(FSEventStreamStart(stream));
+      endStream(stream);
+      EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors);
+    }
+    _exit(HasFailure() ? 1 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  if (WEXITSTATUS(status) == kNotPermitted) GTEST_SKIP() << "no user namespace to be had";
+  EXPECT_EQ(status, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Count, LimitedInstances, testing::Values(0, 1));
+
+}  // namespace

@@ -1,0 +1,142 @@
+#include <cstring>
+
+#include "watcher_test.h"
+
+namespace {
+
+FSResourcePtr entry(uint64_t inode, const std::string& path, bool isFolder = false) {
+  return std::make_shared<FSResource>(inode, path, isFolder, timespec{1, 0}, timespec{2, 0}, 3, "");
+}
+
+TEST(ResourceArray, LooksUpByTheNamedFieldOnly) {
+  const FSResourceList list = {entry(1, "/a/b"), entry(1, "/a/b/c"), entry(3, "/a/b"),
+                               entry(4, "/a/A")};
+  const FSResource b = *entry(3, "/a/b");
+  FSResourceArray array(list);
+  EXPECT_EQ(array.IndexOfByPath(b), 0);
+  EXPECT_EQ(array.IndexOfByINode(b), 2);
+  EXPECT_EQ(array.IndexOfByPath(*entry(1, "/a/B")), -1);
+  EXPECT_EQ(array.IndexOfByINode(*entry(9, "/a/b")), -1);
+  EXPECT_EQ(array.Get(4), nullptr);
+  EXPECT_EQ(array.CompareByPath(b, true, false, true), (FSResourceList{list[0], list[2], list[3]}));
+  EXPECT_EQ(array.CompareByPath(b, false, true, false), FSResourceList{list[1]});
+  array.AppendList(array.items);
+  array.Remove(array.items[0]);
+  array.Remove(entry(4, "/a/A"));  // an equal record, but not this very one
+  EXPECT_EQ(array.Count(), 6U);
+  EXPECT_EQ(array.Get(0), list[1]);
+}
+
+class TreeTest : public WatcherTest {
+ protected:
+  Texts scan(const std::string& path, bool listSync, bool reportNew) {
+    tree().DirSearch(path, listSync, reportNew);
+    return records();
+  }
+};
+
+TEST_F(TreeTest, ListsEntriesButIgnoredNamesAndFollowsALinkAtTheRootOnly) {
+  folder.run("mkdir r; touch r/a.tmp; touch r/.db; mkdir r/.DS_Store; touch r/a.b.TemporaryItems");
+  folder.run("touch r/a.TMP; touch r/a.tmp.txt; touch r/._f; mkdir r/x.db; touch r/x.db/db");
+  std::filesystem::create_directory_symlink("r", folder / "R");
+  std::filesystem::create_directory_symlink("x.db", folder / "r/link");
+  for (int times = 0; times < 2; ++times) tree().InitWithPath(folder / "R//", changes(), false);
+  EXPECT_EQ(saved(true), "R: R/._f R/a.TMP R/a.tmp.txt R/link R/x.db | R/x.db: R/x.db/db");
+  EXPECT_EQ(tree().prohibitedSuffixes.size(), 28U);
+  EXPECT_FALSE(tree().isProhibited("/x.db/db"));
+  EXPECT_EQ(tree().GetCurrentResourceList(folder / "r/link/").Count(), 0U);
+  EXPECT_EQ(tree().GetCurrentResourceList(folder / "r/x.db").Get(0)->path, folder / "r/x.db/db");
+  EXPECT_NE(tree().GetCurrentResourceList("/").Get(0)->path.substr(0, 2), "//");
+}
+
+TEST_F(TreeTest, KeepsListsByFolder) {
+  FSTree& tree = TreeTest::tree();
+  for (const char* key : {"/d", "/d/e", "/d-x", "/dd"}) tree.SetSavedList(key, {});
+  tree.SetSavedList("/", {entry(1, "/d", true), entry(2, "/dd", true), entry(3, "/d", true)});
+  EXPECT_EQ(tree.GetSavedResourceList("/").Count(), 3U);
+  EXPECT_TRUE(tree.IsSavedFolder("/dd"));
+  EXPECT_FALSE(tree.IsSavedFolder("/d-x"));
+  tree.AddDirResource("/d", entry(4, "/d/f"));
+  tree.AddDirResource("/none", entry(5, "/none/g", true));
+  tree.AddDirResource("/", entry(1, "/d", true));
+  EXPECT_EQ(saved(), "/: /d /dd /d /d | /d: /d/f | /d-x: | /d/e: | /dd: | /none/g:");
+  EXPECT_EQ(tree.GetSavedResourceList("/d/").Count(), 1U);
+  EXPECT_EQ(tree.GetSavedResourceList("/d").Count(), 0U);
+  EXPECT_EQ(tree.GetSavedResourceList2("/d/").Count(), 0U);
+  tree.DeleteSavedResourceList("/d", false);
+  EXPECT_EQ(saved(), "/: /dd | /d: /d/f | /d-x: | /d/e: | /dd: | /none/g:");
+  tree.DeleteSavedResourceList("/d", true);
+  for (const char* key : {"/dd", "/d"}) {
+    tree.UpdateDir(key, FSResourceArray({entry(6, "/dd/a"), entry(7, "/dd/b"), entry(8, "/dd/a")}));
+  }
+  EXPECT_EQ(saved(), "/: /dd | /d-x: | /dd: /dd/a /dd/b /dd/a | /none/g:");
+  tree.DeleteDirResource("/dd", *entry(9, "/dd/a"));
+  EXPECT_EQ(saved(), "/: /dd | /d-x: | /dd: /dd/b | /none/g:");
+}
+
+TEST_F(TreeTest, MovesListsUnderThoseThatAreThere) {
+  FSTree& tree = TreeTest::tree();
+  tree.SetSavedList("/a", {entry(1, "/a/f"), entry(2, "/a/d", true), entry(3, "/a/g", true)});
+  tree.SetSavedList("/a/d", {entry(4, "/a/d/x")});
+  tree.SetSavedList("/a/g", {entry(5, "/a/g/y")});
+  for (const char* key : {"/ab", "/a/d/new"}) tree.AddFolder(key);
+  const auto taken = tree.TakeSavedLists("/a");
+  EXPECT_EQ(saved(), "/ab:");
+  tree.SetSavedList("/b", {entry(7, "/b/g"), entry(8, "/b/f")});  // "g" is a file here
+  tree.PutSavedLists(*taken, "/b");
+  EXPECT_EQ(saved(), "/ab: | /b: /b/g /b/f /b/d | /b/d: /b/d/x | /b/d/new:");
+  EXPECT_EQ(tree.Unread(), (Texts{"/ab", "/b/d/new"}));
+  tree.ClearSnapshot();
+  EXPECT_EQ(tree.Unread(), Texts{});
+}
+
+TEST_F(TreeTest, ScansWithEachPairOfFlags) {
+  folder.run("mkdir d; touch d/c.txt; touch x.tmp");
+  watch();
+  EXPECT_EQ(records(), Texts{});
+  EXPECT_EQ(scan(folder.path(), true, false), (Texts{"sync folder d", "sync file d/c.txt"}));
+  tree().ClearSnapshot();
+  EXPECT_EQ(scan(folder.path(), false, true), (Texts{"create folder d", "create file d/c.txt"}));
+  tree().ClearSnapshot();
+  EXPECT_EQ(scan(folder.path(), true, true),
+            pieces("sync folder d; create folder d; sync file d/c.txt; create file d/c.txt", "; "));
+  EXPECT_EQ(saved(), "/: d | d: d/c.txt");
+}
+
+TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
+  const auto errors = [](const std::string& name, int error) {
+    return Texts{"error " + name, std::string("error ") + strerror(error)};
+  };
+  folder.run("mkdir A; touch A/f; mkdir B; touch B/g");
+  tree().InitWithPath(folder / "none", changes(), false);
+  EXPECT_EQ(records(), errors("none", ENOENT));
+  EXPECT_EQ(scan(folder / "A/f", true, true), errors("A/f", ENOTDIR));
+  EXPECT_EQ(scan("/var/none", true, true), Texts{});
+  EXPECT_EQ(saved(), "");
+
+  const uid_t user = geteuid();
+  chmod(folder.path().c_str(), 0755);
+  chmod((folder / "B").c_str(), 0);
+  if (user == 0 && seteuid(65534) != 0) GTEST_SKIP() << "cannot give up the right to read all";
+  EXPECT_EQ(scan(folder.path(), false, false), errors("B", EACCES));
+  EXPECT_EQ(saved(true), "/: A B | A: A/f");
+  ASSERT_EQ(seteuid(user), 0);
+  chmod((folder / "B").c_str(), 0755);
+  EXPECT_EQ(batch({"B/"}), Texts{"create file B/g"});
+  EXPECT_EQ(batch({"B/"}), Texts{});
+}
+
+TEST_F(TreeTest, KeepsWhatTheReaderKnowsWhenItReportsWhatIsNew) {
+  folder.run("mkdir A/kind; touch A/gone; touch A/old; touch A/replaced 1; touch A/stays");
+  watch();
+  folder.run("rm A/gone; mv A/old A/name; rm A/kind; touch A/kind; mkdir A/new; touch A/new/x");
+  folder.run("touch other 2; mv other A/replaced");
+  EXPECT_EQ(scan(folder.path(), false, true),
+            (Texts{"create folder A/new", "create file A/new/x"}));
+  Texts corrected = batch({"A/new/", "A/", "A/"});
+  std::sort(corrected.begin(), corrected.end());
+  EXPECT_EQ(corrected, (Texts{"change file A/replaced", "create file A/kind", "delete file A/gone",
+                              "delete folder A/kind", "rename file A/old -> A/name"}));
+}
+
+}  // namespace

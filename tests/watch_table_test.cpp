@@ -1,0 +1,471 @@
+// The table of watched folders, the timing of batches and the way to the root, stepped by hand: no
+// thread and no clock.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "FileStatus.h"
+#include "Latency.h"
+#include "RootChain.h"
+#include "WatchTable.h"
+#include "support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The watched folder is "t"; what else stands beside it is outside.
+class WatchTableTest : public testing::Test {
+ protected:
+  void watch() { table.WatchRoot(folder / "t", openFolder(AT_FDCWD, folder / "t")); }
+
+  // TempFolder's commands, and:
+  //   write FILE       appends to it
+  //   link TARGET NAME makes a symbolic link
+  //   swap NAME NAME   exchanges two names
+  //   hold NAME        keeps the folder open until another is held
+  //   read             lets the table read its events
+  //   drop             loses the events that have not been read, as a full queue does
+  //   cut              reads and cuts a batch
+  void run(const std::string& commands) {
+    for (const std::string& command : pieces(commands, "; ")) {
+      std::istringstream words(command);
+      std::string verb, name, other;
+      words >> verb >> name >> other;
+      if (verb == "write") {
+        folder.write(name, "x");
+      } else if (verb == "link") {
+        fs::create_symlink(name, folder / other);
+      } else if (verb == "swap") {
+        swap(folder / name, folder / other);
+      } else if (verb == "hold") {
+        held = openFolder(AT_FDCWD, folder / name);
+      } else if (verb == "read") {
+        table.Read();
+      } else if (verb == "drop") {
+        drop();
+      } else if (verb == "cut") {
+        table.Read();
+        named += (named.empty() ? "" : " | ") + cut();
+      } else {
+        folder.run(command);
+      }
+    }
+  }
+
+  static void swap(const std::string& a, const std::string& b) {
+    renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+  }
+
+  void drop() {
+    std::array<char, 65536> events;
+    while (read(table.number(), events.data(), events.size()) > 0) {
+    }
+    inotify_event overflow{};
+    overflow.wd = -1;
+    overflow.mask = IN_Q_OVERFLOW;
+    table.Apply(std::string(reinterpret_cast<const char*>(&overflow), sizeof overflow));
+  }
+
+  // The next batch as its reader meets it, from the last to the first; with "!" where events were
+  // lost.
+  std::string cut() {
+    std::string names;
+    const std::vector<NamedFolder> batch = table.Cut();
+    for (auto event = batch.rbegin(); event != batch.rend(); ++event) {
+      const bool isLost = event->flags == (kFSEventStreamEventFlagMustScanSubDirs |
+                                           kFSEventStreamEventFlagKernelDropped);
+      EXPECT_TRUE(isLost || event->flags == kFSEventStreamEventFlagNone);
+      names += (names.empty() ? "" : " ") + event->path.substr(folder.path().size() + 1) +
+               (isLost ? "!" : "");
+    }
+    return names;
+  }
+
+  // The folders of the tree, the watches that the kernel has and those that the table knows of must
+  // be as many.
+  void expectEveryFolderWatched() {
+    size_t folders = 1;
+    for (const auto& entry : fs::recursive_directory_iterator(folder / "t")) {
+      if (entry.symlink_status().type() == fs::file_type::directory) ++folders;
+    }
+    const std::string info = "/proc/self/fdinfo/" + std::to_string(table.number());
+    EXPECT_EQ(pieces(readFile(info), "inotify wd:").size() - 1, folders);
+    EXPECT_EQ(table.WatchedCount(), folders);
+  }
+
+  TempFolder folder;
+  WatchTable table;
+  Descriptor held;
+  std::string named;  // by all batches
+};
+
+struct Case {
+  std::string before, changes, named;
+};
+void PrintTo(const Case& test, std::ostream* out) { *out << test.before << " > " << test.changes; }
+
+class WatchTableCases : public WatchTableTest, public testing::WithParamInterface<Case> {};
+
+TEST_P(WatchTableCases, NameWhatChangedAndLeaveNoWatch) {
+  run("mkdir t; " + GetParam().before);
+  watch();
+  run(GetParam().changes);
+  EXPECT_EQ(named, GetParam().named);
+  expectEveryFolderWatched();
+  table.Read();
+  EXPECT_EQ(cut(), "") << "after everything has been listed";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Entries, WatchTableCases,
+    testing::Values(Case{"mkdir t/a; touch t/f", "write t/f; touch t/a/g; cut", "t/a/ t/"},
+                    Case{"mkdir t/a; touch t/a/f; mkdir t/b; touch t/b/f; mkdir t/d/e; mkdir t/z",
+                         "rm t/b/f; touch t/z/f; touch t/d/e/f; touch t/d/f; write t/a/f; cut",
+                         "t/d/ t/d/e/ t/z/ t/a/ t/b/"},
+                    Case{"touch t/f", "touch t/g; rm t/f; cut", "t/ t/"},
+                    Case{"touch t/f; touch t/g", "mv t/f t/g; cut", "t/ t/"},
+                    Case{"mkdir t/a; touch t/a/g; touch t/f", "mv t/f t/a/g; cut", "t/a/ t/"},
+                    Case{"touch t/f", "ln t/f t/g; touch t/f 900; cut", "t/"},
+                    Case{"", "touch t/\xff\xfe; mkdir t/\xe4; touch t/\xe4/f; cut", "t/ t/\xe4/"},
+                    Case{"mkdir out/x; mkdir t/a",
+                         "link ../out t/l; write out/x/f; link ../../out t/a/l; cut", "t/ t/a/"},
+                    Case{"mkdir t/a/b", "mv t/a out; link ../out t/a; write out/b/f; cut",
+                         "t/ t/"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    NewFolders, WatchTableCases,
+    testing::Values(
+        Case{"", "mkdir t/a; cut; touch t/a/f; cut", "t/ | t/a/"},
+        Case{"", "mkdir t/1/2/3/4/5/6/7/8; cut; touch t/1/2/3/4/5/6/7/8/f; cut",
+             "t/ t/1/ t/1/2/ t/1/2/3/ t/1/2/3/4/ t/1/2/3/4/5/ t/1/2/3/4/5/6/ t/1/2/3/4/5/6/7/ | "
+             "t/1/2/3/4/5/6/7/8/"},
+        Case{"mkdir out/b/c; touch out/b/f", "mv out t/a; cut", "t/ t/a/ t/a/b/"},
+        Case{"mkdir t/a/b; touch t/a/b/f", "rm t/a; mkdir t/a; cut; touch t/a/f; cut",
+             "t/ t/ t/a/ t/a/ | t/a/"},
+        Case{"mkdir t/a", "hold t/a; rm t/a; mkdir t/a/b; hold t; cut; touch t/a/b/f; cut",
+             "t/ t/ t/a/ t/a/ t/a/b/ t/a/b/ | t/a/b/"},
+        Case{"mkdir t/a/b", "hold t/a/b; rm t/a; cut; hold t; cut", "t/ | "},
+        Case{"touch t/a", "rm t/a; mkdir t/a/b; cut", "t/ t/ t/a/"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Moves, WatchTableCases,
+    testing::Values(
+        Case{"mkdir t/a/b; mkdir t/c", "mv t/a t/c/a; cut; touch t/c/a/b/f; cut",
+             "t/c/ t/ | t/c/a/b/"},
+        Case{"mkdir t/a/b", "mv t/a t/c; mv t/c t/d; cut; touch t/d/b/f; cut", "t/ t/ | t/d/b/"},
+        Case{"mkdir t/a/b; mkdir t/c",
+             "touch t/a/b/f; mv t/a t/c/a; touch t/c/a/g; cut; touch t/c/a/h; cut",
+             "t/c/ t/ | t/c/a/ t/c/a/b/"},
+        Case{"mkdir t/a/b; mkdir t/c", "read; mkdir t/a/b/n/m; mv t/a t/c/a; cut; cut",
+             "t/c/ t/ | t/c/a/b/ t/c/a/b/n/"},
+        Case{"mkdir t/a; mkdir t/c", "mv t/a t/c/a; mv t/c t/d; cut; touch t/d/a/f; cut; cut",
+             "t/ t/ | t/d/ | t/d/a/"},
+        Case{"mkdir t/a/x; mkdir t/b/y", "swap t/a t/b; cut; touch t/a/y/f; touch t/b/x/f; cut",
+             "t/ t/ t/a/ t/a/ t/a/y/ t/a/y/ t/b/ t/b/ t/b/x/ t/b/x/ | t/a/y/ t/b/x/"},
+        Case{"mkdir t/a/x; mkdir t/c; touch t/c/f", "swap t/a t/c/f; cut; touch t/c/f/x/g; cut",
+             "t/ t/ t/c/ t/c/ | t/c/f/x/"},
+        Case{"mkdir t/a/x; mkdir t/b", "mv t/a t/b; cut; touch t/b/x/f; cut",
+             "t/ t/ t/b/ t/b/ t/b/x/ t/b/x/ | t/b/x/"},
+        Case{"mkdir t/a/b/c", "mv t/a out; cut; touch out/b/f; cut; mv out t/a; cut",
+             "t/ |  | t/ t/a/ t/a/b/"},
+        Case{"mkdir t/a/b", "mv t/a out; touch out/f; mkdir out/c; mv out t/a; cut; cut",
+             "t/ t/ t/a/ | "}));
+
+INSTANTIATE_TEST_SUITE_P(BeforeTheReaderListed, WatchTableCases,
+                         testing::Values(Case{"mkdir t/a/b/c; mkdir out",
+                                              "mv t/a z; mv out t/a; read; mkdir t/a/b; cut",
+                                              "t/ t/ t/a/ t/a/ t/a/b/ t/a/b/"},
+                                         Case{"mkdir t/a; touch t/a/f",
+                                              "rm t/a; cut; mkdir t/a; cut", "t/ | t/ t/a/ t/a/"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    LostEvents, WatchTableCases,
+    testing::Values(
+        Case{"mkdir t/a/b; mkdir t/c; mkdir t/d/e; mkdir t/x/y",
+             "mv t/a t/c/a; rm t/d; mkdir t/n/m; mv t/x out; drop; cut; touch t/c/a/b/f; cut",
+             "t/! t/! t/c/! t/c/! t/n/! t/n/! t/n/m/! t/n/m/! | t/c/a/ t/c/a/ t/c/a/b/ t/c/a/b/"},
+        Case{"mkdir t/a; mkdir t/b/c", "drop; swap t/a t/b; drop; mkdir t/a/c/d; cut",
+             "t/! t/! t/a/! t/a/! t/a/c/! t/a/c/! t/a/c/d/! t/a/c/d/! t/b/! t/b/!"}));
+
+TEST_F(WatchTableTest, LooksBackAtWhatChangedBeforeTheWatchesStood) {
+  run("mkdir t/a/b; touch t/a/f; mkdir t/e; touch t/e/f");
+  // The times of files may be ahead of the clock that they are compared with.
+  timespec made{}, since{};
+  clock_gettime(CLOCK_REALTIME, &made);
+  comesTrue([&] {
+    clock_gettime(CLOCK_REALTIME_COARSE, &since);
+    return std::pair(since.tv_sec, since.tv_nsec) > std::pair(made.tv_sec, made.tv_nsec);
+  });
+  run("write t/a/f; touch t/n; touch t/e/f 900");
+  watch();
+  EXPECT_EQ(cut(), "");
+  table.LookBack(since);
+  EXPECT_EQ(cut(), "t/ t/ t/a/ t/e/");
+}
+
+TEST_F(WatchTableTest, TellsHalfAMoveAndItsRootFromOthers) {
+  run("mkdir t/a; mkdir t/b; mkdir out");
+  watch();
+  run("mv t/a t/b/a; read");
+  EXPECT_FALSE(table.EndsInMove());
+  run("mv t/b out/b; read");
+  EXPECT_TRUE(table.EndsInMove());
+  EXPECT_FALSE(table.TakeRootDoubt());
+  EXPECT_TRUE(table.IsRoot(openFolder(AT_FDCWD, folder / "t")));
+  EXPECT_FALSE(table.IsRoot(openFolder(AT_FDCWD, folder / "out")));
+  run("mv t out/t; mkdir t/c; cut");
+  EXPECT_FALSE(table.IsRoot(openFolder(AT_FDCWD, folder / "t")));
+  watch();
+  run("rm out; touch t/c/f; cut");
+  EXPECT_EQ(named, "t/ | t/c/");
+  expectEveryFolderWatched();
+}
+
+// What tells an entry from every other, and of a file also what a write changes. Numbers and birth
+// times are used again at once, so it has the generation that is in a handle.
+std::string identityAt(const std::string& path) {
+  const FileStatus status = readStatus(AT_FDCWD, path.c_str()).value();
+  std::string identity = (status.isFolder ? "folder " : "") + std::to_string(status.inode) + " " +
+                         std::to_string(status.birth);
+  if (!status.isFolder) identity += " " + std::to_string(status.size);
+  alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> buffer;
+  auto* handle = reinterpret_cast<file_handle*>(buffer.data());
+  handle->handle_bytes = MAX_HANDLE_SZ;
+  int mount = 0;
+  if (name_to_handle_at(AT_FDCWD, path.c_str(), handle, &mount, 0) != 0) return identity;
+  const std::string bytes(reinterpret_cast<const char*>(handle->f_handle), handle->handle_bytes);
+  return identity + " " + std::to_string(std::hash<std::string>()(bytes));
+}
+
+// A file or folder as a reader knows it.
+struct Entry {
+  std::string identity;
+  std::map<std::string, Entry> entries;
+  bool isUnread = false;  // it was not there when it was to be listed
+  bool isFolder() const { return identity.starts_with("folder"); }
+};
+
+bool isFolder(const std::string& path) { return fs::is_directory(fs::symlink_status(path)); }
+
+Entry scan(const std::string& path) {
+  Entry entry{identityAt(path), {}};
+  if (!entry.isFolder()) return entry;
+  for (const auto& below : fs::directory_iterator(path)) {
+    entry.entries[below.path().filename()] = scan(below.path());
+  }
+  return entry;
+}
+
+// One line for each entry.
+std::string textOf(const Entry& entry, const std::string& path) {
+  std::string text = path + " " + entry.identity + "\n";
+  for (const auto& [name, below] : entry.entries) text += textOf(below, path + "/" + name);
+  return text;
+}
+
+// What a reader knows who lists the named folders only, and new folders with all below them. A
+// folder that moved takes its entries along; one that stands where another stood has that one's
+// entries until it is named. One that had moved on when it was to be listed is listed where it
+// turns up.
+class Picture {
+ public:
+  explicit Picture(const std::string& path) : path_(path), root_(scan(path)) {}
+
+  void Update(std::vector<std::string> named) {
+    for (const std::string& path : named) {
+      Entry* entry = isFolder(path) ? nullptr : Find(path);
+      if (entry != nullptr) entry->isUnread = true;
+    }
+    List(named);
+    AppendUnread(root_, path_, named);
+    List(named);  // those in folders that have moved, too
+  }
+
+  std::string Text() const { return textOf(root_, ""); }
+
+ private:
+  void List(const std::vector<std::string>& named) {
+    std::map<std::string, Entry> lost;          // by identity
+    std::map<std::string, std::string> gained;  // paths with their identities
+    for (const std::string& path : named) {
+      Entry* known = isFolder(path) ? Find(path) : nullptr;
+      if (known == nullptr) continue;
+      known->isUnread = false;
+      std::map<std::string, Entry> old = std::exchange(known->entries, {});
+      for (const auto& file : fs::directory_iterator(path)) {
+        const std::string name = file.path().filename(), identity = identityAt(file.path());
+        Entry& entry = known->entries[name];
+        if (old[name].isFolder() && isFolder(file.path())) entry = std::move(old[name]);
+        if (!entry.isFolder() && isFolder(file.path())) gained[file.path()] = identity;
+        entry.identity = identity;
+        old.erase(name);
+      }
+      for (auto& [name, entry] : old) lost[entry.identity] = std::move(entry);
+    }
+    for (const auto& [path, identity] : gained) {
+      if (Entry* entry = Find(path)) {
+        *entry = lost.contains(identity) ? std::move(lost[identity]) : scan(path);
+      }
+    }
+  }
+
+  Entry* Find(const std::string& path) {
+    Entry* entry = &root_;
+    for (const std::string& name : pieces(path.substr(path_.size()), "/")) {
+      const auto found = entry->entries.find(name);
+      if (found == entry->entries.end()) return nullptr;
+      entry = &found->second;
+    }
+    return entry;
+  }
+
+  static void AppendUnread(const Entry& entry, const std::string& path,
+                           std::vector<std::string>& paths) {
+    if (entry.isUnread) paths.push_back(path);
+    for (const auto& [name, below] : entry.entries) AppendUnread(below, path + "/" + name, paths);
+  }
+
+  const std::string path_;
+  Entry root_;
+};
+
+class RandomChanges : public WatchTableTest, public testing::WithParamInterface<unsigned> {
+ protected:
+  // A name of few, up to three folders down, or now and then outside the tree.
+  std::string name() {
+    std::string path = folder / (next(8) == 0 ? "out" : "t");
+    for (unsigned depth = 1 + next(3); depth > 0; --depth)
+      path += "/" + std::string(1, "abcd"[next(4)]);
+    return path;
+  }
+
+  // What is not possible is left undone.
+  void change() {
+    const std::string a = name();
+    std::error_code ignored;
+    const unsigned kind = next(16);
+    if (kind < 3) {
+      mkdir(a.c_str(), 0777);
+    } else if (kind < 4) {
+      fs::create_directories(a, ignored);
+    } else if (kind < 5) {
+      rmdir(a.c_str());
+    } else if (kind < 6) {
+      fs::remove_all(a, ignored);
+    } else if (kind < 11) {
+      rename(a.c_str(), name().c_str());
+    } else if (kind < 13) {
+      swap(a, name());
+    } else {
+      std::ofstream(a + (next(2) == 0 ? "f" : "/f"), std::ios::app) << "x";
+    }
+  }
+
+  unsigned next(unsigned end) { return static_cast<unsigned>(random_() % end); }
+
+  // As the stream does it: a batch is cut after the events have been read and the last batch has
+  // been delivered, but more may happen, and be read, before its folders are listed.
+  void step(Picture& picture, bool reads, bool cuts, bool lists) {
+    if (reads) table.Read();
+    isRead = isRead || reads;
+    if (cuts && isRead && cutBatch.empty()) {
+      cutBatch = table.Cut();
+      isRead = false;
+    }
+    if (!lists || cutBatch.empty()) return;
+    isRead = false;
+    std::vector<std::string> paths;
+    for (const NamedFolder& event : cutBatch) paths.insert(paths.begin(), event.path);
+    cutBatch.clear();
+    picture.Update(paths);
+    if (paths.empty()) return;
+    table.Read();
+    isRead = true;
+    table.EndDelivery();
+  }
+
+  std::vector<NamedFolder> cutBatch;
+  bool isRead = false;
+
+ private:
+  std::mt19937 random_{GetParam()};
+};
+
+TEST_P(RandomChanges, LeaveNoFolderUnwatchedOrUnnamed) {
+  run("mkdir t/a/b; mkdir out/a/b/c; touch t/a/b/f");
+  watch();
+  Picture picture(folder / "t");
+  for (int round = 0; round < 100; ++round) {
+    for (int i = 0; i < 20; ++i) {
+      change();
+      const unsigned kind = next(27);
+      step(picture, kind % 3 == 0, kind / 3 % 3 == 0, kind / 9 == 0);
+      if (next(100) == 0) drop();
+    }
+    for (int batch = 0; batch < 9; ++batch) step(picture, true, true, true);
+    EXPECT_FALSE(table.HasChanges());
+    EXPECT_EQ(picture.Text(), textOf(scan(folder / "t"), ""));
+    expectEveryFolderWatched();
+    ASSERT_FALSE(HasFailure()) << "in round " << round;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomChanges, testing::Values(1U, 2U, 3U, 4U));
+
+TEST(Latency, CountsFromTheFirstChangeAndFromTheLastDelivery) {
+  using std::chrono::milliseconds;
+  const auto at = [](int time) { return Latency::Time(milliseconds(time)); };
+  Latency latency(milliseconds(100));
+  EXPECT_FALSE(latency.Due() || latency.IsDue(at(1000)));
+  latency.Want(at(1000));
+  latency.Want(at(1090));
+  EXPECT_FALSE(latency.IsDue(at(1099)));
+  EXPECT_TRUE(latency.IsDue(at(1100)));
+  latency.Deliver(at(1150));
+  EXPECT_FALSE(latency.IsDue(at(9999)));
+  latency.Want(at(1160));
+  EXPECT_EQ(latency.Due(), at(1250));
+  latency.Forget();
+  latency.Want(at(1250));
+  EXPECT_EQ(latency.Due(), at(1350));
+}
+
+class RootChainTest : public WatchTableTest {};
+
+TEST_F(RootChainTest, HearsOfItsOwnNamesOnly) {
+  struct Way {
+    std::string before, path;
+    std::vector<std::string> changes;
+  };
+  const std::vector<Way> ways = {
+      {"mkdir x/t; mkdir y/t; link x l; link y m", "l/t", {"mv m l", "mv y/t z", "rm l"}},
+      {"mkdir p/q/t", "p/q/t", {"mv p z", "mv z p", "mv p/q z", "mv z p/q", "rm p/q/t"}},
+      {"", "p/q/t", {"mkdir p", "mkdir p/q", "touch p/q/t", "rm p/q/t", "mkdir p/q/t", "rm p"}},
+      {"mkdir x/y; mkdir t; link x/y l", "l/../../t", {"mv t u", "mv x z"}},
+      {"link m l; link l m", "l/t", {"rm m", "mkdir m/t"}},
+  };
+  for (const Way& way : ways) {
+    for (const bool isRelative : {false, true}) {
+      const TempFolder outer;
+      run(way.before);
+      if (isRelative) fs::current_path(folder.path());
+      RootChain chain(isRelative ? way.path : folder / way.path);
+      chain.Watch();
+      for (const std::string& change : way.changes) {
+        folder.write("other", "x");
+        EXPECT_FALSE(chain.Read()) << way.path << " before " << change;
+        run(change);
+        EXPECT_TRUE(chain.Read()) << way.path << " after " << change;
+        chain.Watch();
+        chain.Read();
+      }
+      EXPECT_FALSE(chain.NeedsPolling());
+      fs::current_path("/");
+      for (const auto& entry : fs::directory_iterator(folder.path())) fs::remove_all(entry);
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+// The fixture of the tests that feed a watcher with hand-made batches of events on a real folder.
+// No event stream and no emitter run.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "FSEventWatcher.h"
+#include "support.h"
+
+class WatcherTest : public testing::Test {
+ protected:
+  // Takes the snapshot of the folder as it is now.
+  void watch() {
+    _path = folder.path();
+    _pathResource = FSTree::GetResource(_path);
+    tree().InitWithPath(_path, changes(), _showAll);
+  }
+
+  // Delivers one batch that names the folders in this order, each with its final "/": "/" is the
+  // watched folder, "A/" is below it, any other name with a leading "/" is a whole path. Returns
+  // the record lines in short: "create file A/x", "rename file A/f -> B/f", "scan begin", "error
+  // A".
+  Texts batch(Texts names, FSEventStreamEventFlags flag = 0, FSEventStreamEventId id = 7) {
+    std::vector<const char*> paths;
+    for (std::string& name : names) {
+      if (name == "/") name = folder / "";
+      if (name[0] != '/') name = folder / name;
+      paths.push_back(name.c_str());
+    }
+    const std::vector<FSEventStreamEventFlags> flags(names.size(), flag);
+    const std::vector<FSEventStreamEventId> ids(names.size(), id);
+    FSEventWatcher::FSEvents_Callback(nullptr, nullptr, names.size(), paths.data(), flags.data(),
+                                      ids.data());
+    return records();
+  }
+
+  // The record lines in short that have been queued since the last call; `lines` has them whole.
+  Texts records() {
+    const MutexLock lock(changes().outputLock);
+    lines.assign(changes().outputLines.begin(), changes().outputLines.end());
+    changes().outputLines.clear();
+    Texts found;
+    for (const std::string& line : lines) found.push_back(shortened(line));
+    return found;
+  }
+
+  // The snapshot as "/: A f | A: A/g A/h".
+  std::string saved(bool sort = false) const {
+    std::string text;
+    for (const auto& [key, list] : tree().snapshot) {
+      Texts names;
+      for (const FSResourcePtr& entry : list) names.push_back(" " + entry->path);
+      if (sort) std::sort(names.begin(), names.end());
+      text += (text.empty() ? "" : " | ") + key + ":";
+      for (const std::string& name : names) text += name;
+    }
+    return shortened(text);
+  }
+
+  // Records in short, and paths relative to the watched folder, which is "/" itself.
+  std::string shortened(const std::string& text) const {
+    const std::pair<const char*, const char*> forms[] = {
+        {R"re(<(\w+) action="(\w+)" inode[^>]*oldValue="([^"]*)"[^>]*>(.*)</\w+>)re",
+         "$2 $1 $3 -> $4"},
+        {R"re(<(\w+) action="(\w+)" inode[^>]*>(.*)</\w+>)re", "$2 $1 $3"},
+        {R"re(<(\w+)(?: action="(\w+)")?>(.*)</\w+>)re", "$1 $2$3"}};
+    std::string found = std::regex_replace(text, std::regex(folder.path() + "/"), "");
+    found = std::regex_replace(found, std::regex(folder.path()), "/");
+    for (const auto& [form, brief] : forms)
+      found = std::regex_replace(found, std::regex(form), brief);
+    return found;
+  }
+
+  static FSTree& tree() { return *FSEventWatcher::sTree; }
+  static FSChangeEvents& changes() { return *FSEventWatcher::sChanges; }
+
+  TempFolder folder;
+  FSEventWatcher watcher;
+  Texts lines;
+};
