@@ -1,4 +1,4 @@
-// The part of the system's event-stream API that the tool uses, with the names, types and values
+// What the tool uses of the system's event-stream API, with the names, types and values
 // that the API has on macOS, so that the tool's own source is the same on both. Nothing else of
 // that API exists here.
 //
