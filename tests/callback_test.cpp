@@ -151,13 +151,14 @@ TEST_F(CallbackTest, LogsEventsAndFindingsButNotRefusedPaths) {
   folder.run("rm A");
   batch({"/"});
   batch({"/"}, kFSEventStreamEventFlagRootChanged, 9);
-  EXPECT_EQ(pieces(shortened(readLog(elsewhere / "log")), "\n"),
-            (Texts{R"(CHANGED "A/" , EVENT ID 7, FLAGS 1)", R"(* CHANGED file "A/f")",
-                   "change file A/f", R"(CHANGED "" , EVENT ID 7, FLAGS 0)", R"(* CREATED dir "N")",
-                   R"(CHANGED "A/" , EVENT ID 7, FLAGS 0)", R"(* RENAMED file "A/k")",
-                   "create folder N", "rename file A/f -> A/k",
-                   R"(CHANGED "" , EVENT ID 7, FLAGS 0)", R"(* REMOVED dir "A")", "delete folder A",
-                   R"(ROOT FOLDER CHANGED "" , EVENT ID 9, FLAGS 32)"}));
+  Texts log = readLog(elsewhere / "log");
+  for (std::string& line : log) line = shortened(line);
+  EXPECT_EQ(log, (Texts{R"(CHANGED "A/" , EVENT ID 7, FLAGS 1)", R"(* CHANGED file "A/f")",
+                        "change file A/f", R"(CHANGED "" , EVENT ID 7, FLAGS 0)",
+                        R"(* CREATED dir "N")", R"(CHANGED "A/" , EVENT ID 7, FLAGS 0)",
+                        R"(* RENAMED file "A/k")", "create folder N", "rename file A/f -> A/k",
+                        R"(CHANGED "" , EVENT ID 7, FLAGS 0)", R"(* REMOVED dir "A")",
+                        "delete folder A", R"(ROOT FOLDER CHANGED "" , EVENT ID 9, FLAGS 32)"}));
 }
 
 TEST(IndexOfByINode, IsTheFirstPosition) {

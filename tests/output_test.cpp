@@ -40,7 +40,7 @@ TEST(Templates, AreFoundByExactKeyAndFilledWithTextsOfAnyLength) {
   EXPECT_EQ(changes.templates->entries.size(), 19U);
   EXPECT_EQ(changes.templates->Get("DIR_SYNC"), "");
   changes.templates->Append("error", "other %s");
-  for (const size_t length : {0, 1, 494, 495, 496, 497, 10000}) {
+  for (const unsigned length : {0U, 1U, 494U, 495U, 496U, 497U, 10000U}) {
     const std::string text = std::string(length, 'x') + "%";
     EXPECT_EQ(changes.templates->Fill("error", text), "<error>" + text + "</error>");
   }
@@ -97,16 +97,18 @@ TEST(DebugLog, HoldsUnencodedRecordsAndIsMadeAgain) {
   strftime(start, sizeof start, "%F %T", localtime(&now));
   changes.AppendOutput("<path>%2fw</path>", true);
   EXPECT_GE(readFile(log).substr(1, 19), start);
+  EXPECT_EQ(readFile(log).substr(20), "] <path>%2fw</path>\n");
   changes.AppendOutput("unlogged", false);
   changes.Append(change("rootdelete", true));
   changes.Append(change("change", true));  // has no template
   changes.dolog("two\nlines, 100%s");
   EXPECT_EQ(readLog(log),
-            "<path>%2fw</path>\n<folder action=\"rootdelete\" inode=\"42\">/w/50%s <b>.c"
-            "</folder>\ntwo\nlines, 100%s\n");
+            (Texts{"<path>%2fw</path>",
+                   "<folder action=\"rootdelete\" inode=\"42\">/w/50%s <b>.c</folder>", "two",
+                   "lines, 100%s"}));
   folder.run("rm log");
   changes.dolog("again");
-  EXPECT_EQ(readLog(log), "again\n");
+  EXPECT_EQ(readLog(log), Texts{"again"});
   changes.logToFile(true, folder / "missing/log");
   changes.AppendOutput("lost", true);
   EXPECT_EQ(queued(changes), 6U);

@@ -8,7 +8,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -32,10 +31,11 @@ inline std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// The debug log without its time stamps.
-inline std::string readLog(const std::string& path) {
-  static const std::regex kStamp(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] )");
-  return std::regex_replace(readFile(path), kStamp, "");
+// The lines of the debug log without their time stamps.
+inline Texts readLog(const std::string& path) {
+  Texts lines = pieces(readFile(path), "\n");
+  for (std::string& line : lines) line.erase(0, line[0] == '[' ? 22 : 0);
+  return lines;
 }
 
 // Whether the condition comes true before the deadline.
