@@ -118,11 +118,15 @@ void FSEventWatcher::start(std::string& path, bool& showAll, bool& debugMode, st
   queueLine("scan", "begin");
   sChanges->StartThrow(kLinesPerWake);
   sTree->InitWithPath(_path, *sChanges, _showAll);
+  // A reader that has seen the end of the scan counts on hearing of every change from then on.
+  const bool isCreated = CreateStream();
   queueLine("scan", "complete");
-  if (StartStream()) CFRunLoopRun();
+  if (!isCreated) return;
+  FSEventStreamScheduleWithRunLoop(eventStream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
+  if (FSEventStreamStart(eventStream)) CFRunLoopRun();
 }
 
-bool FSEventWatcher::StartStream() {
+bool FSEventWatcher::CreateStream() {
   watchedPath =
       CFStringCreateWithCString(kCFAllocatorDefault, _path.c_str(), kCFStringEncodingUTF8);
   if (watchedPath == nullptr) return false;
@@ -131,9 +135,7 @@ bool FSEventWatcher::StartStream() {
   eventStream = FSEventStreamCreate(kCFAllocatorDefault, streamCallback, nullptr, watchedPaths,
                                     kFSEventStreamEventIdSinceNow, kLatency,
                                     kFSEventStreamCreateFlagWatchRoot);
-  if (eventStream == nullptr) return false;
-  FSEventStreamScheduleWithRunLoop(eventStream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
-  return FSEventStreamStart(eventStream);
+  return eventStream != nullptr;
 }
 
 void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /*clientInfo*/,

@@ -72,7 +72,7 @@ class FSEventWatcher {
   static FSChangeEvents* sChanges;
 
  private:
-  bool StartStream();
+  bool CreateStream();
 };
 
 // Makes the watcher, starts it and destroys it. Says "watcher not started." when `start` throws a

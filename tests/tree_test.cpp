@@ -24,7 +24,7 @@ TEST(ResourceArray, LooksUpByTheNamedFieldOnly) {
   array.Remove(array.items[0]);
   array.Remove(entry(4, "/a/A"));  // an equal record, but not this very one
   EXPECT_EQ(array.Count(), 6U);
-  EXPECT_EQ(array.Get(0), list[1]);
+  EXPECT_EQ(array.items, (FSResourceList{list[1], list[2], list[3], list[1], list[2], list[3]}));
 }
 
 class TreeTest : public WatcherTest {

@@ -65,18 +65,14 @@ class WatcherTest : public testing::Test {
       text.replace(at, folder.path().size() + isBelow, isBelow ? "" : "/");
     }
     if (text[0] != '<') return text;
-    const auto attribute = [&](const std::string& name) {
-      const size_t at = text.find(name + "=\"");
-      if (at == std::string::npos) return std::string();
-      return text.substr(at + name.size() + 2,
-                         text.find('"', at + name.size() + 2) - at - name.size() - 2);
-    };
-    const std::string action = attribute("action"), old = attribute("oldValue");
+    const Texts parts = Utility::split2(text, '"');
     const std::string tag = text.substr(1, text.find_first_of(" >") - 1);
+    const std::string action = parts.size() > 1 ? parts[1] : "";
+    const std::string old = text.find(" oldValue=") == text.npos ? "" : parts[5] + " -> ";
     const size_t start = text.find('>') + 1;
     const std::string content = text.substr(start, text.rfind('<') - start);
     if (tag != "file" && tag != "folder") return tag + " " + action + content;
-    return action + " " + tag + " " + (old.empty() ? old : old + " -> ") + content;
+    return action + " " + tag + " " + old + content;
   }
 
   static FSTree& tree() { return *FSEventWatcher::sTree; }

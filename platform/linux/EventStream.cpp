@@ -143,6 +143,7 @@ struct __FSEventStream {
   Root::Kind rootKind_ = Root::Kind::missing;
   FolderIdentity rootIdentity_;
   bool isRootInDoubt_ = false;
+  bool isRootOther_ = false;    // than when the stream was made
   bool wasDelivering_ = false;  // until EndDelivery
   bool wasRootAway_ = false;    // perhaps, and while a callback ran
   Clock::time_point nextRootLook_;
@@ -170,6 +171,9 @@ __FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::stri
       latency_(
           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(latency))) {
   source_->perform = [this] { Deliver(); };
+  const Root root = lookAt(path_);
+  rootKind_ = root.kind;
+  rootIdentity_ = root.identity;
 }
 
 __FSEventStream::~__FSEventStream() { Stop(); }
@@ -184,7 +188,10 @@ bool __FSEventStream::Start() {
   mounts_ = Descriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
   if (!table_.isOpen() || !wake_.isOpen()) return false;
   chain_.Watch();
-  WatchRoot(lookAt(path_));
+  Root now = lookAt(path_);
+  isRootOther_ = now.kind != rootKind_ || now.identity != rootIdentity_;
+  isRootInDoubt_ = isRootOther_;
+  WatchRoot(std::move(now));
   nextRootLook_ = Clock::now() + kRootPolling;
   try {
     reader_ = std::thread(&__FSEventStream::Read, this);
@@ -310,9 +317,9 @@ void __FSEventStream::CutIfDue() {
   if (std::exchange(isRootInDoubt_, false)) {
     chain_.Watch();
     Root now = lookAt(path_);
-    if (!IsRootSame(now)) {
+    if (std::exchange(isRootOther_, false) || !IsRootSame(now)) {
       WatchRoot(std::move(now));
-      latency_.Deliver(Clock::now());
+      latency_.Reset();
       HandOver({{{path_, kFSEventStreamEventFlagRootChanged}}, true});
       return;
     }
@@ -321,12 +328,8 @@ void __FSEventStream::CutIfDue() {
     if (std::exchange(wasRootAway_, false)) table_.NameRoot();
   }
   Batch batch{table_.Cut(), false};
-  if (batch.folders.empty()) {
-    latency_.Forget();
-  } else {
-    latency_.Deliver(Clock::now());
-    HandOver(std::move(batch));
-  }
+  latency_.Reset();
+  if (!batch.folders.empty()) HandOver(std::move(batch));
   if (table_.HasChanges()) latency_.Want(Clock::now());
 }
 

@@ -1,6 +1,5 @@
-// When a batch is due. The first change after a quiet time starts the latency, later ones do not
-// extend it, and two deliveries are at least the latency apart. Takes the time as an argument, so
-// that tests need no clock.
+// When a batch is due: the first change since the last batch starts the latency, later ones do not
+// extend it. Takes the time as an argument, so that tests need no clock.
 #pragma once
 
 #include <chrono>
@@ -15,19 +14,11 @@ class Latency {
 
   // Something is to be delivered, as of now. May be said again and again.
   void Want(Time now) {
-    if (due_) return;
-    const bool isRecent = delivered_ && now - *delivered_ < latency_;
-    due_ = (isRecent ? *delivered_ : now) + latency_;
+    if (!due_) due_ = now + latency_;
   }
 
-  // A batch has been cut now.
-  void Deliver(Time now) {
-    delivered_ = now;
-    due_.reset();
-  }
-
-  // Nothing is to be delivered after all.
-  void Forget() { due_.reset(); }
+  // A batch has been cut, or there is nothing to deliver after all.
+  void Reset() { due_.reset(); }
 
   bool IsDue(Time now) const { return due_ && now >= *due_; }
   std::optional<Time> Due() const { return due_; }
@@ -35,5 +26,4 @@ class Latency {
  private:
   const Duration latency_;
   std::optional<Time> due_;
-  std::optional<Time> delivered_;
 };
