@@ -82,27 +82,31 @@ void FSChangeBatch::EmitAlone(const FSChangedResource& record) {
 void FSChangeBatch::EmitRename(const FSChangedResource& earlier, const FSChangedResource& later) {
   const FSChangedResource& deleted = isDeletion(earlier) ? earlier : later;
   const FSChangedResource& created = isDeletion(earlier) ? later : earlier;
-  if (deleted.saved != nullptr) MoveSavedLists(*deleted.saved, created);
+  FSResourceList gone;
+  if (deleted.saved != nullptr) gone = MoveSavedLists(*deleted.saved, created);
   FSChangedResource rename = earlier;
   rename.action = "rename";
   rename.path = created.path;
   rename.oldPath = deleted.path;
   EmitRecord(rename);
+  for (const FSResourcePtr& folder : gone) EmitRecord(FSChangedResource("delete", *folder));
 }
 
 // Puts the lists to where the folder stands in the snapshot, which a later record may know under
 // yet another name.
-void FSChangeBatch::MoveSavedLists(FSSavedLists& saved, const FSChangedResource& created) {
+FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
+                                             const FSChangedResource& created) {
   FSTree& tree = *FSEventWatcher::sTree;
   std::string place = created.path;
   for (size_t i = 0; tree.SavedList(place) == nullptr && i < records_.size(); ++i) {
     if (!done_[i] && records_[i].oldPath == place) place = records_[i].path;
   }
-  if (tree.SavedList(place) == nullptr) return;
-  tree.PutSavedLists(saved, place);
+  if (tree.SavedList(place) == nullptr) return {};
+  FSResourceList gone = tree.PutSavedLists(saved, place);
   for (const auto& [key, entries] : saved.lists) {
     moved_.push_back(place + key.substr(saved.path.size()));
   }
+  return gone;
 }
 
 void FSChangeBatch::RebuildSnapshot() {

@@ -39,7 +39,7 @@ class FSChangeBatch {
   void EmitAlone(const FSChangedResource& record) EXCLUDES(mainlock);
   void EmitRename(const FSChangedResource& earlier, const FSChangedResource& later)
       EXCLUDES(mainlock);
-  void MoveSavedLists(FSSavedLists& saved, const FSChangedResource& created);
+  FSResourceList MoveSavedLists(FSSavedLists& saved, const FSChangedResource& created);
   void RebuildSnapshot() EXCLUDES(mainlock);
 
   size_t PartnerOf(size_t position) const;

@@ -115,7 +115,11 @@ void FSReconciliation::Renamed(Position c, Position s) {
   if (saved->isFolder) lists = tree_.TakeSavedLists(saved->path);
   Add(c);
   told_[c] = true;
-  if (lists != nullptr && current->isFolder) tree_.PutSavedLists(*lists, current->path);
+  if (lists != nullptr && current->isFolder) {
+    for (const FSResourcePtr& gone : tree_.PutSavedLists(*lists, current->path)) {
+      batch_.emplace_back("delete", *gone);
+    }
+  }
 
   // Another file has taken the old name already.
   const Position successor = CurrentByPath().FirstByPath(saved->path);

@@ -299,17 +299,17 @@ std::shared_ptr<FSSavedLists> FSTree::TakeSavedLists(const std::string& path) {
   return taken;
 }
 
-void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
+FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
   const MutexLock lock(treeMutex);
   const auto movedPath = [&](const std::string& path) {
     return newPath + path.substr(saved.path.size());
   };
-  std::vector<std::string>
-      replaced;  // names of folders that something else has now, each with a final "/"
+  FSResourceList replaced;
   for (const auto& [oldKey, entries] : saved.lists) {
     const std::string key = movedPath(oldKey);
-    if (std::any_of(replaced.begin(), replaced.end(),
-                    [&](const std::string& folder) { return (key + "/").starts_with(folder); })) {
+    if (std::any_of(replaced.begin(), replaced.end(), [&](const FSResourcePtr& folder) {
+          return (key + "/").starts_with(folder->path + "/");
+        })) {
       continue;
     }
     FSResourceList& list = snapshot[key];
@@ -320,13 +320,12 @@ void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
     const FSResourceList present = list;
     const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
     for (const FSResourcePtr& entry : entries) {
-      std::string path = movedPath(entry->path);
-      const uint32_t at = presentByPath.FirstByPath(path);
+      FSResourcePtr moved = movedResource(*entry, movedPath(entry->path));
+      const uint32_t at = presentByPath.FirstByPath(moved->path);
       if (at == FSResourceIndex::kNone) {
-        if (IsDeparting(path)) continue;
-        list.push_back(movedResource(*entry, std::move(path)));
+        if (!IsDeparting(moved->path)) list.push_back(std::move(moved));
       } else if (entry->isFolder && !present[at]->isFolder) {
-        replaced.push_back(path + "/");
+        replaced.push_back(std::move(moved));
       }
     }
     unread.erase(key);
@@ -335,6 +334,7 @@ void FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
   for (const std::string& oldKey : saved.unread) {
     if (snapshot.contains(movedPath(oldKey))) unread.insert(movedPath(oldKey));
   }
+  return replaced;
 }
 
 void FSTree::NoteTold(const std::string& key, const FSResourceList& entries) {

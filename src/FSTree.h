@@ -103,8 +103,9 @@ class FSTree {
   std::shared_ptr<FSSavedLists> TakeSavedLists(const std::string& path) EXCLUDES(treeMutex);
 
   // Puts taken lists in again under the new path. What the snapshot holds there already comes
-  // first.
-  void PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
+  // first. Returns, as they were under the new path, the folders whose names something else has
+  // there: the reader has to be told that they are gone.
+  FSResourceList PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
 
   // Notes what a comparison has told of a folder that has no saved list.
   void NoteTold(const std::string& key, const FSResourceList& entries);
