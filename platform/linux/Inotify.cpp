@@ -99,7 +99,8 @@ FolderChange changedSince(const Descriptor& folder, const timespec& since) {
   FolderChange change;
   change.hasOtherEntries = isChangedSince(folder.number(), "", since);
   eachEntry(folder, [&](const dirent64& entry) {
-    if (change.hasWrittenEntries) return;
+    // A subfolder's times move with what happens in it, which is not this folder's affair.
+    if (change.hasWrittenEntries || isFolder(folder.number(), entry)) return;
     change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
   });
   return change;

@@ -608,7 +608,7 @@ std::vector<NamedFolder> WatchTable::Cut() {
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
     named_.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;
-    ((marks & kGained) != 0 ? gaining : others).push_back({PathOf(*folder) + "/", isTwice});
+    ((marks & kGained) != 0 ? gaining : others).push_back({join(PathOf(*folder), ""), isTwice});
   }
   marked_ = std::move(heldBack);
   isOverflown_ = false;
