@@ -88,8 +88,8 @@ void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop
 // missing folder is no failure, its appearance is an event.
 Boolean FSEventStreamStart(FSEventStreamRef stream);
 
-// Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its descriptors
-// and frees it; in this order.
+// Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its
+// descriptors and frees it; in this order.
 void FSEventStreamStop(FSEventStreamRef stream);
 void FSEventStreamInvalidate(FSEventStreamRef stream);
 void FSEventStreamRelease(FSEventStreamRef stream);
