@@ -49,7 +49,6 @@ void FSReconciliation::Run() {
 
 void FSReconciliation::WalkCurrent() {
   for (Position c = 0; c < current_.size(); ++c) {
-    if (told_[c]) continue;
     Position s = SavedByPath().FirstByPath(current_[c]->path);
     if (s != kNone) {
       SameName(c, s);

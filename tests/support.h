@@ -69,6 +69,11 @@ class TempFolder {
     check((std::ofstream(*this / name, std::ios::app) << content << std::flush).good(), name);
   }
 
+  static timespec asTime(double seconds) {
+    const auto whole = static_cast<time_t>(seconds);
+    return {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
+  }
+
   // Sets the time of the last modification, since 1970.
   void setModified(const std::string& name, timespec time) const {
     const timespec times[] = {time, time};
@@ -77,7 +82,8 @@ class TempFolder {
 
   // Runs commands with a "; " between them:
   //   mkdir FOLDER            with the folders above it
-  //   touch NAME [SECONDS]    makes a file when nothing is there; sets its time of modification
+  //   touch NAME [SECONDS]    makes a file when nothing is there; sets its time of modification,
+  //                           a fraction of a second included
   //   mv OLD NEW              replaces NEW as rename(2) does
   //   ln FILE NAME            gives the file another name
   //   rm NAME                 with all below it
@@ -90,7 +96,7 @@ class TempFolder {
         std::filesystem::create_directories(one);
       } else if (words[0] == "touch") {
         if (!std::filesystem::exists(one)) write(words[1], "");
-        if (!words[2].empty()) setModified(words[1], {std::stol(words[2]), 0});
+        if (!words[2].empty()) setModified(words[1], asTime(std::stod(words[2])));
       } else if (words[0] == "mv") {
         std::filesystem::rename(one, two);
       } else if (words[0] == "ln") {
