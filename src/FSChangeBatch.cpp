@@ -65,6 +65,7 @@ void FSChangeBatch::EmitRecord(const FSChangedResource& record) {
     const MutexLock lock(mainlock);
     FSEventWatcher::sChanges->Append(record);
   }
+  FSEventWatcher::sTree->NoteTold(record);
   if (record.action == "rootcreate") RebuildSnapshot();
   if (record.action == "rootdelete") FSEventWatcher::sTree->ClearSnapshot();
 }
@@ -102,9 +103,11 @@ FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
     if (!done_[i] && records_[i].oldPath == place) place = records_[i].path;
   }
   if (tree.SavedList(place) == nullptr) return {};
+  if (place == created.path) tree.ForgetReplaced(place);
   FSResourceList gone = tree.PutSavedLists(saved, place);
   for (const auto& [key, entries] : saved.lists) {
-    moved_.push_back(place + key.substr(saved.path.size()));
+    std::string newKey = place + key.substr(saved.path.size());
+    if (tree.SavedList(newKey) != nullptr) moved_.push_back(std::move(newKey));
   }
   return gone;
 }

@@ -167,7 +167,7 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
       const bool isNext = Utility::isAllowedPath(folder + "/") && retried.insert(folder).second;
       if (isNext) compareBothSides(folder, batch);
     }
-    for (const FSResourcePtr& gone : sTree->TakeUntrue()) batch.emplace_back("delete", *gone);
+    for (FSChangedResource& gone : sTree->TakeUntrue()) batch.push_back(std::move(gone));
   } while (!batch.empty());
   sTree->ForgetTaken();
 }

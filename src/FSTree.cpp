@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <iterator>
 #include <memory>
@@ -113,6 +114,16 @@ FSResourcePtr movedResource(const FSResource& resource, std::string path) {
   return moved;
 }
 
+template <typename MovePath>
+FSResourceList moved(const FSResourceList& entries, MovePath movePath) {
+  FSResourceList list;
+  list.reserve(entries.size());
+  for (const FSResourcePtr& entry : entries) {
+    list.push_back(movedResource(*entry, movePath(entry->path)));
+  }
+  return list;
+}
+
 // The range of keys at and below a folder: the folder's own key, if any, and those that begin with
 // it and "/". Keys sort by bytes, so those below stand together, but not always next to the
 // folder's own.
@@ -173,18 +184,20 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
   return status ? makeResource(*status, path) : nullptr;
 }
 
-// Lists the folder's entries in listing order, leaving out what the tool ignores and what vanishes
-// meanwhile. `error` gets the reason when the folder cannot be opened, 0 when it went while it was.
+// Lists the folder's entries in listing order, leaving out what the tool ignores, what vanishes
+// meanwhile and what lies so deep that no path leads to it. `error` gets the reason when the folder cannot be opened, 0 when it went while it was.
 bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
   const OpenFolder folder = openFolder(path, path == rootPath);
   error = folder == nullptr ? errno : 0;
   if (folder == nullptr || !readStatus(AT_FDCWD, path.c_str())) return false;
   while (const dirent* entry = readdir(folder.get())) {
     if (isSkippedName(entry->d_name)) continue;
+    std::string entryAt = entryPath(path, entry->d_name);
+    if (entryAt.size() >= PATH_MAX) continue;
     const std::optional<FileStatus> status = readStatus(dirfd(folder.get()), entry->d_name);
     if (!status) continue;
     if (!status->isFolder && isProhibited(entry->d_name)) continue;
-    entries.push_back(makeResource(*status, entryPath(path, entry->d_name)));
+    entries.push_back(makeResource(*status, std::move(entryAt)));
   }
   return true;
 }
@@ -305,64 +318,152 @@ FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& new
     return newPath + path.substr(saved.path.size());
   };
   FSResourceList replaced;
+  std::map<std::string, FSSavedLists*> elsewhere;  // folders that do not stand here any more
+  const auto elsewhereAbove = [&](const std::string& key) {
+    return std::find_if(elsewhere.begin(), elsewhere.end(), [&](const auto& folder) {
+      return (key + "/").starts_with(folder.first + "/");
+    });
+  };
   for (const auto& [oldKey, entries] : saved.lists) {
     const std::string key = movedPath(oldKey);
-    if (std::any_of(replaced.begin(), replaced.end(), [&](const FSResourcePtr& folder) {
-          return (key + "/").starts_with(folder->path + "/");
-        })) {
+    if (const auto above = elsewhereAbove(key); above != elsewhere.end()) {
+      if (above->second != nullptr) above->second->lists.emplace_back(key, moved(entries, movedPath));
       continue;
     }
     FSResourceList& list = snapshot[key];
     if (const auto told = told_.find(key); told != told_.end()) {
-      list.insert(list.end(), told->second.begin(), told->second.end());
+      for (const Told& entry : told->second) list.push_back(entry.resource);
       told_.erase(told);
     }
     const FSResourceList present = list;
     const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
-    for (const FSResourcePtr& entry : entries) {
-      FSResourcePtr moved = movedResource(*entry, movedPath(entry->path));
-      const uint32_t at = presentByPath.FirstByPath(moved->path);
-      if (at == FSResourceIndex::kNone) {
-        if (!IsDeparting(moved->path)) list.push_back(std::move(moved));
-      } else if (entry->isFolder && !present[at]->isFolder) {
-        replaced.push_back(std::move(moved));
+    for (const FSResourcePtr& entry : moved(entries, movedPath)) {
+      const uint32_t at = presentByPath.FirstByPath(entry->path);
+      if (at != FSResourceIndex::kNone) {
+        if (!entry->isFolder || present[at]->isFolder) continue;
+        elsewhere.emplace(entry->path, nullptr);
+        replaced.push_back(entry);
+      } else if (IsDeparting(entry->path)) {
+        const auto taken = taken_.find(entry->path);
+        elsewhere.emplace(entry->path, taken != taken_.end() ? taken->second.get() : nullptr);
+      } else {
+        list.push_back(entry);
       }
     }
     unread.erase(key);
   }
   saved.newPath = newPath;
   for (const std::string& oldKey : saved.unread) {
-    if (snapshot.contains(movedPath(oldKey))) unread.insert(movedPath(oldKey));
+    const std::string key = movedPath(oldKey);
+    const auto above = elsewhereAbove(key);
+    if (above == elsewhere.end()) {
+      if (snapshot.contains(key)) unread.insert(key);
+    } else if (above->second != nullptr) {
+      above->second->unread.push_back(key);
+    }
   }
   return replaced;
 }
 
-void FSTree::NoteTold(const std::string& key, const FSResourceList& entries) {
-  FSResourceList& told = told_[key];
-  const FSResourceList before = told;
+void FSTree::ForgetReplaced(const std::string& path) {
+  const MutexLock lock(treeMutex);
+  std::vector<std::string> replaced;
+  eachAtOrBelow(snapshot, path, [&](Snapshot::iterator at) {
+    const bool isGone = at->first != path && !pending.contains(at->first);
+    if (isGone) {
+      replaced.push_back(at->first);
+    } else {
+      std::erase_if(at->second,
+                    [&](const FSResourcePtr& entry) { return !pending.contains(entry->path); });
+    }
+  });
+  for (const std::string& key : replaced) {
+    snapshot.erase(key);
+    unread.erase(key);
+  }
+}
+
+void FSTree::NoteCompared(const std::string& key, const FSResourceList& entries) {
+  std::vector<Told>& told = told_[key];
+  FSResourceList before;
+  for (const Told& entry : told) before.push_back(entry.resource);
   const FSResourceIndex beforeByPath(before, FSResourceIndex::Key::path);
   for (const FSResourcePtr& entry : entries) {
     const uint32_t at = beforeByPath.FirstByPath(entry->path);
     if (at == FSResourceIndex::kNone) {
-      told.push_back(entry);
+      told.push_back({entry});
     } else {
-      told[at] = entry;
+      told[at].resource = entry;
     }
   }
 }
 
-FSResourceList FSTree::TakeUntrue() {
-  FSResourceList untrue;
-  std::erase_if(told_, [&](const auto& told) {
-    const FSResourceList* saved = SavedList(told.first);
-    if (saved == nullptr && GetResource(told.first) != nullptr) return false;
+void FSTree::NoteTold(const FSChangedResource& record) {
+  if (told_.empty()) return;
+  if (record.action == "delete") {
+    ForgetTold(record.path, record.isFolder);
+  } else if (record.action == "rename") {
+    if (record.isFolder) MoveTold(record.oldPath, record.path);
+    ForgetTold(record.oldPath, false);
+  }
+  if (record.action != "delete") {
+    const auto parent = told_.find(std::string(parentOf(record.path)));
+    if (parent == told_.end()) return;
+    for (Told& entry : parent->second) {
+      if (entry.resource->path == record.path) entry.isTold = true;
+    }
+  }
+}
+
+// Drops what has been told of the path and, of a folder, of what is below it.
+void FSTree::ForgetTold(const std::string& path, bool isFolder) {
+  const std::string below = path + "/";
+  for (auto& [key, entries] : told_) {
+    std::erase_if(entries, [&](const Told& entry) {
+      return entry.isTold &&
+             (entry.resource->path == path ||
+              (isFolder && entry.resource->path.starts_with(below)));
+    });
+  }
+  std::erase_if(told_, [](const auto& told) { return told.second.empty(); });
+}
+
+// What has been told of a folder's contents is told of its new path.
+void FSTree::MoveTold(const std::string& oldPath, const std::string& newPath) {
+  const std::string below = oldPath + "/";
+  std::vector<Told> moving;
+  for (const auto& [key, entries] : told_) {
+    for (const Told& entry : entries) {
+      if (!entry.isTold || !entry.resource->path.starts_with(below)) continue;
+      std::string path = newPath + entry.resource->path.substr(oldPath.size());
+      moving.push_back({movedResource(*entry.resource, std::move(path)), true});
+    }
+  }
+  ForgetTold(oldPath, true);
+  for (Told& entry : moving) {
+    told_[std::string(parentOf(entry.resource->path))].push_back(std::move(entry));
+  }
+}
+
+std::vector<FSChangedResource> FSTree::TakeUntrue() {
+  std::vector<FSChangedResource> untrue;
+  std::unordered_map<std::string, std::vector<Told>> stillOpen;
+  for (auto& [key, entries] : std::exchange(told_, {})) {
+    const FSResourceList* saved = SavedList(key);
+    const FSResourcePtr now = saved == nullptr ? GetResource(key) : nullptr;
+    if (now != nullptr && now->isFolder) {
+      stillOpen.emplace(key, std::move(entries));
+      continue;
+    }
     const FSResourceList none;
     const FSResourceIndex savedByPath(saved != nullptr ? *saved : none, FSResourceIndex::Key::path);
-    for (const FSResourcePtr& entry : told.second) {
-      if (savedByPath.FirstByPath(entry->path) == FSResourceIndex::kNone) untrue.push_back(entry);
+    for (const Told& entry : entries) {
+      if (savedByPath.FirstByPath(entry.resource->path) != FSResourceIndex::kNone) continue;
+      untrue.emplace_back("delete", *entry.resource);
+      if (entry.resource->isFolder) untrue.back().saved = TakeSavedLists(entry.resource->path);
     }
-    return true;
-  });
+  }
+  told_ = std::move(stillOpen);
   return untrue;
 }
 

@@ -107,12 +107,19 @@ class FSTree {
   // there: the reader has to be told that they are gone.
   FSResourceList PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
 
-  // Notes what a comparison has told of a folder that has no saved list.
-  void NoteTold(const std::string& key, const FSResourceList& entries);
+  // A record that is handed on puts another folder in the place of what the reader knows under the
+  // path: takes that out of the lists of the folder and of all below it, and leaves what pending
+  // records will tell.
+  void ForgetReplaced(const std::string& path) EXCLUDES(treeMutex);
+
+  // Notes what a comparison is about to tell of a folder that has no saved list, and what a record
+  // that is handed on does to what has been told of such folders.
+  void NoteCompared(const std::string& key, const FSResourceList& entries);
+  void NoteTold(const FSChangedResource& record);
 
   // Of what has been told of folders without a saved list, what the reader has to be told is gone:
   // it is not in the list that the folder has by now, or the folder is not there.
-  FSResourceList TakeUntrue();
+  std::vector<FSChangedResource> TakeUntrue() EXCLUDES(treeMutex);
 
   // Forgets which lists have been taken, at the end of a callback.
   void ForgetTaken() { taken_.clear(); }
@@ -156,6 +163,8 @@ class FSTree {
   FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
                          const FSResourceIndex& savedByINode) const;
   void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
+  void ForgetTold(const std::string& path, bool isFolder);
+  void MoveTold(const std::string& oldPath, const std::string& newPath);
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
@@ -163,6 +172,10 @@ class FSTree {
   // The lists taken in the running callback, by the folder they were of.
   std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;
 
-  // What has been told of folders without a saved list, and not been taken back.
-  std::unordered_map<std::string, FSResourceList> told_;
+  // What the reader is told of folders without a saved list, by folder.
+  struct Told {
+    FSResourcePtr resource;
+    bool isTold = false;  // the record has been handed on
+  };
+  std::unordered_map<std::string, std::vector<Told>> told_;
 };

@@ -14,57 +14,17 @@ import os
 import random
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
-import threading
 import time
 
-from picture import Picture, difference, disk
+from picture import difference, disk
+from tool import Tool
 
 MODES = ["mixed", "burst", "stopped", "stalled", "root"]
 LINES_PER_SECOND = 3000
 PATIENCE = 12  # seconds from the last change to the equal picture, without the emitter's backlog
 NAMES = [b"a", b"b", b"c", b"d", b"e", b"f g", b"h.txt", b"i.tmp", b"\xff\xfe", b"k<&\">", b"l%41", b"m"]
-
-
-class Tool:
-    """The watching process and the picture kept from its lines by a thread of its own."""
-
-    def __init__(self, binary, root):
-        self.picture = Picture()
-        self.lines = []
-        self.scanned = threading.Event()
-        self.may_read = threading.Event()
-        self.may_read.set()
-        log = os.environ.get("SOAK_LOG", "")  # the tool's debug log, for looking into a failure
-        self.process = subprocess.Popen([binary, root, "true", "true" if log else "false", log],
-                                        stdout=subprocess.PIPE)
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
-        if not self.scanned.wait(60):
-            raise RuntimeError("no end of the first scan within a minute")
-
-    def _read(self):
-        for line in self.process.stdout:
-            self.may_read.wait()
-            self.lines.append(line)
-            self.picture.apply(line)
-            if line.startswith(b'<scan action="complete"'):
-                self.scanned.set()
-
-    def memory(self):
-        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
-            return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
-
-
-    def watches(self):
-        """The watches that the kernel counts for the instance that follows the tree."""
-        counts = []
-        for name in os.listdir(f"/proc/{self.process.pid}/fdinfo"):
-            with open(f"/proc/{self.process.pid}/fdinfo/{name}", encoding="ascii") as info:
-                counts.append(info.read().count("inotify wd:"))
-        return max(counts)
 
 
 class Mutator:

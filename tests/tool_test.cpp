@@ -376,13 +376,4 @@ TEST_F(ToolTest, EndsInOrderWhenItCannotWatch) {
   EXPECT_TRUE(std::equal(came.begin(), came.end(), all.begin())) << testing::PrintToString(came);
 }
 
-TEST_F(ToolTest, GoesOnWithFewerWatchesThanFolders) {
-  folder.run("mkdir w/a/b; mkdir w/c/d; mkdir w/e/f");
-  Tool tool(root, {root, "false"}, [] { return limit("watches", "6"); });
-  if (tool.take(8).empty()) GTEST_SKIP() << "not permitted";
-  play(tool, {{"touch w/a/b/x", {"create file w/a/b/x"}},
-              {"touch w/c/d/x", {"create file w/c/d/x"}},
-              {"touch w/e/f/x", {"create file w/e/f/x"}}});
-}
-
 }  // namespace

@@ -24,8 +24,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <new>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -36,6 +38,7 @@
 #include "CoreServices/CoreServices.h"
 #include "Inotify.h"
 #include "Latency.h"
+#include "MountTable.h"
 #include "RootChain.h"
 #include "RunLoop.h"
 #include "ThreadSafety.h"
@@ -148,7 +151,7 @@ struct __FSEventStream {
   bool wasRootAway_ = false;    // perhaps, and while a callback ran
   Clock::time_point nextRootLook_;
   std::optional<Clock::time_point> nextVisit_;
-  Descriptor mounts_;
+  MountTable mounts_;
 
   Descriptor wake_;
   std::atomic<bool> isStopping_ = false;
@@ -185,7 +188,6 @@ void __FSEventStream::Schedule(CFRunLoopRef loop) {
 
 bool __FSEventStream::Start() {
   wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  mounts_ = Descriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
   if (!table_.isOpen() || !wake_.isOpen()) return false;
   chain_.Watch();
   Root now = lookAt(path_);
@@ -284,11 +286,13 @@ void __FSEventStream::Wait() {
   }
 }
 
-// Mounts and unmounts send no event to the folders above them.
 void __FSEventStream::ReadMounts() {
-  std::array<char, 4096> buffer;
-  lseek(mounts_.number(), 0, SEEK_SET);
-  while (read(mounts_.number(), buffer.data(), buffer.size()) > 0) {
+  const std::set<std::string> changed = mounts_.ReadChanges();
+  std::error_code error;
+  const std::string root = std::filesystem::canonical(path_, error).string();
+  const std::string below = root == "/" ? root : root + "/";
+  for (const std::string& path : changed) {
+    if (!error && path.starts_with(below)) table_.ExamineBelow(path.substr(below.size()));
   }
   isRootInDoubt_ = true;
 }

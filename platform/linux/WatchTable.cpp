@@ -36,6 +36,9 @@ std::string join(const std::string& folder, const std::string& name) {
 // A folder must be nameable with its final "/".
 bool isTooLong(size_t length) { return length + 2 > PATH_MAX; }
 
+// The longest path of a folder whose entries can all be named.
+constexpr size_t kSafeLength = PATH_MAX - NAME_MAX - 2;
+
 // One folder to name, once or twice in a row.
 struct Mention {
   std::string path;
@@ -120,6 +123,7 @@ void WatchTable::Clear() {
   if (root_ != nullptr) Bury(*root_);
   root_.reset();
   departures_.clear();
+  haveLongPaths_ = false;
   isOverflown_ = needsRepair_ = isRootLost_ = isRootInDoubt_ = endsInMove_ = false;
   unread_.clear();
 }
@@ -235,6 +239,16 @@ void WatchTable::Examine(Folder& parent, const std::string& name) {
   }
 }
 
+void WatchTable::ExamineBelow(const std::string& path) {
+  Folder* parent = root_.get();
+  size_t start = 0;
+  for (size_t end; parent != nullptr && (end = path.find('/', start)) != std::string::npos;
+       start = end + 1) {
+    parent = ChildOf(*parent, path.substr(start, end - start));
+  }
+  if (parent != nullptr) Examine(*parent, path.substr(start));
+}
+
 // The name could not be opened as a folder. Where that may be one all the same, it stays or becomes
 // known without a watch; else whatever had the name has left it.
 void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
@@ -254,6 +268,7 @@ void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
 }
 
 void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk) {
+  if (walk.length > kSafeLength) haveLongPaths_ = true;
   const int watch = inotify_.Add(handle, kMask);
   Folder* folder = ChildOf(parent, name);
   if (folder != nullptr && watch >= 0 && folder->watch == watch) {
@@ -266,6 +281,11 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handl
     walk.isReplaced =
         walk.isReplaced || IsRecent(parent.replaced) || WasTaken(parent, name, folder);
     walk.isRelocated = folder != nullptr;
+    if (folder != nullptr && (haveLongPaths_ || walk.length + LongestBelow(*folder) > kSafeLength)) {
+      // Other entries than before can be named.
+      walk.isRepair = true;
+      MarkAll(*folder, kLost | kGained);
+    }
     if (folder == nullptr) {
       folder = &Enter(parent, name, watch, handle);
     } else if (!NeedsListing(*folder, walk)) {
@@ -561,6 +581,15 @@ bool WatchTable::IsReadable(const Folder& folder) const {
     if (at->isUnreadable) return false;
   }
   return true;
+}
+
+// How much longer than the folder's own path the longest of those below it is.
+size_t WatchTable::LongestBelow(const Folder& folder) const {
+  size_t longest = 0;
+  for (const std::unique_ptr<Folder>& child : folder.children) {
+    longest = std::max(longest, 1 + child->name.size() + LongestBelow(*child));
+  }
+  return longest;
 }
 
 std::string WatchTable::PathOf(const Folder& folder) const {

@@ -74,6 +74,10 @@ class WatchTable {
   // read again, everything is named.
   void NoteRoot(Descriptor folder);
 
+  // Looks at what stands at the path, relative to the root, now. For what happens to a folder
+  // without an event: a mount.
+  void ExamineBelow(const std::string& path);
+
   // Names the root in the next batch, though nothing in it is known to have changed.
   void NameRoot();
 
@@ -208,6 +212,7 @@ class WatchTable {
   bool IsInTree(const Folder& folder) const;
   bool IsHeldBack(const Folder& folder) const;
   bool IsReadable(const Folder& folder) const;
+  size_t LongestBelow(const Folder& folder) const;
   std::string PathOf(const Folder& folder) const;
   void ReadDuringWalk();
 
@@ -235,6 +240,7 @@ class WatchTable {
   bool isRootInDoubt_ = false;
   bool isRootLost_ = false;  // its watch is gone
   bool endsInMove_ = false;
+  bool haveLongPaths_ = false;     // so long that some entries could not be named
   bool haveFoldersMoved_ = false;  // since the last batch was cut
   std::string unread_;             // events read during a walk, to be applied after it
   int walked_ = 0;

@@ -1,0 +1,191 @@
+#!/usr/bin/env python3
+"""The real tool on trees at the limits of the system; the picture kept from its records must come to equal the disk.
+
+usage: extremes_test.py TOOL CASE
+
+Exit status 77: the case needs what this machine does not permit.
+"""
+
+import os
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+
+from picture import disk
+from tool import Tool
+
+SKIPPED = 77
+NOBODY = 65534
+PATH_MAX = 4096
+PATIENCE = 20  # seconds; a folder without a watch may take 15
+
+
+def write(path, text="x"):
+    with open(path, "a", encoding="ascii") as file:
+        file.write(text)
+
+
+def expect(what, left):
+    if left:
+        shown = [(len(path), path[-40:], *kinds) for path, *kinds in left[:5]]
+        sys.exit(f"{what}: {len(left)} differences, the first, with the lengths of their paths: {shown}")
+
+
+def deep(tool, base, root):
+    """500 folders, one in the other: changes at the bottom, and the whole moved."""
+    at = root
+    for i in range(500):
+        at = os.path.join(at, b"d%d" % (i % 10))
+        os.mkdir(at)
+        write(os.path.join(at, b"f"))
+    watching = Tool(tool, root)
+    expect("at the start", watching.wait_for(disk(root), PATIENCE))
+    write(os.path.join(at, b"new"))
+    os.unlink(os.path.join(at, b"f"))
+    expect("at the bottom", watching.wait_for(disk(root), PATIENCE))
+    os.rename(os.path.join(root, b"d0"), os.path.join(root, b"moved"))
+    write(os.path.join(root, b"moved" + at[len(root) + 3:], b"newer"))
+    expect("moved", watching.wait_for(disk(root), PATIENCE))
+    os.rename(os.path.join(root, b"moved/d1/d2"), os.path.join(base, b"d2"))
+    expect("cut off", watching.wait_for(disk(root), PATIENCE))
+    os.rename(os.path.join(base, b"d2"), os.path.join(root, b"back"))
+    expect("back", watching.wait_for(disk(root), PATIENCE))
+
+
+def long_paths(tool, _base, root):
+    """Folders down to beyond the longest path: what has no path is left out, everything else goes on."""
+    def nameable():
+        return {path: kind for path, kind in disk(root).items() if len(path) < PATH_MAX}
+
+    watching = Tool(tool, root)
+    at = os.open(root, os.O_RDONLY)
+    last = root
+    for i in range(24):
+        name = b"%d" % (i % 10) + b"n" * 199
+        os.mkdir(name, dir_fd=at)
+        below = os.open(name, os.O_RDONLY, dir_fd=at)
+        os.close(os.open(b"file", os.O_CREAT | os.O_WRONLY, dir_fd=below))
+        os.close(at)
+        at = below
+        last = last + b"/" + name if len(last) + len(name) + 2 < PATH_MAX else last
+    expect("made", watching.wait_for(nameable, PATIENCE))
+    for length in range(PATH_MAX - 4, PATH_MAX + 2):  # about the last path that can be named
+        try:
+            os.mkdir(last + b"/" + b"x" * (length - len(last) - 1))
+        except OSError:
+            pass
+    write(os.path.join(root, b"short"))
+    expect("at the limit", watching.wait_for(nameable, PATIENCE))
+    os.rename(os.path.join(root, b"0" + b"n" * 199), os.path.join(root, b"s"))  # now more has a path
+    expect("shortened", watching.wait_for(nameable, PATIENCE))
+    shutil.rmtree(os.path.join(root, b"s"))
+    expect("removed", watching.wait_for(nameable, PATIENCE))
+
+
+def unreadable(tool, base, root):
+    """Folders that the tool, as another user, can and cannot read in turn."""
+    os.chmod(base, 0o755)
+    for name in (b"before", b"later", b"later/below", b"apart"):
+        os.mkdir(os.path.join(root, name))
+        write(os.path.join(root, name, b"file"))
+    os.chmod(os.path.join(root, b"before"), 0)
+    watching = Tool(tool, root, **({"user": NOBODY, "group": NOBODY} if os.getuid() == 0 else {}))
+    os.chmod(os.path.join(root, b"before"), 0o755)
+    expect("readable at last", watching.wait_for(disk(root), PATIENCE))
+    later = os.path.join(root, b"later")
+    os.chmod(later, 0)
+    write(os.path.join(root, b"apart/other"))
+    if os.getuid() == 0:
+        os.unlink(os.path.join(later, b"below/file"))
+        write(os.path.join(later, b"below/new"))
+        write(os.path.join(later, b"new"))
+        expect("elsewhere", [] if watching.wait_for(lambda: {**watching.picture.entries,
+                             os.path.join(root, b"apart/other"): "file"}, PATIENCE) == [] else ["nothing came"])
+    os.chmod(later, 0o755)
+    expect("readable again", watching.wait_for(disk(root), PATIENCE))
+    os.chmod(os.path.join(root, b"before"), 0)
+    os.rename(os.path.join(root, b"before"), os.path.join(root, b"moved"))
+    os.chmod(os.path.join(root, b"moved"), 0o755)
+    write(os.path.join(root, b"moved/new"))
+    expect("moved meanwhile", watching.wait_for(disk(root), PATIENCE))
+
+
+def few_watches(tool, _base, root):
+    """A limit of 40 watches on 1,000 folders, raised in the end."""
+    limit = "/proc/sys/user/max_inotify_watches"
+    with open(limit, "w", encoding="ascii") as file:
+        file.write("40")
+    for i in range(1000):
+        os.makedirs(os.path.join(root, b"d%d/s%d" % (i % 30, i)))
+    watching = Tool(tool, root)
+    chance = random.Random(7)
+    folders = [path for path, kind in disk(root).items() if kind == "folder"]
+    for folder in chance.sample(folders, 40):
+        write(os.path.join(folder, b"new"))
+    os.rename(os.path.join(root, b"d7"), os.path.join(root, b"d8/d7"))
+    os.rename(os.path.join(root, b"d9"), os.path.join(root, b"renamed"))
+    shutil.rmtree(os.path.join(root, b"d10"))
+    write(os.path.join(root, b"d8/d7/s7/deep"))
+    expect("without watches", watching.wait_for(disk(root), PATIENCE))
+    with open(limit, "w", encoding="ascii") as file:
+        file.write("5000")
+    wanted = 1 + list(disk(root).values()).count("folder")
+    expect("watches", watching.wait_for(lambda: watching.picture.entries if watching.watches() == wanted
+                                        else {b"%d of %d watches" % (watching.watches(), wanted): "file"}, 60))
+
+
+def unmounted(tool, _base, root):
+    """File systems that are mounted on folders of the tree, and taken away."""
+    one, two = os.path.join(root, b"one"), os.path.join(root, b"two")
+    os.mkdir(one)
+    os.mkdir(two)
+    write(os.path.join(one, b"covered"))
+
+    def mount(path):
+        subprocess.run(["mount", "-t", "tmpfs", "none", path], check=True)
+        os.mkdir(os.path.join(path, b"inside"))
+        write(os.path.join(path, b"inside/file"))
+
+    mount(one)
+    watching = Tool(tool, root)
+    write(os.path.join(one, b"inside/new"))
+    expect("mounted", watching.wait_for(disk(root), PATIENCE))
+    subprocess.run(["umount", one], check=True)
+    expect("unmounted", watching.wait_for(disk(root), PATIENCE))
+    mount(two)
+    mount(one)
+    expect("mounted meanwhile", watching.wait_for(disk(root), PATIENCE))
+    write(os.path.join(two, b"inside/newer"))
+    expect("watched", watching.wait_for(disk(root), PATIENCE))
+    subprocess.run(["umount", "-l", two], check=True)
+    write(os.path.join(two, b"bare"))
+    expect("unmounted lazily", watching.wait_for(disk(root), PATIENCE))
+
+
+CASES = {"deep": deep, "long_paths": long_paths, "unreadable": unreadable, "few_watches": few_watches,
+         "unmounted": unmounted}
+NAMESPACES = {"few_watches": ["unshare", "-U", "-r"], "unmounted": ["unshare", "-U", "-r", "-m"]}
+
+
+def main():
+    tool, name = sys.argv[1:3]
+    own = NAMESPACES.get(name)
+    if own is not None and "OWN_NAMESPACE" not in os.environ:
+        if subprocess.run([*own, "true"], check=False).returncode != 0:
+            sys.exit(SKIPPED)
+        os.execvpe(own[0], [*own, sys.executable, *sys.argv], {**os.environ, "OWN_NAMESPACE": "1"})
+    base = tempfile.mkdtemp(prefix="extremes").encode()
+    root = os.path.join(base, b"watched")
+    os.mkdir(root)
+    try:
+        CASES[name](tool, base, root)
+    finally:
+        for watching in Tool.all:
+            watching.process.kill()
+        shutil.rmtree(base, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()
