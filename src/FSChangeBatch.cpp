@@ -99,10 +99,7 @@ FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
                                              const FSChangedResource& created) {
   FSTree& tree = *FSEventWatcher::sTree;
   std::string place = created.path;
-  for (size_t i = 0; tree.SavedList(place) == nullptr && i < records_.size(); ++i) {
-    if (!done_[i] && records_[i].oldPath == place) place = records_[i].path;
-  }
-  if (tree.SavedList(place) == nullptr) return {};
+  if (tree.HandOnLists(saved, place) || tree.SavedList(place) == nullptr) return {};
   if (place == created.path) tree.ForgetReplaced(place);
   FSResourceList gone = tree.PutSavedLists(saved, place);
   for (const auto& [key, entries] : saved.lists) {

@@ -185,7 +185,8 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
 }
 
 // Lists the folder's entries in listing order, leaving out what the tool ignores, what vanishes
-// meanwhile and what lies so deep that no path leads to it. `error` gets the reason when the folder cannot be opened, 0 when it went while it was.
+// meanwhile and what lies so deep that no path leads to it. `error` gets the reason when the folder
+// cannot be opened, 0 when it went while it was.
 bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
   const OpenFolder folder = openFolder(path, path == rootPath);
   error = folder == nullptr ? errno : 0;
@@ -327,12 +328,19 @@ FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& new
   for (const auto& [oldKey, entries] : saved.lists) {
     const std::string key = movedPath(oldKey);
     if (const auto above = elsewhereAbove(key); above != elsewhere.end()) {
-      if (above->second != nullptr) above->second->lists.emplace_back(key, moved(entries, movedPath));
+      if (above->second != nullptr)
+        above->second->lists.emplace_back(key, moved(entries, movedPath));
       continue;
     }
     FSResourceList& list = snapshot[key];
     if (const auto told = told_.find(key); told != told_.end()) {
-      for (const Told& entry : told->second) list.push_back(entry.resource);
+      const FSResourceList compared = list;
+      const FSResourceIndex comparedByPath(compared, FSResourceIndex::Key::path);
+      for (const Told& entry : told->second) {
+        const std::string& path = entry.resource->path;
+        if (comparedByPath.FirstByPath(path) == FSResourceIndex::kNone)
+          list.push_back(entry.resource);
+      }
       told_.erase(told);
     }
     const FSResourceList present = list;
@@ -400,32 +408,27 @@ void FSTree::NoteCompared(const std::string& key, const FSResourceList& entries)
 
 void FSTree::NoteTold(const FSChangedResource& record) {
   if (told_.empty()) return;
-  if (record.action == "delete") {
-    ForgetTold(record.path, record.isFolder);
-  } else if (record.action == "rename") {
-    if (record.isFolder) MoveTold(record.oldPath, record.path);
-    ForgetTold(record.oldPath, false);
-  }
-  if (record.action != "delete") {
-    const auto parent = told_.find(std::string(parentOf(record.path)));
-    if (parent == told_.end()) return;
-    for (Told& entry : parent->second) {
-      if (entry.resource->path == record.path) entry.isTold = true;
-    }
-  }
-}
-
-// Drops what has been told of the path and, of a folder, of what is below it.
-void FSTree::ForgetTold(const std::string& path, bool isFolder) {
-  const std::string below = path + "/";
+  const std::string& gone = record.action == "rename" ? record.oldPath : record.path;
+  const bool isGone = record.action == "delete" || record.action == "rename";
+  if (record.isFolder && record.action == "rename") MoveTold(record.oldPath, record.path);
+  const bool isReplaced =
+      record.action == "create" && !record.isFolder && SavedList(record.path) != nullptr;
+  if (isReplaced) TakeSavedLists(record.path);
+  const std::string below = gone + "/";
   for (auto& [key, entries] : told_) {
     std::erase_if(entries, [&](const Told& entry) {
+      const std::string& path = entry.resource->path;
+      const bool isBelow = path.starts_with(below);
       return entry.isTold &&
-             (entry.resource->path == path ||
-              (isFolder && entry.resource->path.starts_with(below)));
+             ((isGone && path == gone) || (((isGone && record.isFolder) || isReplaced) && isBelow));
     });
   }
   std::erase_if(told_, [](const auto& told) { return told.second.empty(); });
+  const auto parent = told_.find(std::string(parentOf(record.path)));
+  if (record.action == "delete" || parent == told_.end()) return;
+  for (Told& entry : parent->second) {
+    if (entry.resource->path == record.path) entry.isTold = true;
+  }
 }
 
 // What has been told of a folder's contents is told of its new path.
@@ -439,7 +442,6 @@ void FSTree::MoveTold(const std::string& oldPath, const std::string& newPath) {
       moving.push_back({movedResource(*entry.resource, std::move(path)), true});
     }
   }
-  ForgetTold(oldPath, true);
   for (Told& entry : moving) {
     told_[std::string(parentOf(entry.resource->path))].push_back(std::move(entry));
   }
@@ -474,16 +476,36 @@ void FSTree::NoteRead(const std::string& key, bool isRead) {
     return;
   }
   std::string place = key;
-  for (size_t moves = 0; moves <= taken_.size() && !snapshot.contains(place); ++moves) {
-    FSSavedLists* const taken = TakenAbove(place);
-    if (taken == nullptr) return;
-    if (taken->newPath.empty()) {
-      taken->unread.push_back(place);
-      return;
-    }
-    place = taken->newPath + place.substr(taken->path.size());
+  if (FSSavedLists* const taken = FindPlace(place)) {
+    taken->unread.push_back(place);
+  } else if (snapshot.contains(place)) {
+    unread.insert(place);
   }
-  if (snapshot.contains(place)) unread.insert(place);
+}
+
+bool FSTree::HandOnLists(const FSSavedLists& saved, std::string& path) {
+  const MutexLock lock(treeMutex);
+  FSSavedLists* const taken = FindPlace(path);
+  if (taken == nullptr) return false;
+  const auto movedPath = [&](const std::string& old) {
+    return path + old.substr(saved.path.size());
+  };
+  for (const auto& [key, entries] : saved.lists) {
+    taken->lists.emplace_back(movedPath(key), moved(entries, movedPath));
+  }
+  for (const std::string& key : saved.unread) taken->unread.push_back(movedPath(key));
+  return true;
+}
+
+// Follows the key to where its list has gone in this callback. Returns the taken lists that it is
+// among; null when it stands in the snapshot, or nowhere.
+FSSavedLists* FSTree::FindPlace(std::string& key) const {
+  for (size_t moves = 0; moves <= taken_.size() && !snapshot.contains(key); ++moves) {
+    FSSavedLists* const taken = TakenAbove(key);
+    if (taken == nullptr || taken->newPath.empty()) return taken;
+    key = taken->newPath + key.substr(taken->path.size());
+  }
+  return nullptr;
 }
 
 // The lists that the folder's own would be among, or null.

@@ -112,10 +112,14 @@ class FSTree {
   // records will tell.
   void ForgetReplaced(const std::string& path) EXCLUDES(treeMutex);
 
+  // Where the folder's own lists have been taken, in this callback, and not been put in again, adds
+  // the lists to them. `path` follows the folder to where it stands by now.
+  bool HandOnLists(const FSSavedLists& saved, std::string& path) EXCLUDES(treeMutex);
+
   // Notes what a comparison is about to tell of a folder that has no saved list, and what a record
   // that is handed on does to what has been told of such folders.
   void NoteCompared(const std::string& key, const FSResourceList& entries);
-  void NoteTold(const FSChangedResource& record);
+  void NoteTold(const FSChangedResource& record) EXCLUDES(treeMutex);
 
   // Of what has been told of folders without a saved list, what the reader has to be told is gone:
   // it is not in the list that the folder has by now, or the folder is not there.
@@ -163,9 +167,9 @@ class FSTree {
   FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
                          const FSResourceIndex& savedByINode) const;
   void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
-  void ForgetTold(const std::string& path, bool isFolder);
   void MoveTold(const std::string& oldPath, const std::string& newPath);
   bool IsDeparting(const std::string& path) const;
+  FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
 

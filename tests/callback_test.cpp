@@ -1,6 +1,3 @@
-#include <random>
-#include <set>
-
 #include "FSChangeBatch.h"
 #include "watcher_test.h"
 
@@ -166,63 +163,6 @@ TEST(IndexOfByINode, IsTheFirstPosition) {
   const FSChangedResource two("delete", FSResource(2, "a", false, {}, {}, 0, ""));
   EXPECT_EQ(FSEventWatcher::IndexOfByINode(two, {one, two, two}), 1);
   EXPECT_EQ(FSEventWatcher::IndexOfByINode(two, {one}), -1);
-}
-
-// A reader keeps a picture of the tree: its names, those of folders with a final "/".
-TEST_F(WatcherTest, AReaderHasThePictureOfTheDiskAfterEveryBatch) {
-  std::set<std::string> picture;
-  const auto disk = [&] {
-    std::set<std::string> found;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
-      found.insert(shortened(entry.path().string() + (entry.is_directory() ? "/" : "")));
-    }
-    return found;
-  };
-  // Brings the picture up to date. Returns whether the record makes sense in it.
-  const auto follow = [&](const std::string& record) {
-    const Texts words = pieces(record);
-    const std::string &action = words[0], &old = words[2], &name = words.back();
-    const std::string end = words[1] == "folder" ? "/" : "";
-    const std::string parent = name.substr(0, name.rfind('/') + 1);
-    if (!parent.empty() && !picture.contains(parent)) return false;
-    if (action != "create" && !picture.contains(old + end)) return false;
-    if (action == "rename" && picture.contains(name + "/")) return false;
-    if (action == "change" || (action == "create" && picture.contains(name + end))) return true;
-    for (const std::string& path : std::exchange(picture, {})) {
-      const bool isOld = (path + "/").starts_with(old + "/");
-      if (isOld && action == "rename") picture.insert(name + path.substr(old.size()));
-      if (!isOld && path != name) picture.insert(path);
-    }
-    if (action == "create") picture.insert(name + end);
-    return true;
-  };
-  std::mt19937 random(1);
-  const auto anyName = [&] {
-    std::string name(1, "abc"[random() % 3]);
-    while (random() % 2 == 0 && name.size() < 7) name += std::string("/") + "abc"[random() % 3];
-    return name;
-  };
-  watch();
-  for (int round = 1; round < 500; ++round) {
-    std::string done, touched;
-    for (auto count = random() % 6; count > 0; --count) {
-      const std::string verb = pieces("mkdir touch mv mv ln rm")[random() % 6], name = anyName();
-      const std::string other = verb == "touch" ? std::to_string(round) : anyName();
-      const std::string command = verb + " " + name + " " + other;
-      if (!folder.tryToRun(command)) continue;
-      done += command + "; ";
-      touched += {name[0], other[0]};
-    }
-    Texts events = {"/", "/"};  // children before parents
-    for (const std::string& path : disk()) {
-      const bool isNamed = path.ends_with('/') && touched.find(path[0]) != std::string::npos;
-      if (isNamed) events.insert(events.begin(), 2, path);
-    }
-    for (Texts found = batch(events); !found.empty(); found = batch(events)) {
-      for (const std::string& record : found) ASSERT_TRUE(follow(record)) << record << "\n" << done;
-    }
-    ASSERT_EQ(picture, disk()) << done;
-  }
 }
 
 }  // namespace

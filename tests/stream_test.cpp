@@ -223,9 +223,12 @@ TEST_F(StreamTest, DrainsTheQueueDuringACallbackAndNamesItsChangesNext) {
   hold(false);
   awaitName(folder / "t/a/b/");
   stop();
-  EXPECT_EQ(received.batches[1].paths, (std::vector<std::string>{folder / "t/a/b/", folder / "t/a/",
-                                                                 folder / "t/a/", folder / "t/"}))
-      << text();
+  // The callback may have read any of them half way.
+  std::vector<std::string> expected;
+  for (const char* name : {"t/a/b/c/", "t/a/b/", "t/a/", "t/"}) {
+    expected.insert(expected.end(), 2, folder / name);
+  }
+  EXPECT_EQ(received.batches[1].paths, expected) << text();
 }
 
 // Each of the changes is one change of the root; a "+" before it says that there is a root then.

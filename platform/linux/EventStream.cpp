@@ -60,9 +60,9 @@ std::string withoutFinalSlash(std::string path) {
   return path;
 }
 
-// What stands at the root's path: nothing, a folder that can be read, or anything else.
+// What stands at the root's path.
 struct Root {
-  enum class Kind { missing, folder, other };
+  enum class Kind { missing, folder, unreadable, other };
   Kind kind = Kind::missing;
   FolderIdentity identity;
   Descriptor folder;
@@ -78,7 +78,7 @@ Root lookAt(const std::string& path) {
   }
   struct stat status;
   if (stat(path.c_str(), &status) != 0) return root;
-  root.kind = Root::Kind::other;
+  root.kind = S_ISDIR(status.st_mode) ? Root::Kind::unreadable : Root::Kind::other;
   root.identity = {status.st_dev, status.st_ino, 0};
   return root;
 }
@@ -343,7 +343,7 @@ bool __FSEventStream::IsRootSame(const Root& now) {
   if (now.kind == Root::Kind::folder && rootKind_ == Root::Kind::folder) {
     return table_.IsRoot(now.folder);
   }
-  if (now.kind == Root::Kind::other && rootKind_ == Root::Kind::folder) {
+  if (now.kind == Root::Kind::unreadable && rootKind_ == Root::Kind::folder) {
     return now.identity.device == rootIdentity_.device && now.identity.inode == rootIdentity_.inode;
   }
   return now.kind == rootKind_ && now.identity == rootIdentity_;
@@ -367,6 +367,7 @@ bool __FSEventStream::IsDelivering() {
 
 void __FSEventStream::HandOver(Batch batch) {
   wasDelivering_ = true;
+  table_.BeginDelivery();
   {
     const MutexLock lock(lock_);
     batch_ = std::move(batch);

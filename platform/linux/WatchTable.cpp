@@ -96,6 +96,8 @@ void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
   List(*root_, std::move(folder), Walk{.length = path.size()});
   for (Folder* marked : marked_) marked->marks = 0;
   marked_.clear();
+  fresh_.clear();
+  isTreeNamed_ = true;
   ++epoch_;
 }
 
@@ -188,9 +190,27 @@ void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, const std::
   MarkFolder(folder, marksOf(event.mask, kLost, kGained, kWritten));
   if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
     haveFoldersMoved_ = true;
+    if (isDelivering_ && disturbed_.size() < kMostDepartures) {
+      disturbed_.emplace(folder.serial, name);
+    }
   }
-  const bool isFolder = (event.mask & IN_ISDIR) != 0 || ChildOf(folder, name) != nullptr;
+  const bool isKnown = ChildOf(folder, name) != nullptr;
+  const bool isFolder = (event.mask & IN_ISDIR) != 0 || isKnown;
+  if (isFolder && !isKnown && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+    NoteDeparture(folder, name, 0);
+  }
   if (isFolder && (event.mask & (kNameMask | IN_ATTRIB)) != 0) Examine(folder, name);
+  const bool isArrival =
+      (event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
+  if (isArrival && isDelivering_) NoteArrival(folder, name);
+}
+
+// Where two folders took the name during a callback, it may have seen the first.
+void WatchTable::NoteArrival(const Folder& parent, const std::string& name) {
+  const bool isFirst =
+      arrivals_.size() < kMostDepartures && arrivals_.emplace(parent.serial, name).second;
+  if (isFirst) return;
+  if (Folder* const child = ChildOf(parent, name)) MarkAll(*child, kLost | kGained | kReplaced);
 }
 
 // The watch is gone: its folder was deleted, or its file system unmounted. Its path shows what is
@@ -278,10 +298,11 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handl
   } else {
     if (folder != nullptr) Detach(*folder);
     folder = Relocate(watch, parent, name, handle);
-    walk.isReplaced =
-        walk.isReplaced || IsRecent(parent.replaced) || WasTaken(parent, name, folder);
+    walk.isReplaced = walk.isReplaced || IsRecent(parent.replaced) ||
+                      WasTaken(parent, name, folder) || (isDelivering_ && parent.born == epoch_);
     walk.isRelocated = folder != nullptr;
-    if (folder != nullptr && (haveLongPaths_ || walk.length + LongestBelow(*folder) > kSafeLength)) {
+    if (folder != nullptr &&
+        (haveLongPaths_ || walk.length + LongestBelow(*folder) > kSafeLength)) {
       // Other entries than before can be named.
       walk.isRepair = true;
       MarkAll(*folder, kLost | kGained);
@@ -356,6 +377,7 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
     Detach(*folder);
   }
   Attach(Extract(*folder), parent, name);
+  moved_.insert(folder);
   return folder;
 }
 
@@ -379,6 +401,9 @@ void WatchTable::List(Folder& folder, Descriptor handle, const Walk& walk) {
   for (const std::string& name : listing.subfolders) AdoptChild(folder, handle, name, walk);
   if (walk.isReplaced) {
     MarkFolder(folder, kLost | kGained | kReplaced);
+  } else if (folder.born == epoch_ && isDelivering_) {
+    // The callback may have seen other entries in it.
+    MarkFolder(folder, kLost | kGained);
   } else if (folder.born == epoch_ && !listing.isEmpty) {
     MarkFolder(folder, kGained);
   }
@@ -433,6 +458,7 @@ WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, i
   folder.serial = ++serials_;
   folder.born = epoch_;
   Attach(std::move(entered), parent, name);
+  fresh_.insert(&folder);
   SetWatch(folder, watch);
   if (watch < 0 && handle.isOpen()) {
     unwatched_[folder.serial] = {&folder, identityOf(handle), fingerprintOf(handle)};
@@ -449,7 +475,10 @@ std::unique_ptr<WatchTable::Folder> WatchTable::Extract(Folder& folder) {
     orphans_.erase(found);
     return extracted;
   }
-  NoteDeparture(folder);
+  if (folder.born != epoch_) {
+    origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name, epoch_});
+  }
+  NoteDeparture(*folder.parent, folder.name, folder.serial);
   Children& siblings = folder.parent->children;
   extracted = std::move(siblings.extract(siblings.find(std::string_view(folder.name))).value());
   folder.parent = nullptr;
@@ -475,17 +504,15 @@ void WatchTable::Detach(Folder& folder) {
   orphans_.emplace(&folder, std::move(extracted));
 }
 
-void WatchTable::NoteDeparture(const Folder& folder) {
-  if (folder.born != epoch_) {
-    origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name, epoch_});
-  }
+// `serial` is that of the folder that left the name, or 0 when it is not known.
+void WatchTable::NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial) {
   if (departures_.size() >= kMostDepartures) {
     departures_.clear();
     manyDepartures_ = epoch_;
   }
-  const auto [at, isFirst] = departures_.try_emplace({folder.parent->serial, folder.name});
-  const bool isAlone = isFirst || at->second.serial == folder.serial;
-  at->second = {isAlone ? folder.serial : 0, epoch_};
+  const auto [at, isFirst] = departures_.try_emplace({parent.serial, name});
+  const bool isAlone = isFirst || at->second.serial == serial;
+  at->second = {isAlone ? serial : 0, epoch_};
 }
 
 // Whether another folder than `by` has had this path lately, so that the reader may know that one.
@@ -506,8 +533,9 @@ void WatchTable::Bury(Folder& folder) {
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
   marked_.erase(&folder);
-  named_.erase(&folder);
-  unsettled_.erase(&folder);
+  for (auto* folders : {&named_, &unsettled_, &fresh_, &moved_, &announced_, &relocated_}) {
+    folders->erase(&folder);
+  }
   unwatched_.erase(folder.serial);
   origins_.erase(&folder);
 }
@@ -611,8 +639,41 @@ void WatchTable::ForgetOrigins() {
 }
 
 void WatchTable::EndDelivery() {
-  if (haveFoldersMoved_) unsettled_.merge(named_);
+  isDelivering_ = false;
+  arrivals_.clear();
+  // A comparison tells one side. Where the folder changed before it was done, that may have been
+  // the wrong one.
+  for (Folder* folder : marked_) {
+    const bool isCompared = haveFoldersMoved_ || named_.contains(folder);
+    if (isCompared && (folder->marks & (kLost | kGained)) != 0) folder->marks |= kLost | kGained;
+  }
+  if (haveFoldersMoved_) {
+    named_.merge(announced_);
+    named_.merge(relocated_);
+    if (isTreeNamed_ && root_ != nullptr) named_.insert(root_.get());
+    for (Folder* folder : named_) {
+      if (IsDisturbed(*folder) || folder == root_.get()) Unsettle(*folder);
+    }
+  }
+  disturbed_.clear();
   named_.clear();
+  announced_.clear();
+  relocated_.clear();
+  isTreeNamed_ = false;
+}
+
+// Whether the callback may have found another folder under the path.
+bool WatchTable::IsDisturbed(Folder& folder) const {
+  if (disturbed_.size() >= kMostDepartures) return true;
+  for (Folder* at = &folder; at->parent != nullptr; at = at->parent) {
+    if (moved_.contains(at) || disturbed_.contains({at->parent->serial, at->name})) return true;
+  }
+  return false;
+}
+
+void WatchTable::Unsettle(Folder& folder) {
+  unsettled_.insert(&folder);
+  for (const std::unique_ptr<Folder>& child : folder.children) Unsettle(*child);
 }
 
 std::vector<NamedFolder> WatchTable::Cut() {
@@ -625,6 +686,9 @@ std::vector<NamedFolder> WatchTable::Cut() {
     for (Folder* folder : std::exchange(unsettled_, {})) MarkFolder(*folder, kLost | kGained);
   }
   named_.clear();
+  announced_ = std::exchange(fresh_, {});
+  relocated_ = std::exchange(moved_, {});
+  isTreeNamed_ = false;
   std::vector<Mention> gaining;
   std::vector<Mention> others;
   std::unordered_set<Folder*> heldBack;

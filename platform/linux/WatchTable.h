@@ -98,9 +98,12 @@ class WatchTable {
   // What changed in a folder that has moved stays for the next batch.
   std::vector<NamedFolder> Cut();
 
+  // The callback is to get a batch. It reads folders from now on, at times that nobody knows.
+  void BeginDelivery() { isDelivering_ = true; }
+
   // The callback is done with the last batch, and Read has been called since. Where folders moved
   // meanwhile, it may have found other folders than those named: they are named again when it is
-  // quiet.
+  // quiet. Those that lost or gained entries meanwhile are named for both.
   void EndDelivery();
 
   // Visits the next of the folders that have no watch, in turn: gives it one if it is to be had by
@@ -196,7 +199,8 @@ class WatchTable {
   void Detach(Folder& folder);
   void Attach(std::unique_ptr<Folder> extracted, Folder& parent, const std::string& name);
   std::unique_ptr<Folder> Extract(Folder& folder);
-  void NoteDeparture(const Folder& folder);
+  void NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial);
+  void NoteArrival(const Folder& parent, const std::string& name);
   bool WasTaken(const Folder& parent, const std::string& name, const Folder* by) const;
   void Bury(Folder& folder);
 
@@ -205,6 +209,8 @@ class WatchTable {
   bool UnsetWatch(Folder& folder);
 
   void MarkFolder(Folder& folder, uint8_t marks);
+  void Unsettle(Folder& folder);
+  bool IsDisturbed(Folder& folder) const;
   void ForgetOrigins();
   void MarkAll(Folder& folder, uint8_t marks);
   void Touch(Folder& folder);
@@ -224,7 +230,11 @@ class WatchTable {
 
   // All of these refer to folders of the tree or orphans, and are kept when one is dropped.
   std::unordered_set<Folder*> marked_;
+  std::unordered_set<Folder*> fresh_;                  // entered since the last batch
+  std::unordered_set<Folder*> moved_;                  // since the last batch
   std::unordered_set<Folder*> named_;                  // in the batch that is being delivered
+  std::unordered_set<Folder*> announced_;              // new in that batch
+  std::unordered_set<Folder*> relocated_;              // moved before it
   std::unordered_set<Folder*> unsettled_;              // to be named again
   std::map<uint64_t, Unwatched> unwatched_;            // by serial
   uint64_t visited_ = 0;                               // the last of them
@@ -233,6 +243,10 @@ class WatchTable {
   std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name
   uint32_t manyDepartures_ = 0;  // the last epoch in which they were too many to be kept apart
 
+  std::set<std::pair<uint64_t, std::string>> arrivals_;  // of folders during a delivery, likewise
+
+  std::set<std::pair<uint64_t, std::string>> disturbed_;  // left or taken by folders during one
+
   uint64_t serials_ = 0;
   uint32_t epoch_ = 2;        // rises with every batch; 0 is long ago
   bool isOverflown_ = false;  // events were lost since the last batch
@@ -240,7 +254,9 @@ class WatchTable {
   bool isRootInDoubt_ = false;
   bool isRootLost_ = false;  // its watch is gone
   bool endsInMove_ = false;
-  bool haveLongPaths_ = false;     // so long that some entries could not be named
+  bool haveLongPaths_ = false;  // so long that some entries could not be named
+  bool isDelivering_ = false;
+  bool isTreeNamed_ = false;       // as a new root, in the batch that is being delivered
   bool haveFoldersMoved_ = false;  // since the last batch was cut
   std::string unread_;             // events read during a walk, to be applied after it
   int walked_ = 0;
