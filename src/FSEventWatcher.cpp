@@ -83,7 +83,7 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
 }
 
 void compareBothSides(const std::string& key, std::vector<FSChangedResource>& batch) {
-  const std::string folder = key == "/" ? key : key + "/";
+  const std::string folder = FSTree::FolderOf(key);
   FSEventWatcher::PrintChangedFiles(folder, batch);
   FSEventWatcher::PrintChangedFiles(folder, batch);
 }

@@ -17,19 +17,27 @@ const FSResourceIndex& made(std::optional<FSResourceIndex>& index, const FSResou
   return *index;
 }
 
+// A folder that the reader knows but that could not be read until now starts with an empty list.
+const FSResourceList& savedListOf(const std::string& key, FSTree& tree) {
+  static const FSResourceList none;
+  if (tree.SavedList(key) == nullptr && tree.IsSavedFolder(key)) tree.SetSavedList(key, {});
+  const FSResourceList* saved = tree.SavedList(key);
+  return saved == nullptr ? none : *saved;
+}
+
 }  // namespace
 
 FSReconciliation::FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
                                    std::vector<FSChangedResource>& batch)
-    : tree_(tree), log_(log), batch_(batch), key_(FSTree::KeyOf(folder)) {
-  // A folder that the reader knows but that could not be read until now starts with an empty list.
-  if (tree_.SavedList(key_) == nullptr && tree_.IsSavedFolder(key_)) tree_.SetSavedList(key_, {});
+    : tree_(tree),
+      log_(log),
+      batch_(batch),
+      key_(FSTree::KeyOf(folder)),
+      saved_(savedListOf(key_, tree)) {
   tree_.NoteRead(key_, tree_.ReadCurrentList(key_, current_));
-  saved_ = tree_.GetSavedResourceList(folder).items;
   told_.resize(current_.size());
   gone_.resize(saved_.size());
   added_.resize(current_.size(), kNone);
-  list_ = saved_;
 }
 
 void FSReconciliation::Run() {
@@ -40,6 +48,7 @@ void FSReconciliation::Run() {
   }
   if (!isEdited_) return;
   std::erase(list_, nullptr);
+  list_.shrink_to_fit();
   if (tree_.SavedList(key_) != nullptr) {
     tree_.SetSavedList(key_, std::move(list_));
   } else {
@@ -163,12 +172,12 @@ FSReconciliation::Position FSReconciliation::NewNameOf(Position s) {
   return c;
 }
 
-bool FSReconciliation::IsSavedAs(const FSResource& file, const std::string& path) {
+bool FSReconciliation::IsSavedAs(const FSResource& file, const FSPath& path) {
   const Position s = SavedByPath().FirstByPath(path);
   return s != kNone && isSameFile(*saved_[s], file);
 }
 
-bool FSReconciliation::IsNowAs(const FSResource& file, const std::string& path) {
+bool FSReconciliation::IsNowAs(const FSResource& file, const FSPath& path) {
   const Position c = CurrentByPath().FirstByPath(path);
   return c != kNone && isSameFile(*current_[c], file);
 }
@@ -186,19 +195,24 @@ void FSReconciliation::TakeIdentity(Position c, Position s) {
       return;
     }
   }
+  Edit();
   list_[s] = current_[c];
-  isEdited_ = true;
+}
+
+void FSReconciliation::Edit() {
+  if (!std::exchange(isEdited_, true)) list_ = saved_;
 }
 
 void FSReconciliation::Add(Position c) {
+  Edit();
   added_[c] = static_cast<Position>(list_.size());
   list_.push_back(current_[c]);
-  isEdited_ = true;
   if (current_[c]->isFolder) tree_.AddFolder(current_[c]->path);
 }
 
 // Takes every entry with the path out of the saved list, those just added included.
-void FSReconciliation::Remove(const std::string& path) {
+void FSReconciliation::Remove(const FSPath& path) {
+  Edit();
   for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
     list_[s] = nullptr;
   }
@@ -206,11 +220,10 @@ void FSReconciliation::Remove(const std::string& path) {
     list_[added_[c]] = nullptr;
     added_[c] = kNone;
   }
-  isEdited_ = true;
 }
 
 // As Remove, and the walk passes over the saved entries with the path.
-void FSReconciliation::Leave(const std::string& path) {
+void FSReconciliation::Leave(const FSPath& path) {
   for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
     gone_[s] = true;
   }
@@ -221,8 +234,8 @@ void FSReconciliation::Log(const char* format, const FSResource& resource) {
   if (!log_.logging) return;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  log_.dolog(
-      FSEventsTree::buildString(format, resource.isFolder ? "dir" : "file", resource.path.c_str()));
+  log_.dolog(FSEventsTree::buildString(format, resource.isFolder ? "dir" : "file",
+                                       resource.path.str().c_str()));
 #pragma GCC diagnostic pop
 }
 

@@ -55,13 +55,14 @@ class FSReconciliation {
   Position OldNameOf(Position c);
   Position NewNameOf(Position s);
 
-  bool IsSavedAs(const FSResource& file, const std::string& path);
-  bool IsNowAs(const FSResource& file, const std::string& path);
+  bool IsSavedAs(const FSResource& file, const FSPath& path);
+  bool IsNowAs(const FSResource& file, const FSPath& path);
   void TakeIdentity(Position c, Position s);
 
+  void Edit();
   void Add(Position c);
-  void Remove(const std::string& path);
-  void Leave(const std::string& path);
+  void Remove(const FSPath& path);
+  void Leave(const FSPath& path);
   void Log(const char* format, const FSResource& resource);
 
   const FSResourceIndex& CurrentByPath();
@@ -75,13 +76,15 @@ class FSReconciliation {
   const std::string key_;
 
   FSResourceList current_;
-  FSResourceList saved_;
+  const FSResourceList& saved_;  // in the snapshot, until the end of the walk
 
   std::vector<bool> told_;  // by current position: reported as a creation or under its new name
   std::vector<bool> gone_;  // by saved position: has another name, or another file has its name
   std::vector<Position> added_;  // by current position: where it stands in list_
 
-  FSResourceList list_;  // the saved list to be: saved_, then what is added; null where removed
+  // The saved list to be, once something in it changes: saved_, then what is added; null where
+  // removed.
+  FSResourceList list_;
   bool isEdited_ = false;
 
   std::optional<FSResourceIndex> currentByPath_, currentByINode_, savedByPath_, savedByINode_;

@@ -11,7 +11,7 @@ namespace {
 // Inode numbers are often consecutive and often multiples; multiplying spreads both over the
 // buckets.
 size_t hashOf(uint64_t inode) { return (inode * 0x9E3779B97F4A7C15U) >> 20; }
-size_t hashOf(const std::string& path) { return std::hash<std::string_view>()(path); }
+size_t hashOf(const FSPath& path) { return std::hash<std::string>()(path.name()); }
 
 int32_t position(const FSResourceList& items, FSResourceList::const_iterator found) {
   return found == items.end() ? -1 : static_cast<int32_t>(found - items.begin());
@@ -19,7 +19,7 @@ int32_t position(const FSResourceList& items, FSResourceList::const_iterator fou
 
 }  // namespace
 
-FSResource::FSResource(uint64_t inode, std::string path, bool isFolder, timespec modified,
+FSResource::FSResource(uint64_t inode, FSPath path, bool isFolder, timespec modified,
                        timespec created, uint64_t size, std::string oldPath)
     : inode(inode),
       path(std::move(path)),
@@ -28,6 +28,12 @@ FSResource::FSResource(uint64_t inode, std::string path, bool isFolder, timespec
       modified(modified),
       size(size),
       oldPath(std::move(oldPath)) {}
+
+FSResourcePtr withPath(const FSResource& resource, FSPath path) {
+  auto moved = std::make_shared<FSResource>(resource);
+  moved->path = std::move(path);
+  return moved;
+}
 
 FSChangedResource::FSChangedResource(std::string action, const FSResource& resource)
     : action(std::move(action)),
@@ -50,7 +56,7 @@ FSResourceIndex::FSResourceIndex(const FSResourceList& list, Key key)
   }
 }
 
-uint32_t FSResourceIndex::FirstByPath(const std::string& path) const {
+uint32_t FSResourceIndex::FirstByPath(const FSPath& path) const {
   return MatchPath(Bucket(hashOf(path)), path);
 }
 
@@ -66,7 +72,7 @@ uint32_t FSResourceIndex::NextByINode(uint32_t position) const {
   return MatchINode(next_[position], list_[position]->inode);
 }
 
-uint32_t FSResourceIndex::MatchPath(uint32_t position, const std::string& path) const {
+uint32_t FSResourceIndex::MatchPath(uint32_t position, const FSPath& path) const {
   while (position != kNone && list_[position]->path != path) position = next_[position];
   return position;
 }
@@ -114,7 +120,7 @@ FSResourceList FSResourceArray::CompareByPath(const FSResource& reference, bool 
                                               bool selectGreater, bool selectLess) const {
   FSResourceList selected;
   for (const FSResourcePtr& item : items) {
-    const int order = item->path.compare(reference.path);
+    const int order = item->path.str().compare(reference.path);
     if ((selectEqual && order == 0) || (selectGreater && order > 0) || (selectLess && order < 0)) {
       selected.push_back(item);
     }

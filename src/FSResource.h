@@ -10,26 +10,49 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "FSPath.h"
+
+// A text that is nearly always empty, and takes little room then.
+class FSRareText {
+ public:
+  FSRareText(std::string text)  // NOLINT(google-explicit-constructor): a text like any other
+      : text_(text.empty() ? nullptr : std::make_unique<const std::string>(std::move(text))) {}
+  FSRareText(const FSRareText& other) : FSRareText(other.str()) {}
+  FSRareText& operator=(const FSRareText& other) { return *this = FSRareText(other); }
+  FSRareText(FSRareText&&) = default;
+  FSRareText& operator=(FSRareText&&) = default;
+
+  std::string str() const { return text_ == nullptr ? std::string() : *text_; }
+  operator std::string() const { return str(); }  // NOLINT(google-explicit-constructor)
+
+ private:
+  std::unique_ptr<const std::string> text_;
+};
 
 // One file or folder as it was when it was examined.
 struct FSResource {
   uint64_t inode;
-  std::string path;
+  FSPath path;
   bool isFolder;
-  timespec created;     // last status change, not the birth time; only its seconds are used
-  timespec modified;    // last data modification; only its seconds are used
-  uint64_t size;        // bytes
-  std::string oldPath;  // of a rename: the path before it; else empty
-  int64_t birth = 0;  // nanoseconds since 1970, 0 when not known; tells files apart, never printed
+  timespec created;    // last status change, not the birth time; only its seconds are used
+  timespec modified;   // last data modification; only its seconds are used
+  uint64_t size;       // bytes
+  FSRareText oldPath;  // of a rename: the path before it; else empty
+  int64_t birth = 0;   // nanoseconds since 1970, 0 when not known; tells files apart, never printed
 
   // The two times come in the reverse of their declared order.
-  FSResource(uint64_t inode, std::string path, bool isFolder, timespec modified, timespec created,
+  FSResource(uint64_t inode, FSPath path, bool isFolder, timespec modified, timespec created,
              uint64_t size, std::string oldPath);
 };
 
 using FSResourcePtr = std::shared_ptr<const FSResource>;
 using FSResourceList = std::vector<FSResourcePtr>;
+
+// A copy of the record with another path.
+FSResourcePtr withPath(const FSResource& resource, FSPath path);
 
 struct FSSavedLists;
 
@@ -70,7 +93,7 @@ class FSResourceIndex {
 
   // The first position with the path, or the next one with the same path after `position`; kNone at
   // the end. REQUIRES: Key::path.
-  uint32_t FirstByPath(const std::string& path) const;
+  uint32_t FirstByPath(const FSPath& path) const;
   uint32_t NextByPath(uint32_t position) const;
 
   // The first position with the inode, or the next one with the same inode; kNone at the end.
@@ -80,7 +103,7 @@ class FSResourceIndex {
 
  private:
   uint32_t Bucket(size_t hash) const { return heads_[hash & (heads_.size() - 1)]; }
-  uint32_t MatchPath(uint32_t position, const std::string& path) const;
+  uint32_t MatchPath(uint32_t position, const FSPath& path) const;
   uint32_t MatchINode(uint32_t position, uint64_t inode) const;
 
   const FSResourceList& list_;

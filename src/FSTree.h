@@ -86,6 +86,10 @@ class FSTree {
   // The key of a folder named with its final "/": without it, but for "/" itself.
   static std::string KeyOf(const std::string& folderWithSlash);
 
+  // The reverse, and the key of the folder that holds what has the path.
+  static std::string FolderOf(const std::string& key);
+  static std::string_view ParentOf(std::string_view path);
+
   // The saved list under the key, or null.
   const FSResourceList* SavedList(std::string_view key) const;
 
@@ -171,6 +175,7 @@ class FSTree {
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
+  FSPath::Folder TextOf(const std::string& key) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
 
   // The lists taken in the running callback, by the folder they were of.

@@ -88,7 +88,7 @@ struct PlainComparison {
     batch.emplace_back("rename", *now).oldPath = before->path;
     std::shared_ptr<FSSavedLists> below;
     if (before->isFolder) below = tree.TakeSavedLists(before->path);
-    for (const std::string& path : {now->path, before->path}) {
+    for (const std::string& path : {now->path.str(), before->path.str()}) {
       tree.DeleteSavedResourceList(path, false);
       for (const FSResourcePtr& entry : saved) {
         if (entry->path == path) passed.insert(entry);
@@ -134,11 +134,11 @@ TEST_F(WatcherTest, AComparisonAgreesWithPlainStepsOnAnyListings) {
     for (auto count = below(8); count > 0; --count) {
       FSResource saved(1 + below(3), "", below(3) == 0, {1, 0}, {2, 0}, 3, "");
       if (!current.empty() && below(4) != 0) saved = *current[below(current.size())];
-      if (saved.path.empty() || below(4) != 0) saved.path = folder / name();
+      if (saved.path.size() == 0 || below(4) != 0) saved.path = folder / name();
       if (below(4) == 0) saved.birth = static_cast<int64_t>(below(2));
       if (below(4) == 0) saved.modified.tv_sec = 1;
       list.push_back(std::make_shared<FSResource>(saved));
-      saved.path += "/x";
+      saved.path = saved.path.str() + "/x";
       if (list.back()->isFolder) save(list.back()->path, {std::make_shared<FSResource>(saved)});
     }
     if (below(8) != 0) save(key, list);

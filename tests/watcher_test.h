@@ -49,7 +49,7 @@ class WatcherTest : public testing::Test {
     std::string text;
     for (const auto& [key, list] : tree().snapshot) {
       Texts names;
-      for (const FSResourcePtr& entry : list) names.push_back(" " + entry->path);
+      for (const FSResourcePtr& entry : list) names.push_back(" " + entry->path.str());
       if (sort) std::sort(names.begin(), names.end());
       text += (text.empty() ? "" : " | ") + key + ":";
       for (const std::string& name : names) text += name;

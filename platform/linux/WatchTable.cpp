@@ -276,11 +276,13 @@ void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
   const bool isExhausted = error == EMFILE || error == ENFILE || error == ENOMEM;
   if (isPermission(error) || isExhausted) {
     struct stat status;
-    const bool isFolder = isExhausted || (lstat(join(PathOf(parent), name).c_str(), &status) == 0 &&
-                                          S_ISDIR(status.st_mode));
-    if (isFolder && folder == nullptr) folder = &Enter(parent, name, -1, Descriptor());
-    if (isFolder) {
+    if (lstat(join(PathOf(parent), name).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+      if (folder == nullptr) folder = &Enter(parent, name, -1, Descriptor());
       folder->isUnreadable = folder->isUnreadable || isPermission(error);
+      if (isExhausted) {
+        folder->isInDoubt = true;
+        unwatched_[folder->serial].folder = folder;
+      }
       return;
     }
   }
@@ -314,6 +316,11 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handl
     }
   }
   if (std::exchange(folder->isUnreadable, false)) walk.isReplaced = true;
+  if (std::exchange(folder->isInDoubt, false)) {
+    walk.isRepair = true;
+    MarkFolder(*folder, kLost | kGained);
+    if (folder->watch >= 0) unwatched_.erase(folder->serial);
+  }
   List(*folder, std::move(handle), walk);
 }
 
@@ -357,7 +364,7 @@ void WatchTable::VisitNext() {
 
 // Whether a folder whose watch never lapsed is to be listed all the same.
 bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
-  return walk.isRepair || walk.isReplaced || folder.isUnreadable ||
+  return walk.isRepair || walk.isReplaced || folder.isUnreadable || folder.isInDoubt ||
          (walk.isRelocated && IsRecent(folder.touched));
 }
 

@@ -144,6 +144,7 @@ class WatchTable {
     uint32_t replaced = 0;  // the last epoch in which it took another one's place
     uint8_t marks = 0;
     bool isUnreadable = false;
+    bool isInDoubt = false;  // could not be opened for want of descriptors; is visited until it can
   };
 
   // Where a folder stood when the last batch was cut.

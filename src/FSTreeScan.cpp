@@ -1,0 +1,120 @@
+// The directory scan.
+
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "FSTree.h"
+#include "utility.h"
+
+namespace {
+
+FSResourcePtr asResource(const FSChangedResource& record) {
+  auto resource = std::make_shared<FSResource>(record.inode, record.path, record.isFolder,
+                                               record.modified, record.created, record.size, "");
+  resource->birth = record.birth;
+  return resource;
+}
+
+// Whether the list, indexed by inode, holds the file under any name.
+bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
+  uint32_t at = byINode.FirstByINode(file.inode);
+  while (at != FSResourceIndex::kNone && !isSameFile(*list[at], file)) at = byINode.NextByINode(at);
+  return at != FSResourceIndex::kNone;
+}
+
+}  // namespace
+
+struct FSTree::Scan {
+  bool listSync;
+  bool reportNew;
+};
+
+void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
+  ScanFolder(path, Scan{listSync, reportNew});
+}
+
+// A folder is closed before those below it are read, so that the depth of a tree is not bound by
+// the number of open files.
+void FSTree::ScanFolder(const std::string& path, const Scan& scan) {
+  if (!Utility::isAllowedPath(path + "/")) return;
+  FSResourceList current;
+  int error = 0;
+  if (!ReadFolder(path, current, error)) {
+    if (error != 0) ReportUnreadable(path, error);
+    return;
+  }
+  std::vector<std::string> subfolders;
+  for (const FSResourcePtr& entry : current) {
+    if (entry->isFolder) subfolders.push_back(entry->path);
+  }
+  if (scan.listSync && !scan.reportNew) {
+    for (const FSResourcePtr& entry : current) Queue("sync", *entry);
+  }
+  if (scan.reportNew) current = ReportEntries(path, current, scan);
+  current.shrink_to_fit();
+  {
+    const MutexLock lock(treeMutex);
+    snapshot.insert_or_assign(path, std::move(current));
+    unread.erase(path);
+  }
+  for (const std::string& subfolder : subfolders) {
+    if (!scan.reportNew || (!pending.contains(subfolder) && SavedList(subfolder) != nullptr)) {
+      ScanFolder(subfolder, scan);
+    }
+  }
+}
+
+void FSTree::ReportUnreadable(const std::string& path, int error) {
+  const MutexLock lock(treeMutex);
+  changes->AppendOutput(changes->templates->Fill("error", path), true);
+  changes->AppendOutput(changes->templates->Fill("error", std::strerror(error)), true);
+}
+
+// Queues what the scan has to say of each entry, and gives the folder's new saved list: the saved
+// records of what the reader knows already, be it still there or not, and the records of what is
+// new.
+FSResourceList FSTree::ReportEntries(const std::string& path, const FSResourceList& current,
+                                     const Scan& scan) {
+  const FSResourceList saved = GetSavedResourceList2(path).items;
+  const FSResourceIndex savedByPath(saved, FSResourceIndex::Key::path);
+  const FSResourceIndex savedByINode(saved, FSResourceIndex::Key::inode);
+  std::vector<bool> kept(saved.size(), false);
+  FSResourceList told;
+  for (const FSResourcePtr& entry : current) {
+    if (scan.listSync) Queue("sync", *entry);
+    FSResourcePtr known;
+    if (const uint32_t at = savedByPath.FirstByPath(entry->path); at != FSResourceIndex::kNone) {
+      known = saved[at];
+      kept[at] = true;
+    } else {
+      known = NewEntry(entry, saved, savedByINode);
+    }
+    if (known == nullptr) continue;
+    told.push_back(known);
+    const bool hasList = entry->isFolder && SavedList(entry->path.str()) != nullptr;
+    if (known == entry && !hasList) Queue("create", *entry);
+    if (known->isFolder) AddFolder(entry->path);
+  }
+  for (size_t i = 0; i < saved.size(); ++i) {
+    if (!kept[i]) told.push_back(saved[i]);
+  }
+  return told;
+}
+
+// What the saved list is to hold of an entry that it does not hold under this name: the entry
+// itself when it is new, what a pending record will tell of it, or nothing when a comparison has to
+// find it.
+FSResourcePtr FSTree::NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
+                               const FSResourceIndex& savedByINode) const {
+  if (const auto found = pending.find(entry->path); found != pending.end()) {
+    const FSChangedResource* record = found->second.last;
+    return record == nullptr ? nullptr : asResource(*record);
+  }
+  return holdsFile(saved, savedByINode, *entry) ? nullptr : entry;
+}
+
+void FSTree::Queue(const char* action, const FSResource& resource) {
+  const MutexLock lock(treeMutex);
+  changes->Append(FSChangedResource(action, resource));
+}
