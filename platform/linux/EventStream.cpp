@@ -259,8 +259,12 @@ void __FSEventStream::VisitUnwatched() {
   if (!nextVisit_) nextVisit_ = now + pause;
   if (now < *nextVisit_) return;
   const int64_t wanted = count * pause / kVisitRound + 1;
-  for (int64_t i = 0; i < wanted && Clock::now() < now + kVisitBudget; ++i) table_.VisitNext();
-  nextVisit_ = Clock::now() + pause;
+  // When watches are to be had again, one success is followed by the next.
+  bool isSuccess = false;
+  for (int64_t i = 0; (i < wanted || isSuccess) && Clock::now() < now + kVisitBudget; ++i) {
+    isSuccess = table_.VisitNext();
+  }
+  nextVisit_ = Clock::now() + (isSuccess ? kVisitPause : pause);
   if (table_.HasChanges()) latency_.Want(Clock::now());
 }
 

@@ -343,16 +343,17 @@ bool WatchTable::HasChangedUnwatched(Folder& folder, const Descriptor& handle, i
   return hasChanged;
 }
 
-void WatchTable::VisitNext() {
-  if (unwatched_.empty()) return;
+bool WatchTable::VisitNext() {
+  if (unwatched_.empty()) return false;
   auto next = unwatched_.upper_bound(visited_);
   if (next == unwatched_.end()) next = unwatched_.begin();
   visited_ = next->first;
   Folder& folder = *next->second.folder;
-  if (!IsInTree(folder)) return;
+  if (!IsInTree(folder)) return false;
+  const size_t before = unwatched_.size();
   if (folder.parent != nullptr) {
     Examine(*folder.parent, std::string(folder.name));
-    return;
+    return unwatched_.size() < before;
   }
   Descriptor handle = openFolder(AT_FDCWD, folder.name, true);
   if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
@@ -360,6 +361,7 @@ void WatchTable::VisitNext() {
   } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle, kMask))) {
     List(folder, std::move(handle), Walk{.length = folder.name.size()});
   }
+  return unwatched_.size() < before;
 }
 
 // Whether a folder whose watch never lapsed is to be listed all the same.

@@ -107,8 +107,9 @@ class WatchTable {
   void EndDelivery();
 
   // Visits the next of the folders that have no watch, in turn: gives it one if it is to be had by
-  // now, and marks it if something in it changed since the last visit.
-  void VisitNext();
+  // now, and marks it if something in it changed since the last visit. Whether it needs no further
+  // visit.
+  bool VisitNext();
 
   // How many folders have a watch, and how many could not be given one.
   size_t WatchedCount() const { return byWatch_.size(); }
