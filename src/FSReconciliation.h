@@ -7,18 +7,19 @@
 // written once, at the end.
 //
 // Disk and snapshot can differ in ways that two listings alone do not explain. Four of them would
-// leave the reader's picture wrong for good, and are met here:
-// - A file with several names. Another name of a file that still has its old one is a creation, not
-// a rename:
-//   see OldNameOf and NewNameOf.
-// - A rename onto a name that existed. What had the name leaves the saved list together with the
-// old name: see
-//   Renamed. Were it to stay, the name would count twice and hide a later creation.
-// - A name that is of another kind now. It is a deletion and a creation: see SameName.
-// - A disk that moves on during the callback. The saved lists hold what the reader has been told,
-// until a record
-//   corrects it: a folder that moves takes its lists along (Renamed; FSChangeBatch for a move
-//   between folders), and a scan keeps the records of what it finds saved (FSTree::DirSearch).
+// leave the reader's picture wrong for good, and are met here.
+//
+// A file with several names: another name of a file that still has its old one is a creation, not a
+// rename; see OldNameOf and NewNameOf.
+//
+// A rename onto a name that existed: what had the name leaves the saved list together with the old
+// name; see Renamed. Were it to stay, the name would count twice and hide a later creation.
+//
+// A name that is of another kind now: a deletion and a creation; see SameName.
+//
+// A disk that moves on during the callback: the saved lists hold what the reader has been told,
+// until a record corrects it. A folder that moves takes its lists along (Renamed; FSChangeBatch for
+// a move between folders), and a scan keeps the records of what it finds saved (FSTree::DirSearch).
 #pragma once
 
 #include <optional>

@@ -5,21 +5,25 @@
 // reader.
 //
 // How it keeps the truth:
-// - An event is a hint about a name. After one that concerns a subfolder, that one path is examined
-// on the disk;
-//   what happened is never rebuilt from the order of events.
-// - A folder is known by its watch descriptor, which stays the same wherever the folder goes. What
-// leaves a path
-//   becomes an orphan, with all below it, and is found again by its descriptor when it turns up
-//   elsewhere. Orphans that nobody has taken up when a batch is cut are dropped, watches and all.
-// - Watch first, list second, name third, and open each folder relative to the one that lists it,
-// so that nothing
-//   falls between.
-// - A folder that events spoke of while its path may have been out of date (`touched`) is listed
-// again when it
-//   turns up under another path.
-// - When the kernel's queue overflows, the tree is walked again and every folder named.
-// - A folder that cannot be given a watch is visited in turn; see VisitNext.
+//
+// An event is a hint about a name. After one that concerns a subfolder, that one path is examined
+// on the disk; what happened is never rebuilt from the order of events.
+//
+// A folder is known by its watch descriptor, which stays the same wherever the folder goes. What
+// leaves a path becomes an orphan, with all below it, and is found again by its descriptor when it
+// turns up elsewhere. Orphans that nobody has taken up when a batch is cut are dropped.
+//
+// Watch first, list second, name third, and open each folder relative to the one that lists it, so
+// that nothing falls between. A folder that events spoke of while its path may have been out of
+// date
+// (`touched`) is listed again when it turns up under another path.
+//
+// While the callback works on a batch, from BeginDelivery to EndDelivery, it reads folders by path
+// at times that nobody knows. What changes meanwhile is named for both sides, and folders at whose
+// path it may have met another folder are named again when no folder moves any more.
+//
+// When the kernel's queue overflows, the tree is walked again and every folder named. A folder that
+// cannot be given a watch is visited in turn; see VisitNext.
 //
 // What it keeps is bound by the number of folders, not of events.
 #pragma once
@@ -116,6 +120,12 @@ class WatchTable {
   size_t UnwatchedCount() const { return unwatched_.size(); }
 
  private:
+  static constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                    IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
+  static constexpr int kMostOpen = 256;            // folders held open on the way down
+  static constexpr size_t kMostUnread = 16 << 20;  // bytes of events kept during a walk
+  static constexpr size_t kMostDepartures = 1 << 16;
+
   struct Folder;
   struct ByName {
     using is_transparent = void;
@@ -221,6 +231,7 @@ class WatchTable {
   bool IsHeldBack(const Folder& folder) const;
   bool IsReadable(const Folder& folder) const;
   size_t LongestBelow(const Folder& folder) const;
+  static std::string Join(const std::string& folder, const std::string& name);
   std::string PathOf(const Folder& folder) const;
   void ReadDuringWalk();
 

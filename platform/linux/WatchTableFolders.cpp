@@ -1,0 +1,365 @@
+// The table of watched folders against the disk: what stands under a name, which known folder that
+// is, and the walk over what is not known yet.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include "WatchTable.h"
+
+namespace {
+
+constexpr int kFoldersPerRead = 64;  // of a walk
+
+bool isPermission(int error) { return error == EACCES || error == EPERM; }
+
+// A folder must be nameable with its final "/".
+bool isTooLong(size_t length) { return length + 2 > PATH_MAX; }
+
+// The longest path of a folder whose entries can all be named.
+constexpr size_t kSafeLength = PATH_MAX - NAME_MAX - 2;
+
+}  // namespace
+
+// Looks what the name in the folder is now. The path may be out of date when the folder has moved
+// and the event of that is still to come: `touched` sees to it that the folder is listed again
+// then.
+void WatchTable::Examine(Folder& parent, const std::string& name) {
+  Touch(parent);
+  if (!IsInTree(parent)) return;
+  const std::string path = Join(PathOf(parent), name);
+  if (isTooLong(path.size())) return;
+  Descriptor handle = openFolder(AT_FDCWD, path);
+  if (handle.isOpen()) {
+    Adopt(parent, name, std::move(handle), Walk{.length = path.size()});
+  } else {
+    Missing(parent, name, errno);
+  }
+}
+
+void WatchTable::ExamineBelow(const std::string& path) {
+  Folder* parent = root_.get();
+  size_t start = 0;
+  for (size_t end; parent != nullptr && (end = path.find('/', start)) != std::string::npos;
+       start = end + 1) {
+    parent = ChildOf(*parent, path.substr(start, end - start));
+  }
+  if (parent != nullptr) Examine(*parent, path.substr(start));
+}
+
+// The name could not be opened as a folder. Where that may be one all the same, it stays or becomes
+// known without a watch; else whatever had the name has left it.
+void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
+  Folder* folder = ChildOf(parent, name);
+  const bool isExhausted = error == EMFILE || error == ENFILE || error == ENOMEM;
+  if (isPermission(error) || isExhausted) {
+    struct stat status;
+    if (lstat(Join(PathOf(parent), name).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+      if (folder == nullptr) folder = &Enter(parent, name, -1, Descriptor());
+      folder->isUnreadable = folder->isUnreadable || isPermission(error);
+      if (isExhausted) {
+        folder->isInDoubt = true;
+        unwatched_[folder->serial].folder = folder;
+      }
+      return;
+    }
+  }
+  if (folder != nullptr) Detach(*folder);
+}
+
+void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk) {
+  if (walk.length > kSafeLength) haveLongPaths_ = true;
+  const int watch = inotify_.Add(handle, kMask);
+  Folder* folder = ChildOf(parent, name);
+  if (folder != nullptr && watch >= 0 && folder->watch == watch) {
+    if (!NeedsListing(*folder, walk)) return;
+  } else if (folder != nullptr && IsUnwatched(*folder, watch, handle)) {
+    if (!HasChangedUnwatched(*folder, handle, watch) && !NeedsListing(*folder, walk)) return;
+  } else {
+    if (folder != nullptr) Detach(*folder);
+    folder = Relocate(watch, parent, name, handle);
+    walk.isReplaced = walk.isReplaced || IsRecent(parent.replaced) ||
+                      WasTaken(parent, name, folder) || (isDelivering_ && parent.born == epoch_);
+    walk.isRelocated = folder != nullptr;
+    if (folder != nullptr &&
+        (haveLongPaths_ || walk.length + LongestBelow(*folder) > kSafeLength)) {
+      // Other entries than before can be named.
+      walk.isRepair = true;
+      MarkAll(*folder, kLost | kGained);
+    }
+    if (folder == nullptr) {
+      folder = &Enter(parent, name, watch, handle);
+    } else if (!NeedsListing(*folder, walk)) {
+      return;
+    }
+  }
+  if (std::exchange(folder->isUnreadable, false)) walk.isReplaced = true;
+  if (std::exchange(folder->isInDoubt, false)) {
+    walk.isRepair = true;
+    MarkFolder(*folder, kLost | kGained);
+    if (folder->watch >= 0) unwatched_.erase(folder->serial);
+  }
+  List(*folder, std::move(handle), walk);
+}
+
+// Whether the folder had no watch until now and is the one that is there.
+bool WatchTable::IsUnwatched(const Folder& folder, int watch, const Descriptor& handle) const {
+  if (folder.watch >= 0 || FindByWatch(watch) != nullptr) return false;
+  const FolderIdentity& known = unwatched_.at(folder.serial).identity;
+  return folder.isUnreadable || known == identityOf(handle);
+}
+
+// Compares the folder with what it was at the last visit. The watch it may have got stands already,
+// so that nothing falls between.
+bool WatchTable::HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch) {
+  Unwatched& known = unwatched_.at(folder.serial);
+  known.identity = identityOf(handle);
+  const uint64_t fingerprint = fingerprintOf(handle);
+  const bool hasChanged = std::exchange(known.fingerprint, fingerprint) != fingerprint;
+  if (hasChanged) MarkFolder(folder, kLost | kGained);
+  if (watch >= 0) SetWatch(folder, watch);
+  return hasChanged;
+}
+
+bool WatchTable::VisitNext() {
+  if (unwatched_.empty()) return false;
+  auto next = unwatched_.upper_bound(visited_);
+  if (next == unwatched_.end()) next = unwatched_.begin();
+  visited_ = next->first;
+  Folder& folder = *next->second.folder;
+  if (!IsInTree(folder)) return false;
+  const size_t before = unwatched_.size();
+  if (folder.parent != nullptr) {
+    Examine(*folder.parent, std::string(folder.name));
+    return unwatched_.size() < before;
+  }
+  Descriptor handle = openFolder(AT_FDCWD, folder.name, true);
+  if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
+    isRootInDoubt_ = true;
+  } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle, kMask))) {
+    List(folder, std::move(handle), Walk{.length = folder.name.size()});
+  }
+  return unwatched_.size() < before;
+}
+
+// Whether a folder whose watch never lapsed is to be listed all the same.
+bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
+  return walk.isRepair || walk.isReplaced || folder.isUnreadable || folder.isInDoubt ||
+         (walk.isRelocated && IsRecent(folder.touched));
+}
+
+// Takes the folder that has the watch to a new place, from among the orphans or from a path that it
+// has left. Null when there is none, or when it is a second path to a folder that stands where it
+// stood.
+WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::string& name,
+                                         const Descriptor& handle) {
+  Folder* folder = watch >= 0 ? FindByWatch(watch) : FindUnwatched(identityOf(handle));
+  if (folder == nullptr || folder == root_.get()) return nullptr;
+  for (const Folder* above = &parent; above != nullptr; above = above->parent) {
+    if (above == folder) return nullptr;
+  }
+  if (IsInTree(*folder)) {
+    const Descriptor there = openFolder(AT_FDCWD, PathOf(*folder));
+    if (there.isOpen() && identityOf(there) == identityOf(handle)) return nullptr;
+    Detach(*folder);
+  }
+  Attach(Extract(*folder), parent, name);
+  moved_.insert(folder);
+  return folder;
+}
+
+// The orphan without a watch that is this folder, where birth times make sure of it.
+WatchTable::Folder* WatchTable::FindUnwatched(const FolderIdentity& identity) const {
+  if (identity.birth == 0) return nullptr;
+  for (const auto& [top, orphan] : orphans_) {
+    const auto found = unwatched_.find(top->serial);
+    if (found != unwatched_.end() && found->second.identity == identity) return top;
+  }
+  return nullptr;
+}
+
+// Enters what the folder holds. A folder is closed before those below it are opened only where the
+// tree is so deep that the handles might run out.
+void WatchTable::List(Folder& folder, Descriptor handle, const Walk& walk) {
+  ReadDuringWalk();
+  FolderListing listing = listFolder(handle);
+  DetachUnlisted(folder, listing.subfolders);
+  if (walk.depth >= kMostOpen) handle = Descriptor();
+  for (const std::string& name : listing.subfolders) AdoptChild(folder, handle, name, walk);
+  if (walk.isReplaced) {
+    MarkFolder(folder, kLost | kGained | kReplaced);
+  } else if (folder.born == epoch_ && isDelivering_) {
+    // The callback may have seen other entries in it.
+    MarkFolder(folder, kLost | kGained);
+  } else if (folder.born == epoch_ && !listing.isEmpty) {
+    MarkFolder(folder, kGained);
+  }
+}
+
+void WatchTable::DetachUnlisted(Folder& folder, std::vector<std::string>& listed) {
+  if (folder.children.empty()) return;
+  std::sort(listed.begin(), listed.end());
+  std::vector<Folder*> unlisted;
+  for (const std::unique_ptr<Folder>& child : folder.children) {
+    if (!std::binary_search(listed.begin(), listed.end(), child->name)) {
+      unlisted.push_back(child.get());
+    }
+  }
+  for (Folder* child : unlisted) Detach(*child);
+}
+
+void WatchTable::AdoptChild(Folder& folder, const Descriptor& handle, const std::string& name,
+                            const Walk& walk) {
+  Walk below = walk;
+  below.depth = walk.depth + 1;
+  below.length = walk.length + 1 + name.size();
+  if (isTooLong(below.length)) return;
+  Descriptor child = handle.isOpen() ? openFolder(handle.number(), name)
+                                     : openFolder(AT_FDCWD, Join(PathOf(folder), name));
+  if (child.isOpen()) {
+    Adopt(folder, name, std::move(child), below);
+  } else {
+    Missing(folder, name, errno);
+  }
+}
+
+// A walk can take long; the kernel's queue must not fill meanwhile.
+void WatchTable::ReadDuringWalk() {
+  if (++walked_ % kFoldersPerRead != 0) return;
+  if (unread_.size() >= kMostUnread) {
+    unread_.clear();
+    isOverflown_ = needsRepair_ = true;
+  }
+  inotify_.Read(unread_, kMostUnread);
+}
+
+WatchTable::Folder* WatchTable::ChildOf(const Folder& parent, std::string_view name) const {
+  const auto found = parent.children.find(name);
+  return found == parent.children.end() ? nullptr : found->get();
+}
+
+WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, int watch,
+                                      const Descriptor& handle) {
+  auto entered = std::make_unique<Folder>();
+  Folder& folder = *entered;
+  folder.serial = ++serials_;
+  folder.born = epoch_;
+  Attach(std::move(entered), parent, name);
+  fresh_.insert(&folder);
+  SetWatch(folder, watch);
+  if (watch < 0 && handle.isOpen()) {
+    unwatched_[folder.serial] = {&folder, identityOf(handle), fingerprintOf(handle)};
+  }
+  return folder;
+}
+
+// Takes the folder, with all below it, from its place.
+std::unique_ptr<WatchTable::Folder> WatchTable::Extract(Folder& folder) {
+  std::unique_ptr<Folder> extracted;
+  if (folder.parent == nullptr) {
+    const auto found = orphans_.find(&folder);
+    extracted = std::move(found->second);
+    orphans_.erase(found);
+    return extracted;
+  }
+  if (folder.born != epoch_) {
+    origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name, epoch_});
+  }
+  NoteDeparture(*folder.parent, folder.name, folder.serial);
+  Children& siblings = folder.parent->children;
+  extracted = std::move(siblings.extract(siblings.find(std::string_view(folder.name))).value());
+  folder.parent = nullptr;
+  return extracted;
+}
+
+void WatchTable::Attach(std::unique_ptr<Folder> extracted, Folder& parent,
+                        const std::string& name) {
+  Folder& folder = *extracted;
+  folder.parent = &parent;
+  folder.name = name;
+  const auto origin = origins_.find(&folder);
+  if (origin != origins_.end() && origin->second.parent == parent.serial &&
+      origin->second.name == name) {
+    origins_.erase(origin);
+  }
+  parent.children.insert(std::move(extracted));
+  if (IsRecent(folder.touched)) Touch(parent);
+}
+
+void WatchTable::Detach(Folder& folder) {
+  std::unique_ptr<Folder> extracted = Extract(folder);
+  orphans_.emplace(&folder, std::move(extracted));
+}
+
+// `serial` is that of the folder that left the name, or 0 when it is not known.
+void WatchTable::NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial) {
+  if (departures_.size() >= kMostDepartures) {
+    departures_.clear();
+    manyDepartures_ = epoch_;
+  }
+  const auto [at, isFirst] = departures_.try_emplace({parent.serial, name});
+  const bool isAlone = isFirst || at->second.serial == serial;
+  at->second = {isAlone ? serial : 0, epoch_};
+}
+
+// Whether another folder than `by` has had this path lately, so that the reader may know that one.
+bool WatchTable::WasTaken(const Folder& parent, const std::string& name, const Folder* by) const {
+  if (IsRecent(manyDepartures_)) return true;
+  const auto found = departures_.find({parent.serial, name});
+  if (found == departures_.end() || !IsRecent(found->second.epoch)) return false;
+  return by == nullptr || found->second.serial != by->serial;
+}
+
+// Drops the watches of the folder and all below it, and every mention of them.
+void WatchTable::Bury(Folder& folder) {
+  for (const std::unique_ptr<Folder>& child : folder.children) Bury(*child);
+  const int watch = folder.watch;
+  if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
+  marked_.erase(&folder);
+  for (auto* folders : {&named_, &unsettled_, &fresh_, &moved_, &announced_, &relocated_}) {
+    folders->erase(&folder);
+  }
+  unwatched_.erase(folder.serial);
+  origins_.erase(&folder);
+}
+
+WatchTable::Folder* WatchTable::FindByWatch(int watch) const {
+  const auto found = byWatch_.find(watch);
+  return found == byWatch_.end() ? nullptr : found->second;
+}
+
+void WatchTable::SetWatch(Folder& folder, int watch) {
+  folder.watch = watch;
+  if (watch < 0) {
+    unwatched_[folder.serial].folder = &folder;
+    return;
+  }
+  unwatched_.erase(folder.serial);
+  Folder*& first = byWatch_[watch];
+  folder.twin = first;
+  first = &folder;
+}
+
+// Whether nobody holds the watch any more.
+bool WatchTable::UnsetWatch(Folder& folder) {
+  const auto found = byWatch_.find(std::exchange(folder.watch, -1));
+  if (found == byWatch_.end()) return true;
+  Folder** at = &found->second;
+  while (*at != &folder) at = &(*at)->twin;
+  *at = std::exchange(folder.twin, nullptr);
+  if (found->second != nullptr) return false;
+  byWatch_.erase(found);
+  return true;
+}
+
+// How much longer than the folder's own path the longest of those below it is.
+size_t WatchTable::LongestBelow(const Folder& folder) const {
+  size_t longest = 0;
+  for (const std::unique_ptr<Folder>& child : folder.children) {
+    longest = std::max(longest, 1 + child->name.size() + LongestBelow(*child));
+  }
+  return longest;
+}

@@ -1,0 +1,256 @@
+// What the kernel may do at the very call: it refuses, hands over events in small pieces or loses
+// them, and the disk changes under it. The linker puts these functions before the C library's.
+#include <sys/inotify.h>
+
+#include <array>
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "WatchTable.h"
+#include "watcher_test.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Before "open PATH", "status PATH" or "watch PATH": the error number to fail with, or 0.
+std::function<int(const std::string& call)> before;
+
+constexpr size_t kOneEvent = sizeof(inotify_event) + 16;  // with a short name
+struct Queue {
+  size_t size = SIZE_MAX;  // bytes that one read gets
+  int reads = INT_MAX;     // that get something
+  bool isFull = false;     // and has lost what the first read does not get
+} queue;
+
+bool fails(const char* call, int folder, const std::string& name) {
+  std::error_code ignored;
+  fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(folder), ignored);
+  if (!name.empty()) path /= name;
+  errno = before ? before(call + path.string()) : 0;
+  return errno != 0;
+}
+
+}  // namespace
+
+extern "C" {
+int __real_openat(int folder, const char* name, int flags, ...);
+int __wrap_openat(int folder, const char* name, int flags, ...) {
+  return fails("open ", folder, name) ? -1 : __real_openat(folder, name, flags);
+}
+
+int __real_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status);
+int __wrap_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status) {
+  return fails("status ", folder, name) ? -1 : __real_statx(folder, name, flags, mask, status);
+}
+
+int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
+int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
+  const int folder = std::stoi(std::strrchr(path, '/') + 1);
+  return fails("watch ", folder, "") ? -1 : __real_inotify_add_watch(inotify, path, mask);
+}
+
+ssize_t __real_read(int file, void* buffer, size_t size);
+ssize_t __wrap_read(int file, void* buffer, size_t size) {
+  if (queue.reads-- <= 0) return -1;
+  const ssize_t got = __real_read(file, buffer, std::min(size, queue.size));
+  if (!queue.isFull || got < 0) return got;
+  for (std::array<char, 65536> lost; __real_read(file, lost.data(), lost.size()) > 0;) {
+  }
+  const inotify_event overflow{.wd = -1, .mask = IN_Q_OVERFLOW, .cookie = 0, .len = 0};
+  std::memcpy(static_cast<char*>(buffer) + got, &overflow, sizeof overflow);
+  return got + static_cast<ssize_t>(sizeof overflow);
+}
+}
+
+namespace {
+
+using Names = std::set<std::string>;
+using Faults = std::map<std::string, std::string>;  // by call: "fail", or what is done before, once
+
+// The table's folder is "t"; what stands beside it is outside.
+class FaultTest : public WatcherTest {
+ protected:
+  ~FaultTest() override {
+    before = nullptr;
+    queue = {};
+  }
+
+  void inject(Faults faults, int error = 0, Queue events = {}) {
+    queue = events;
+    injected = 0;
+    before = [=, this](const std::string& call) mutable {
+      const auto fault = faults.find(shortened(call));
+      if (fault == faults.end()) return 0;
+      ++injected;
+      if (fault->second == "fail") return error;
+      folder.run(std::exchange(fault->second, ""));
+      return 0;
+    };
+  }
+
+  void watchTable() { table.WatchRoot(folder / "t", openFolder(AT_FDCWD, folder / "t")); }
+
+  // What is named once all is read and visited.
+  Names cut() {
+    table.Read();
+    for (int visits = 0; visits < 20; ++visits) table.VisitNext();
+    Names names;
+    isLost = false;
+    for (const auto& [path, flags] : table.Cut()) {
+      names.insert(shortened(path));
+      isLost = flags != 0;
+    }
+    return names;
+  }
+
+  Names folders() const {
+    Names found = {"t/"};
+    for (const auto& entry : fs::recursive_directory_iterator(folder / "t")) {
+      if (entry.is_directory()) found.insert(shortened(entry.path()) + "/");
+    }
+    return found;
+  }
+
+  // Without faults, and after what is named until it is quiet, which it returns, a change in each
+  // folder on the disk names these, and no others are watched.
+  Names expectInStep() {
+    Names named;
+    inject({});
+    for (int batches = 0; batches < 6; ++batches) named.merge(cut());
+    for (const std::string& path : folders()) {
+      if (!fs::remove(folder / (path + "mark"))) folder.write(path + "mark", "");
+    }
+    EXPECT_EQ(cut(), folders());
+    EXPECT_EQ(table.WatchedCount(), folders().size());
+    const std::string info = "/proc/self/fdinfo/" + std::to_string(table.number());
+    EXPECT_EQ(pieces(readFile(info), "inotify wd:").size() - 1, folders().size());
+    return named;
+  }
+
+  WatchTable table;
+  bool isLost = false;
+  int injected = 0;
+};
+
+TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
+  const std::pair<int, std::string> cases[] = {
+      {ENOSPC, "t t/a t/a/b t/c t/n t/n/m t/c/a t/c/a/b"}, {ENOMEM, "t/a t/c/a"}, {EACCES, "t"}};
+  for (const auto& [error, refused] : cases) {
+    Faults faults;
+    for (const std::string& path : pieces(refused)) faults["watch " + path] = "fail";
+    folder.run("mkdir t/a/b; mkdir t/c; touch t/a/f");
+    inject(faults, error);
+    watchTable();
+    EXPECT_EQ(cut(), Names{});
+    folder.run("touch t/a/b/f; rm t/a/f; mkdir t/n/m");
+    EXPECT_EQ(cut(), (Names{"t/", "t/a/", "t/a/b/", "t/n/"}));
+    size_t unwatched = 0;
+    for (const std::string& path : pieces(refused)) unwatched += fs::exists(folder / path);
+    EXPECT_EQ(table.UnwatchedCount(), unwatched);
+    EXPECT_TRUE(comesTrue([&] {  // times may be coarse
+      folder.write("t/a/b/f", "x");
+      return cut() == Names{"t/a/b/"};
+    }));
+    folder.run("mv t/a t/c/a; rm t/n");
+    EXPECT_EQ(cut(), (Names{"t/", "t/c/"}));
+    EXPECT_EQ(expectInStep(), Names{});
+    folder.run("rm t");
+  }
+}
+
+// The disk changes, or no descriptor is to be had, while the table looks at what has changed, or,
+// without a change, at everything.
+TEST_F(FaultTest, EndsInStepWithTheDisk) {
+  const std::pair<std::string, Faults> cases[] = {
+      {"mkdir t/n/m", {{"open t/n", "rm t/n"}}},
+      {"mkdir t/n/m", {{"open t/n/m", "mv t/n/m t/m; mkdir t/n/m/o"}}},
+      {"mkdir t/n/m", {{"watch t/n", "mkdir t/n/o/p"}}},
+      {"mkdir t/n/m", {{"watch t/n", "rm t/n; mkdir t/n/o"}}},
+      {"mv t/a t/c/a", {{"watch t/c/a", "mv t/c t/d; mkdir t/d/a/b/n/m"}}},
+      {"", {{"open t/a", "fail"}}},
+      {"mkdir t/n/m", {{"open t/n", "fail"}}},
+      {"mv t/a t/c/a", {{"open t/a", "fail"}, {"open t/c/a", "fail"}}},
+      {"mv t/a x", {{"open t/a", "fail"}}},
+      {"mv t/a y; mkdir t/a/n", {{"open t/a", "fail"}}},
+      {"touch t/f; mkdir t/a/o/p", {{"lost", ""}, {"open t/a", "fail"}}}};
+  for (const auto& [changes, faults] : cases) {
+    SCOPED_TRACE(changes + " > " + faults.rbegin()->first + ": " + faults.rbegin()->second);
+    folder.run("mkdir t/a/b; mkdir t/c");
+    watchTable();
+    inject(faults, EMFILE, {.size = kOneEvent, .isFull = faults.contains("lost")});
+    if (changes.empty()) watchTable();
+    folder.run(changes);
+    cut();
+    EXPECT_GT(injected, 0);
+    expectInStep();
+    folder.run("rm t");
+  }
+}
+
+TEST_F(FaultTest, ShortReadsLoseNothingAndAMoveStaysWhole) {
+  folder.run("mkdir t/a/b/d; mkdir t/c; touch t/f");
+  watchTable();
+  inject({}, 0, {.size = kOneEvent});
+  folder.run("mkdir t/n/m; mv t/f t/c/f; mv t/n t/c/n; touch t/c/n/m/f");
+  EXPECT_EQ(cut(), (Names{"t/", "t/c/", "t/c/n/", "t/c/n/m/"}));
+  inject({}, 0, {.size = kOneEvent, .reads = 1});
+  folder.run("mv t/a/b t/c/b");
+  table.Read();
+  EXPECT_TRUE(table.EndsInMove());
+  queue = {};
+  EXPECT_EQ(cut(), (Names{"t/a/", "t/c/"}));
+  EXPECT_FALSE(table.EndsInMove());
+}
+
+TEST_F(FaultTest, LostEventsAndChangesDuringWalksLeaveItInStep) {
+  std::mt19937 random(1);
+  const auto any = [&](const char* words) {
+    return pieces(words)[random() % pieces(words).size()];
+  };
+  const auto change = [&] {
+    const char* names = "t/a t/b t/a/a t/a/b t/b/a t/b/b t/a/a/c t/b/a/c t/a/a/c/a out";
+    return folder.tryToRun(any("mkdir mkdir mv mv mv rm") + " " + any(names) + " " + any(names));
+  };
+  folder.run("mkdir t");
+  watchTable();
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
+    SCOPED_TRACE(round);
+    int left = 3;
+    before = [&](const std::string& call) {
+      if (left > 0 && random() % 8 == 0) left -= change();
+      return call.starts_with("watch") && random() % 8 == 0 ? ENOSPC : 0;
+    };
+    for (auto count = random() % 12; count > 0; --count) {
+      change();
+      queue = {.size = kOneEvent * (random() % 4 + 1), .isFull = random() % 4 == 0};
+      if (random() % 3 == 0) table.Read();
+    }
+    const bool isFull = round % 2 == 0;
+    if (isFull) folder.write("t/f", "x");
+    before = nullptr;
+    queue = {.size = kOneEvent, .isFull = isFull};
+    Names named = cut();
+    EXPECT_GE(isLost, isFull);
+    named.merge(expectInStep());  // what is in moved folders
+    EXPECT_TRUE(!isFull || std::ranges::includes(named, folders()))
+        << testing::PrintToString(named);
+  }
+}
+
+TEST_F(FaultTest, WhatVanishesDuringAListingIsLeftOut) {
+  folder.run("mkdir A; touch A/f; touch A/g; touch A/h");
+  inject({{"status A/g", "rm A/g"}});
+  watch();
+  EXPECT_EQ(saved(true), "/: A | A: A/f A/h");
+  folder.run("touch A/n; mkdir N/M");
+  inject({{"status A/h", "rm A/h"}, {"status A/n", "rm A/n"}, {"status N", "mv N O"}});
+  EXPECT_EQ(batch({"/", "A/"}), Texts{"delete file A/h"});
+  EXPECT_EQ(batch({"/"}), (Texts{"create folder O", "create folder O/M"}));
+}
+
+}  // namespace
