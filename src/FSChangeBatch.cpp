@@ -19,6 +19,8 @@ bool areHalves(const FSChangedResource& a, const FSChangedResource& b) {
 
 FSChangeBatch::FSChangeBatch(std::vector<FSChangedResource> records)
     : records_(std::move(records)),
+      hasFolders_(std::any_of(records_.begin(), records_.end(),
+                              [](const FSChangedResource& record) { return record.isFolder; })),
       done_(records_.size(), false),
       earlierHalf_(records_.size(), kNone) {
   byINode_.reserve(records_.size());
@@ -170,6 +172,7 @@ void FSChangeBatch::IndexPaths() {
 
 // Keeps the tree's account of the paths that records still speak of.
 void FSChangeBatch::Expect(const FSChangedResource& record, int change) {
+  if (!hasFolders_) return;
   ExpectPath(record.path, isDeletion(record) ? nullptr : &record, change);
   if (!record.oldPath.empty()) ExpectPath(record.oldPath, nullptr, change);
 }

@@ -117,9 +117,10 @@ void FSEventWatcher::start(std::string& path, bool& showAll, bool& debugMode, st
   echoSettings();
   queueLine("scan", "begin");
   sChanges->StartThrow(kLinesPerWake);
-  sTree->InitWithPath(_path, *sChanges, _showAll);
-  // A reader that has seen the end of the scan counts on hearing of every change from then on.
+  // The stream is there before the scan, so that what changes during the scan is told after it, and
+  // the watches are being set meanwhile.
   const bool isCreated = CreateStream();
+  sTree->InitWithPath(_path, *sChanges, _showAll);
   queueLine("scan", "complete");
   if (!isCreated) return;
   FSEventStreamScheduleWithRunLoop(eventStream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);

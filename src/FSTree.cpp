@@ -79,6 +79,28 @@ FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
   return resource;
 }
 
+// The saved record of what has not changed at all, or null. Most entries of a folder come in the
+// order in which they came the last time, so only those from `next` on are looked at, a few of them;
+// it goes on behind the one that is found.
+FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatus& status,
+                      const FSPath& path) {
+  constexpr size_t kFew = 8;
+  const auto isSame = [](const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+  };
+  for (size_t i = next; i < std::min(saved.size(), next + kFew); ++i) {
+    const FSResource& record = *saved[i];
+    if (record.path != path) continue;
+    next = i + 1;
+    const bool isUnchanged =
+        record.inode == status.inode && record.birth == status.birth &&
+        record.isFolder == status.isFolder && isSame(record.modified, status.modified) &&
+        isSame(record.created, status.created) && record.size == status.size;
+    return isUnchanged ? saved[i] : nullptr;
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 void FSTree::InitWithPath(const std::string& path, FSChangeEvents& queue, bool listAll) {
@@ -120,8 +142,10 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
 bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
   const OpenFolder folder = openFolder(path, path == rootPath);
   error = folder == nullptr ? errno : 0;
-  if (folder == nullptr || !readStatus(AT_FDCWD, path.c_str())) return false;
-  const FSPath::Folder inFolder = TextOf(path);
+  if (folder == nullptr) return false;
+  const FSResourceList* saved = SavedList(path);
+  const FSPath::Folder inFolder = TextOf(path, saved);
+  size_t next = 0;
   while (const dirent* entry = readdir(folder.get())) {
     if (isSkippedName(entry->d_name)) continue;
     FSPath entryPath(inFolder, entry->d_name);
@@ -129,16 +153,18 @@ bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& e
     const std::optional<FileStatus> status = readStatus(dirfd(folder.get()), entry->d_name);
     if (!status) continue;
     if (!status->isFolder && isProhibited(entry->d_name)) continue;
-    entries.push_back(makeResource(*status, std::move(entryPath)));
+    FSResourcePtr known = saved == nullptr ? nullptr : savedAs(*saved, next, *status, entryPath);
+    entries.push_back(known != nullptr ? std::move(known)
+                                       : makeResource(*status, std::move(entryPath)));
   }
-  return true;
+  // A folder that has gone meanwhile is empty.
+  return !entries.empty() || readStatus(AT_FDCWD, path.c_str());
 }
 
 // The folder's text for the paths of its entries: the one that saved entries have already, or a new
 // one.
-FSPath::Folder FSTree::TextOf(const std::string& key) const {
+FSPath::Folder FSTree::TextOf(const std::string& key, const FSResourceList* saved) const {
   std::string text = FolderOf(key);
-  const FSResourceList* saved = SavedList(key);
   if (saved != nullptr && !saved->empty() && saved->front()->path.parent() == text) {
     return saved->front()->path.folder();
   }

@@ -175,7 +175,7 @@ class FSTree {
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
-  FSPath::Folder TextOf(const std::string& key) const;
+  FSPath::Folder TextOf(const std::string& key, const FSResourceList* saved) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
 
   // The lists taken in the running callback, by the folder they were of.

@@ -84,16 +84,18 @@ FSResourceList FSTree::ReportEntries(const std::string& path, const FSResourceLi
   for (const FSResourcePtr& entry : current) {
     if (scan.listSync) Queue("sync", *entry);
     FSResourcePtr known;
+    bool isNew = false;
     if (const uint32_t at = savedByPath.FirstByPath(entry->path); at != FSResourceIndex::kNone) {
       known = saved[at];
       kept[at] = true;
     } else {
       known = NewEntry(entry, saved, savedByINode);
+      isNew = known == entry;
     }
     if (known == nullptr) continue;
     told.push_back(known);
     const bool hasList = entry->isFolder && SavedList(entry->path.str()) != nullptr;
-    if (known == entry && !hasList) Queue("create", *entry);
+    if (isNew && !hasList) Queue("create", *entry);
     if (known->isFolder) AddFolder(entry->path);
   }
   for (size_t i = 0; i < saved.size(); ++i) {

@@ -1,6 +1,7 @@
 // FSEventStream on inotify.
 //
-// A stream has a reader thread, which alone uses the table of watched folders once the stream runs.
+// A stream has a reader thread, which alone uses the table of watched folders. It sets the watches as
+// soon as the stream is made, beside whatever its maker does before starting it; Start waits for them.
 // The reader drains the kernel's queue at all times, cuts a batch when one is due and the last one
 // has been delivered, and signals the run loop, whose thread calls the callback. No lock is held
 // meanwhile, and none while the reader asks the kernel.
@@ -25,6 +26,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <new>
 #include <set>
@@ -54,6 +56,7 @@ constexpr milliseconds kVisitPause(100);    // folders without a watch are visit
 constexpr milliseconds kVisitBudget(7);     // each at most this long,
 constexpr milliseconds kVisitRound(10000);  // all of them in this time, if the budget allows
 constexpr milliseconds kMoveWait(2);        // for the second half of a move
+constexpr milliseconds kNap(4);             // between reads while events keep coming
 
 std::string withoutFinalSlash(std::string path) {
   while (path.size() > 1 && path.ends_with('/')) path.pop_back();
@@ -121,6 +124,7 @@ struct __FSEventStream {
 
   // The reader thread.
   void Read() EXCLUDES(lock_);
+  void WatchAll();
   void Wait();
   void ReadEvents();
   void VisitUnwatched();
@@ -137,7 +141,7 @@ struct __FSEventStream {
   const FSEventStreamCallback callback_;
   const std::string path_;
   const std::shared_ptr<RunLoopSource> source_;
-  CFRunLoopRef loop_ = nullptr;
+  CFRunLoopRef loop_ = nullptr;  // not the reader's until the stream is started
 
   // The reader's, once it runs.
   WatchTable table_;
@@ -154,6 +158,8 @@ struct __FSEventStream {
   MountTable mounts_;
 
   Descriptor wake_;
+  std::promise<void> watchesSet_;
+  std::atomic<bool> isStarted_ = false;
   std::atomic<bool> isStopping_ = false;
   std::thread reader_;
 
@@ -177,6 +183,13 @@ __FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::stri
   const Root root = lookAt(path_);
   rootKind_ = root.kind;
   rootIdentity_ = root.identity;
+  wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!table_.isOpen() || !wake_.isOpen()) return;
+  try {
+    reader_ = std::thread(&__FSEventStream::Read, this);
+  } catch (const std::system_error&) {
+    return;  // not to be started
+  }
 }
 
 __FSEventStream::~__FSEventStream() { Stop(); }
@@ -187,19 +200,10 @@ void __FSEventStream::Schedule(CFRunLoopRef loop) {
 }
 
 bool __FSEventStream::Start() {
-  wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!table_.isOpen() || !wake_.isOpen()) return false;
-  chain_.Watch();
-  Root now = lookAt(path_);
-  isRootOther_ = now.kind != rootKind_ || now.identity != rootIdentity_;
-  isRootInDoubt_ = isRootOther_;
-  WatchRoot(std::move(now));
-  nextRootLook_ = Clock::now() + kRootPolling;
-  try {
-    reader_ = std::thread(&__FSEventStream::Read, this);
-  } catch (const std::system_error&) {
-    return false;
-  }
+  if (!reader_.joinable() || isStarted_) return false;
+  watchesSet_.get_future().wait();
+  isStarted_ = true;
+  Wake();
   return true;
 }
 
@@ -237,7 +241,18 @@ void __FSEventStream::Deliver() {
   Wake();
 }
 
+void __FSEventStream::WatchAll() {
+  chain_.Watch();
+  Root now = lookAt(path_);
+  isRootOther_ = now.kind != rootKind_ || now.identity != rootIdentity_;
+  isRootInDoubt_ = isRootOther_;
+  WatchRoot(std::move(now));
+  nextRootLook_ = Clock::now() + kRootPolling;
+  watchesSet_.set_value();
+}
+
 void __FSEventStream::Read() {
+  WatchAll();
   table_.LookBack(created_);
   while (!isStopping_) {
     ReadEvents();
@@ -271,13 +286,19 @@ void __FSEventStream::VisitUnwatched() {
 // Sleeps until the kernel has something, a batch is due, or the run loop is done with one.
 void __FSEventStream::Wait() {
   std::optional<Clock::time_point> until;
-  if (!wasDelivering_) until = latency_.Due();
+  if (!wasDelivering_ && isStarted_) until = latency_.Due();
   if (nextVisit_) until = std::min(until.value_or(*nextVisit_), *nextVisit_);
   if (chain_.NeedsPolling()) until = std::min(until.value_or(nextRootLook_), nextRootLook_);
   int timeout = -1;
   if (until) {
     const auto left = std::chrono::ceil<milliseconds>(*until - Clock::now());
     timeout = static_cast<int>(std::max<milliseconds::rep>(left.count(), 0));
+  }
+  // While a batch is being gathered, events are read in portions instead of one by one. The kernel's
+  // queue holds far more than come in that time.
+  if (latency_.Due() && !isStopping_) {
+    waitFor(wake_.number(), std::min(kNap, milliseconds(timeout < 0 ? kNap.count() : timeout)));
+    timeout = std::max(timeout < 0 ? -1 : 0, timeout - static_cast<int>(kNap.count()));
   }
   std::array<pollfd, 4> wanted{{{table_.number(), POLLIN, 0},
                                 {chain_.number(), POLLIN, 0},
@@ -320,7 +341,7 @@ void __FSEventStream::ReadEvents() {
 }
 
 void __FSEventStream::CutIfDue() {
-  if (!latency_.IsDue(Clock::now()) || wasDelivering_) return;
+  if (!isStarted_ || wasDelivering_ || !latency_.IsDue(Clock::now())) return;
   if (table_.EndsInMove() && waitFor(table_.number(), kMoveWait)) table_.Read();
   if (std::exchange(isRootInDoubt_, false)) {
     chain_.Watch();
