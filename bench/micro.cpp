@@ -160,7 +160,7 @@ void BareEncoding(State& state) {
 
 void clearQueue() {
   const MutexLock lock(changes().outputLock);
-  changes().outputLines.clear();
+  changes().outputLines.Take();
 }
 
 void Append(State& state) {

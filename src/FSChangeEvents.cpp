@@ -57,10 +57,10 @@ void FSChangeEvents::Append(const FSChangedResource& record) {
   if (logging) dolog(buildMessage(record, false));
 }
 
-void FSChangeEvents::AppendOutput(std::string line, bool log) {
+void FSChangeEvents::AppendOutput(const std::string& line, bool log) {
   const MutexLock lock(outputLock);
   if (log) dolog(line);
-  outputLines.push_back(std::move(line));
+  outputLines.push_back(line);
 }
 
 void FSChangeEvents::StartThrow(int limit) {
@@ -88,7 +88,7 @@ void FSChangeEvents::WriteLines() {
   const MutexLock lock(outputLock);
   for (int32_t count = 0; !outputLines.empty() && count < linesPerWake; ++count) {
     ++linesWritten;
-    std::puts(outputLines.front().c_str());
+    std::puts(outputLines.front());
     outputLines.pop_front();
   }
   std::fflush(stdout);

@@ -8,13 +8,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FSEventsTree.h"
+#include "FSLineQueue.h"
 #include "FSResource.h"
 #include "ThreadSafety.h"
 
@@ -34,7 +34,7 @@ class FSChangeEvents {
   void Append(const FSChangedResource& record) EXCLUDES(outputLock);
 
   // Queues a finished line; with `log` it goes to the debug log as well, before it can be written.
-  void AppendOutput(std::string line, bool log) EXCLUDES(outputLock);
+  void AppendOutput(const std::string& line, bool log) EXCLUDES(outputLock);
 
   // Starts the emitter, which writes at most `limit` lines (none when 0 or less), flushes, pauses
   // one second, and so on. While one is running, only the limit changes. Throws std::system_error
@@ -67,7 +67,7 @@ class FSChangeEvents {
   std::unique_ptr<FSEventsTree> templates;
 
   std::vector<FSChangedResource> changeList;
-  std::deque<std::string> outputLines GUARDED_BY(outputLock);  // oldest first
+  FSLineQueue outputLines GUARDED_BY(outputLock);
   int32_t changeCount = 0;
   std::thread emitter;
   uint64_t linesWritten = 0;  // emitter thread only

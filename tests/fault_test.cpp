@@ -24,7 +24,7 @@ constexpr size_t kOneEvent = sizeof(inotify_event) + 16;  // with a short name
 struct Queue {
   size_t size = SIZE_MAX;  // bytes that one read gets
   int reads = INT_MAX;     // that get something
-  bool isFull = false;     // and has lost what the first read does not get
+  bool isFull = false;     // and has lost what the next read does not get
 } queue;
 
 bool fails(const char* call, int folder, const std::string& name) {
@@ -51,14 +51,19 @@ int __wrap_statx(int folder, const char* name, int flags, unsigned mask, struct 
 int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
 int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
   const int folder = std::stoi(std::strrchr(path, '/') + 1);
-  return fails("watch ", folder, "") ? -1 : __real_inotify_add_watch(inotify, path, mask);
+  if (!fails("watch ", folder, "")) return __real_inotify_add_watch(inotify, path, mask);
+  const int added = __real_inotify_add_watch(inotify, path, mask | IN_MASK_CREATE);
+  if (added < 0) return __real_inotify_add_watch(inotify, path, mask);  // which needs no room
+  inotify_rm_watch(inotify, added);
+  errno = ENOSPC;
+  return -1;
 }
 
 ssize_t __real_read(int file, void* buffer, size_t size);
 ssize_t __wrap_read(int file, void* buffer, size_t size) {
   if (queue.reads-- <= 0) return -1;
   const ssize_t got = __real_read(file, buffer, std::min(size, queue.size));
-  if (!queue.isFull || got < 0) return got;
+  if (got < 0 || !std::exchange(queue.isFull, false)) return got;
   for (std::array<char, 65536> lost; __real_read(file, lost.data(), lost.size()) > 0;) {
   }
   const inotify_event overflow{.wd = -1, .mask = IN_Q_OVERFLOW, .cookie = 0, .len = 0};
@@ -177,10 +182,11 @@ TEST_F(FaultTest, EndsInStepWithTheDisk) {
       {"mv t/a t/c/a", {{"open t/a", "fail"}, {"open t/c/a", "fail"}}},
       {"mv t/a x", {{"open t/a", "fail"}}},
       {"mv t/a y; mkdir t/a/n", {{"open t/a", "fail"}}},
-      {"touch t/f; mkdir t/a/o/p", {{"lost", ""}, {"open t/a", "fail"}}}};
+      {"touch t/f; mkdir t/a/o/p", {{"lost", ""}, {"open t/a", "fail"}}},
+      {"touch t/f; mkdir t/a/n; mv t/a z", {{"lost", ""}, {"open t/c/d", "mv z t/c/z"}}}};
   for (const auto& [changes, faults] : cases) {
     SCOPED_TRACE(changes + " > " + faults.rbegin()->first + ": " + faults.rbegin()->second);
-    folder.run("mkdir t/a/b; mkdir t/c");
+    folder.run("mkdir t/a/b; mkdir t/c/d");
     watchTable();
     inject(faults, EMFILE, {.size = kOneEvent, .isFull = faults.contains("lost")});
     if (changes.empty()) watchTable();

@@ -37,8 +37,7 @@ class WatcherTest : public testing::Test {
   // The record lines in short that have been queued since the last call; `lines` has them whole.
   Texts records() {
     const MutexLock lock(changes().outputLock);
-    lines.assign(changes().outputLines.begin(), changes().outputLines.end());
-    changes().outputLines.clear();
+    lines = changes().outputLines.Take();
     Texts found;
     for (const std::string& line : lines) found.push_back(shortened(line));
     return found;
