@@ -1,10 +1,10 @@
 // FSEventStream on inotify.
 //
-// A stream has a reader thread, which alone uses the table of watched folders. It sets the watches as
-// soon as the stream is made, beside whatever its maker does before starting it; Start waits for them.
-// The reader drains the kernel's queue at all times, cuts a batch when one is due and the last one
-// has been delivered, and signals the run loop, whose thread calls the callback. No lock is held
-// meanwhile, and none while the reader asks the kernel.
+// A stream has a reader thread, which alone uses the table of watched folders. It sets the watches
+// as soon as the stream is made, beside whatever its maker does before starting it; Start waits for
+// them. The reader drains the kernel's queue at all times, cuts a batch when one is due and the
+// last one has been delivered, and signals the run loop, whose thread calls the callback. No lock
+// is held meanwhile, and none while the reader asks the kernel.
 //
 // What a batch promises: folders are named by the watched path as given, the way down and a final
 // "/"; a folder is named once, or twice in a row when it both lost and gained entries, since the
@@ -150,6 +150,7 @@ struct __FSEventStream {
   Root::Kind rootKind_ = Root::Kind::missing;
   FolderIdentity rootIdentity_;
   bool isRootInDoubt_ = false;
+  bool isRootAstray_ = false;   // perhaps: its path may have led elsewhere for a while
   bool isRootOther_ = false;    // than when the stream was made
   bool wasDelivering_ = false;  // until EndDelivery
   bool wasRootAway_ = false;    // perhaps, and while a callback ran
@@ -294,8 +295,8 @@ void __FSEventStream::Wait() {
     const auto left = std::chrono::ceil<milliseconds>(*until - Clock::now());
     timeout = static_cast<int>(std::max<milliseconds::rep>(left.count(), 0));
   }
-  // While a batch is being gathered, events are read in portions instead of one by one. The kernel's
-  // queue holds far more than come in that time.
+  // While a batch is being gathered, events are read in portions instead of one by one. The
+  // kernel's queue holds far more than come in that time.
   if (latency_.Due() && !isStopping_) {
     waitFor(wake_.number(), std::min(kNap, milliseconds(timeout < 0 ? kNap.count() : timeout)));
     timeout = std::max(timeout < 0 ? -1 : 0, timeout - static_cast<int>(kNap.count()));
@@ -330,8 +331,7 @@ void __FSEventStream::ReadEvents() {
     wasDelivering_ = false;
     table_.EndDelivery();
   }
-  if (chain_.Read()) isRootInDoubt_ = true;
-  if (table_.TakeRootDoubt()) isRootInDoubt_ = true;
+  if (chain_.Read() || table_.TakeRootDoubt()) isRootInDoubt_ = isRootAstray_ = true;
   if (chain_.NeedsPolling() && now >= nextRootLook_) {
     nextRootLook_ = now + kRootPolling;
     if (!IsRootSame(lookAt(path_))) isRootInDoubt_ = true;
@@ -352,7 +352,7 @@ void __FSEventStream::CutIfDue() {
       HandOver({{{path_, kFSEventStreamEventFlagRootChanged}}, true});
       return;
     }
-    table_.NoteRoot(std::move(now.folder));
+    table_.NoteRoot(std::move(now.folder), std::exchange(isRootAstray_, false));
     // A callback that found it gone has to look again.
     if (std::exchange(wasRootAway_, false)) table_.NameRoot();
   }
@@ -378,6 +378,7 @@ void __FSEventStream::WatchRoot(Root now) {
   rootKind_ = now.kind;
   rootIdentity_ = now.identity;
   wasRootAway_ = false;
+  isRootAstray_ = false;
   if (now.kind == Root::Kind::folder) {
     table_.WatchRoot(path_, std::move(now.folder));
   } else {

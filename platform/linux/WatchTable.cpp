@@ -117,12 +117,14 @@ bool WatchTable::IsRoot(const Descriptor& folder) {
   return watch == root_->watch;
 }
 
-void WatchTable::NoteRoot(Descriptor folder) {
+void WatchTable::NoteRoot(Descriptor folder, bool wasAstray) {
   if (root_ == nullptr) return;
   if (!folder.isOpen()) {
     root_->isUnreadable = true;
   } else if (std::exchange(root_->isUnreadable, false)) {
     List(*root_, std::move(folder), Walk{.isReplaced = true, .length = root_->name.size()});
+  } else if (wasAstray) {
+    List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
   }
 }
 

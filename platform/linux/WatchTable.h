@@ -75,8 +75,9 @@ class WatchTable {
   bool IsRoot(const Descriptor& folder);
 
   // The root is the same and can be read, or cannot (a handle that is not open). When it can be
-  // read again, everything is named.
-  void NoteRoot(Descriptor folder);
+  // read again, everything is named. `wasAstray`: its path may have led elsewhere while names below
+  // it were looked at.
+  void NoteRoot(Descriptor folder, bool wasAstray = false);
 
   // Looks at what stands at the path, relative to the root, now. For what happens to a folder
   // without an event: a mount.
