@@ -1,6 +1,5 @@
 #include "FSTree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <optional>
 
 #include "FileStatus.h"
+#include "FolderEntries.h"
 #include "utility.h"
 
 namespace {
@@ -46,30 +46,24 @@ constexpr const char* kProhibitedSuffixes[] = {".tmp",
                                                ".TemporaryItems",
                                                ".tmt"};
 
-struct CloseFolder {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
-using OpenFolder = std::unique_ptr<DIR, CloseFolder>;
-
-// Opens the folder for listing; null with errno set when that fails. A link that has taken a
-// folder's place must not lead out of the tree, but the watched folder itself may be one.
-OpenFolder openFolder(const std::string& path, bool followLink) {
-  const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK | (followLink ? 0 : O_NOFOLLOW);
-  const int descriptor = open(path.c_str(), flags);
-  if (descriptor < 0) return nullptr;
-  OpenFolder folder(fdopendir(descriptor));
-  if (folder == nullptr) {
-    const int error = errno;
-    close(descriptor);
-    errno = error;
+// A folder opened for listing; its number is -1 when that failed, and errno tells why. A link that
+// has taken a folder's place must not lead out of the tree, but the watched folder itself may be
+// one.
+class OpenFolder {
+ public:
+  OpenFolder(const std::string& path, bool followLink)
+      : number_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK |
+                                       (followLink ? 0 : O_NOFOLLOW))) {}
+  ~OpenFolder() {
+    if (number_ >= 0) close(number_);
   }
-  return folder;
-}
+  OpenFolder(const OpenFolder&) = delete;
+  OpenFolder& operator=(const OpenFolder&) = delete;
+  int number() const { return number_; }
 
-bool isSkippedName(const char* name) {
-  return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
-         std::strcmp(name, ".DS_Store") == 0;
-}
+ private:
+  const int number_;
+};
 
 FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
   auto resource =
@@ -80,8 +74,8 @@ FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
 }
 
 // The saved record of what has not changed at all, or null. Most entries of a folder come in the
-// order in which they came the last time, so only those from `next` on are looked at, a few of them;
-// it goes on behind the one that is found.
+// order in which they came the last time, so only those from `next` on are looked at, a few of
+// them; it goes on behind the one that is found.
 FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatus& status,
                       const FSPath& path) {
   constexpr size_t kFew = 8;
@@ -92,10 +86,10 @@ FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatu
     const FSResource& record = *saved[i];
     if (record.path != path) continue;
     next = i + 1;
-    const bool isUnchanged =
-        record.inode == status.inode && record.birth == status.birth &&
-        record.isFolder == status.isFolder && isSame(record.modified, status.modified) &&
-        isSame(record.created, status.created) && record.size == status.size;
+    const bool isUnchanged = record.inode == status.inode && record.birth == status.birth &&
+                             record.isFolder == status.isFolder &&
+                             isSame(record.modified, status.modified) &&
+                             isSame(record.created, status.created) && record.size == status.size;
     return isUnchanged ? saved[i] : nullptr;
   }
   return nullptr;
@@ -140,23 +134,23 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
 // meanwhile and what lies so deep that no path leads to it. `error` gets the reason when the folder
 // cannot be opened, 0 when it went while it was.
 bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
-  const OpenFolder folder = openFolder(path, path == rootPath);
-  error = folder == nullptr ? errno : 0;
-  if (folder == nullptr) return false;
+  const OpenFolder folder(path, path == rootPath);
+  error = folder.number() < 0 ? errno : 0;
+  if (folder.number() < 0) return false;
   const FSResourceList* saved = SavedList(path);
   const FSPath::Folder inFolder = TextOf(path, saved);
   size_t next = 0;
-  while (const dirent* entry = readdir(folder.get())) {
-    if (isSkippedName(entry->d_name)) continue;
-    FSPath entryPath(inFolder, entry->d_name);
-    if (entryPath.size() >= PATH_MAX) continue;
-    const std::optional<FileStatus> status = readStatus(dirfd(folder.get()), entry->d_name);
-    if (!status) continue;
-    if (!status->isFolder && isProhibited(entry->d_name)) continue;
+  eachEntry(folder.number(), [&](const auto& entry) {
+    const std::string_view name = entry.d_name;
+    if (name == ".DS_Store") return;
+    FSPath entryPath(inFolder, name);
+    if (entryPath.size() >= PATH_MAX) return;
+    const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
+    if (!status || (!status->isFolder && isProhibited(name))) return;
     FSResourcePtr known = saved == nullptr ? nullptr : savedAs(*saved, next, *status, entryPath);
     entries.push_back(known != nullptr ? std::move(known)
                                        : makeResource(*status, std::move(entryPath)));
-  }
+  });
   // A folder that has gone meanwhile is empty.
   return !entries.empty() || readStatus(AT_FDCWD, path.c_str());
 }

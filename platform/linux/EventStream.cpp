@@ -254,8 +254,9 @@ void __FSEventStream::WatchAll() {
 
 void __FSEventStream::Read() {
   WatchAll();
-  table_.LookBack(created_);
+  bool hasLookedBack = false;
   while (!isStopping_) {
+    if (isStarted_ && !std::exchange(hasLookedBack, true)) table_.LookBack(created_);
     ReadEvents();
     VisitUnwatched();
     CutIfDue();

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "FolderEntries.h"
+
 namespace {
 
 bool isFolder(int parent, const dirent64& entry) {
@@ -27,20 +29,10 @@ uint64_t mixed(uint64_t bits) {
   return bits ^ (bits >> 29);
 }
 
-// Calls `visit(entry)` for each entry of the open folder.
 template <typename Visit>
-void eachEntry(const Descriptor& folder, Visit visit) {
-  alignas(dirent64) std::array<char, 32768> buffer;
-  ssize_t size = 0;
+void eachEntryFromTheStart(const Descriptor& folder, Visit visit) {
   lseek(folder.number(), 0, SEEK_SET);
-  while ((size = getdents64(folder.number(), buffer.data(), buffer.size())) > 0) {
-    for (ssize_t at = 0; at < size;) {
-      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
-      at += entry->d_reclen;
-      const std::string_view name = entry->d_name;
-      if (name != "." && name != "..") visit(*entry);
-    }
-  }
+  eachEntry(folder.number(), visit);
 }
 
 // An empty name stands for the folder itself. A time without nanoseconds is taken for one kept in
@@ -88,7 +80,7 @@ FolderIdentity identityOf(const Descriptor& folder) {
 
 FolderListing listFolder(const Descriptor& folder) {
   FolderListing listing;
-  eachEntry(folder, [&](const dirent64& entry) {
+  eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     listing.isEmpty = false;
     if (isFolder(folder.number(), entry)) listing.subfolders.emplace_back(entry.d_name);
   });
@@ -98,7 +90,7 @@ FolderListing listFolder(const Descriptor& folder) {
 FolderChange changedSince(const Descriptor& folder, const timespec& since) {
   FolderChange change;
   change.hasOtherEntries = isChangedSince(folder.number(), "", since);
-  eachEntry(folder, [&](const dirent64& entry) {
+  eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     // A subfolder's times move with what happens in it, which is not this folder's affair.
     if (change.hasWrittenEntries || isFolder(folder.number(), entry)) return;
     change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
@@ -108,7 +100,7 @@ FolderChange changedSince(const Descriptor& folder, const timespec& since) {
 
 uint64_t fingerprintOf(const Descriptor& folder) {
   uint64_t sum = 0;
-  eachEntry(folder, [&](const dirent64& entry) {
+  eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     struct statx status;
     if (statx(folder.number(), entry.d_name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
               STATX_BASIC_STATS, &status) != 0) {

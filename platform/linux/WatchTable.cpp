@@ -215,6 +215,7 @@ void WatchTable::LoseWatch(int watch, uint8_t marksAbove) {
 // then.
 void WatchTable::Repair() {
   if (root_ == nullptr) return;
+  repaired_ = epoch_;
   Descriptor folder = openFolder(AT_FDCWD, root_->name, true);
   if (folder.isOpen() && IsRoot(folder)) {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});

@@ -263,6 +263,7 @@ class WatchTable {
 
   uint64_t serials_ = 0;
   uint32_t epoch_ = 2;        // rises with every batch; 0 is long ago
+  uint32_t repaired_ = 0;     // the last epoch with a repair: any event may have been lost before
   bool isOverflown_ = false;  // events were lost since the last batch
   bool needsRepair_ = false;
   bool isRootInDoubt_ = false;

@@ -148,7 +148,7 @@ bool WatchTable::VisitNext() {
 // Whether a folder whose watch never lapsed is to be listed all the same.
 bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
   return walk.isRepair || walk.isReplaced || folder.isUnreadable || folder.isInDoubt ||
-         (walk.isRelocated && IsRecent(folder.touched));
+         (walk.isRelocated && (IsRecent(folder.touched) || IsRecent(repaired_)));
 }
 
 // Takes the folder that has the watch to a new place, from among the orphans or from a path that it

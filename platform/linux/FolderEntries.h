@@ -1,0 +1,25 @@
+// The entries of an open folder, with as few system calls as there can be. This header has a
+// namesake for each system.
+#pragma once
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <array>
+#include <string_view>
+
+// Calls `visit(entry)` for each entry of the open folder from where it stands, "." and ".." left
+// out; `entry.d_name` is its name. Ends early when the folder cannot be read on. Any thread.
+template <typename Visit>
+void eachEntry(int folder, Visit visit) {
+  alignas(dirent64) std::array<char, 32768> buffer;
+  ssize_t size = 0;
+  while ((size = getdents64(folder, buffer.data(), buffer.size())) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer.data() + at);
+      at += entry->d_reclen;
+      const std::string_view name = entry->d_name;
+      if (name != "." && name != "..") visit(*entry);
+    }
+  }
+}
