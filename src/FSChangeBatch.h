@@ -50,8 +50,8 @@ class FSChangeBatch {
   void ExpectPath(const std::string& path, const FSChangedResource* last, int change);
 
   std::vector<FSChangedResource> records_;
-  const bool hasFolders_;  // else nothing is scanned or moved, and nobody asks what is pending
-  std::vector<bool> done_;           // by position: emitted, or merged into a rename
+  const bool hasFolders_;   // else nothing is scanned or moved, and nobody asks what is pending
+  std::vector<bool> done_;  // by position: emitted, or merged into a rename
   std::vector<size_t> earlierHalf_;  // by position: the half that waits to be emitted here
   std::vector<std::pair<uint64_t, size_t>> byINode_;
   std::vector<std::pair<std::string_view, size_t>> byPath_;  // empty until a rename needs it

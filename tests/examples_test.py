@@ -41,7 +41,7 @@ STEPS = [
     ("mv $w/docs-2 $w/1; mv $w/back $w/docs-2; mv $w/1 $w/back; ln -s . $w/link; ln $w/in $w/out", ""),
     ("mv $w away", "rootdelete folder /w"),
     ("mv away $w; touch $w/seen", "rootcreate folder /w"),
-    ("mv $w gone; touch $w", "<error>Not a directory</error>"),
+    ("rm -r $w; touch $w", "<error>Not a directory</error>"),
     ("rm $w; mkdir -p $w/e; touch $w/e/f", ""),
     ("mv $w/e $w/g", "rename folder /w/g (it was /w/e)"),
 ]

@@ -52,10 +52,11 @@ int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
 int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
   const int folder = std::stoi(std::strrchr(path, '/') + 1);
   if (!fails("watch ", folder, "")) return __real_inotify_add_watch(inotify, path, mask);
+  const int error = errno;
   const int added = __real_inotify_add_watch(inotify, path, mask | IN_MASK_CREATE);
   if (added < 0) return __real_inotify_add_watch(inotify, path, mask);  // which needs no room
   inotify_rm_watch(inotify, added);
-  errno = ENOSPC;
+  errno = error;
   return -1;
 }
 
@@ -177,6 +178,7 @@ TEST_F(FaultTest, EndsInStepWithTheDisk) {
       {"mkdir t/n/m", {{"watch t/n", "mkdir t/n/o/p"}}},
       {"mkdir t/n/m", {{"watch t/n", "rm t/n; mkdir t/n/o"}}},
       {"mv t/a t/c/a", {{"watch t/c/a", "mv t/c t/d; mkdir t/d/a/b/n/m"}}},
+      {"mkdir t/a/d; rm t/a; mv t/c t/a", {{"watch t/a", "mv t/a t/c"}}},
       {"", {{"open t/a", "fail"}}},
       {"mkdir t/n/m", {{"open t/n", "fail"}}},
       {"mv t/a t/c/a", {{"open t/a", "fail"}, {"open t/c/a", "fail"}}},
