@@ -147,6 +147,7 @@ TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
   const std::pair<int, std::string> cases[] = {
       {ENOSPC, "t t/a t/a/b t/c t/n t/n/m t/c/a t/c/a/b"}, {ENOMEM, "t/a t/c/a"}, {EACCES, "t"}};
   for (const auto& [error, refused] : cases) {
+    SCOPED_TRACE(refused);
     Faults faults;
     for (const std::string& path : pieces(refused)) faults["watch " + path] = "fail";
     folder.run("mkdir t/a/b; mkdir t/c; touch t/a/f");
@@ -164,6 +165,11 @@ TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
     }));
     folder.run("mv t/a t/c/a; rm t/n");
     EXPECT_EQ(cut(), (Names{"t/", "t/c/"}));
+    for (const std::string move : {"mv t/c/a/b t/b", "mv t/b t/c/a/b"}) {
+      folder.run(move);
+      table.Read();
+    }
+    for (int batches = 0; batches < 4; ++batches) cut();
     EXPECT_EQ(expectInStep(), Names{});
     folder.run("rm t");
   }

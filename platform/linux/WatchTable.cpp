@@ -332,6 +332,7 @@ void WatchTable::Unsettle(Folder& folder) {
 }
 
 std::vector<NamedFolder> WatchTable::Cut() {
+  ListRobbed();
   for (auto& [top, orphan] : std::exchange(orphans_, {})) Bury(*orphan);
 
   const FSEventStreamEventFlags flags =

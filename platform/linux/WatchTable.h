@@ -201,6 +201,7 @@ class WatchTable {
   Folder* FindUnwatched(const FolderIdentity& identity) const;
   bool HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch);
   Folder* Relocate(int watch, Folder& parent, const std::string& name, const Descriptor& handle);
+  void ListRobbed();
   void List(Folder& folder, Descriptor handle, const Walk& walk);
   void LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth);
   void DetachUnlisted(Folder& folder, std::vector<std::string>& listed);
@@ -244,6 +245,7 @@ class WatchTable {
 
   // All of these refer to folders of the tree or orphans, and are kept when one is dropped.
   std::unordered_set<Folder*> marked_;
+  std::unordered_set<Folder*> robbed_;                 // whose folders were taken; see ListRobbed
   std::unordered_set<Folder*> fresh_;                  // entered since the last batch
   std::unordered_set<Folder*> moved_;                  // since the last batch
   std::unordered_set<Folder*> named_;                  // in the batch that is being delivered

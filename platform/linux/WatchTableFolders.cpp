@@ -164,6 +164,7 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
   if (IsInTree(*folder)) {
     const Descriptor there = openFolder(AT_FDCWD, PathOf(*folder));
     if (there.isOpen() && identityOf(there) == identityOf(handle)) return nullptr;
+    robbed_.insert(folder->parent);
     Detach(*folder);
   }
   Attach(Extract(*folder), parent, name);
@@ -179,6 +180,20 @@ WatchTable::Folder* WatchTable::FindUnwatched(const FolderIdentity& identity) co
     if (found != unwatched_.end() && found->second.identity == identity) return top;
   }
   return nullptr;
+}
+
+// A folder that was taken from another on the word of a path may have been there all the time: the
+// path led elsewhere.
+void WatchTable::ListRobbed() {
+  for (Folder* folder : std::exchange(robbed_, {})) {
+    if (!IsInTree(*folder)) continue;
+    const std::string path = PathOf(*folder);
+    Descriptor handle = openFolder(AT_FDCWD, path, folder == root_.get());
+    if (!handle.isOpen()) continue;
+    const int watch = inotify_.Add(handle, kMask);
+    if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
+    if (watch == folder->watch) List(*folder, std::move(handle), Walk{.length = path.size()});
+  }
 }
 
 // Enters what the folder holds. A folder is closed before those below it are opened only where the
@@ -269,6 +284,8 @@ std::unique_ptr<WatchTable::Folder> WatchTable::Extract(Folder& folder) {
     origins_.try_emplace(&folder, Origin{folder.parent->serial, folder.name, epoch_});
   }
   NoteDeparture(*folder.parent, folder.name, folder.serial);
+  const auto unwatched = unwatched_.find(folder.parent->serial);
+  if (unwatched != unwatched_.end()) unwatched->second.fingerprint = 0;  // it may come back unseen
   Children& siblings = folder.parent->children;
   extracted = std::move(siblings.extract(siblings.find(std::string_view(folder.name))).value());
   folder.parent = nullptr;
@@ -319,7 +336,8 @@ void WatchTable::Bury(Folder& folder) {
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
   marked_.erase(&folder);
-  for (auto* folders : {&named_, &unsettled_, &fresh_, &moved_, &announced_, &relocated_}) {
+  for (auto* folders :
+       {&robbed_, &named_, &unsettled_, &fresh_, &moved_, &announced_, &relocated_}) {
     folders->erase(&folder);
   }
   unwatched_.erase(folder.serial);
