@@ -58,8 +58,12 @@ void streamCallback(ConstFSEventStreamRef stream, void* clientInfo, size_t count
 // that was not there then is described as it is now.
 FSResource rootResource(const FSResourcePtr& now) {
   if (_pathResource != nullptr) return *_pathResource;
-  if (now != nullptr) return *now;
-  return FSResource(0, _path, true, {}, {}, 0, "");
+  FSResource resource(0, _path, true, {}, {}, 0, "");
+  if (now != nullptr) {
+    resource = *now;
+    resource.isFolder = true;  // there is no record of a root that is none
+  }
+  return resource;
 }
 
 void checkRoot(FSEventStreamEventId id, std::vector<FSChangedResource>& batch) {

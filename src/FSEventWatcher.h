@@ -42,9 +42,9 @@ class FSEventWatcher {
   FSEventWatcher(const FSEventWatcher&) = delete;
   FSEventWatcher& operator=(const FSEventWatcher&) = delete;
 
-  // Echoes the settings, takes the snapshot, starts the event stream and runs the run loop. Returns
-  // when the stream cannot be started, without a word; else when the run loop ends. Lets standard
-  // exceptions through.
+  // Echoes the settings, makes the event stream, takes the snapshot, starts the stream and runs the
+  // run loop. Returns when the stream cannot be started, without a word; else when the run loop
+  // ends. Lets standard exceptions through.
   void start(std::string& path, bool& showAll, bool& debugMode, std::string& logFile,
              const bool& doEncodeOutput);
 
@@ -57,7 +57,8 @@ class FSEventWatcher {
 
   // Compares the folder, named with its final "/", with the snapshot, appends a record to the batch
   // for each difference and brings the snapshot up to date. Only one side is told where entries
-  // both went and came, the larger one; a second call tells the other.
+  // both went and came, the larger one, or what went when they are equal; a second call tells the
+  // other.
   static void PrintChangedFiles(const std::string& folder, std::vector<FSChangedResource>& batch)
       EXCLUDES(mainlock);
 

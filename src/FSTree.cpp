@@ -131,8 +131,8 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
 }
 
 // Lists the folder's entries in listing order, leaving out what the tool ignores, what vanishes
-// meanwhile and what lies so deep that no path leads to it. `error` gets the reason when the folder
-// cannot be opened, 0 when it went while it was.
+// meanwhile and what lies so deep that no path leads to it. False when the folder
+// cannot be opened, for the reason in `error`, or when it vanished while it was read (0).
 bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
   const OpenFolder folder(path, path == rootPath);
   error = folder.number() < 0 ? errno : 0;

@@ -12,11 +12,9 @@
 #endif
 
 #define GUARDED_BY(x) DIRWARDEN_ANNOTATE(guarded_by(x))
-#define REQUIRES(...) DIRWARDEN_ANNOTATE(requires_capability(__VA_ARGS__))
 #define EXCLUDES(...) DIRWARDEN_ANNOTATE(locks_excluded(__VA_ARGS__))
-#define NO_THREAD_SAFETY_ANALYSIS DIRWARDEN_ANNOTATE(no_thread_safety_analysis)
 
-// A mutex, not recursive. Satisfies Lockable, so condition variables take it through Unique().
+// A mutex, not recursive.
 class DIRWARDEN_ANNOTATE(capability("mutex")) Mutex {
  public:
   void lock() DIRWARDEN_ANNOTATE(acquire_capability()) { mutex_.lock(); }

@@ -1,8 +1,7 @@
 // The folders of the watched tree and their watches: turns what the kernel says into the folders
 // that a batch names. It has no thread and no clock, so that tests can step it by hand.
 //
-// Owned by the stream. One thread at a time: the thread that starts the stream, then the stream's
-// reader.
+// Owned by the stream, whose reader thread alone uses it.
 //
 // How it keeps the truth:
 //
@@ -15,8 +14,7 @@
 //
 // Watch first, list second, name third, and open each folder relative to the one that lists it, so
 // that nothing falls between. A folder that events spoke of while its path may have been out of
-// date
-// (`touched`) is listed again when it turns up under another path.
+// date (`touched`) is listed again when it turns up under another path.
 //
 // While the callback works on a batch, from BeginDelivery to EndDelivery, it reads folders by path
 // at times that nobody knows. What changes meanwhile is named for both sides, and folders at whose

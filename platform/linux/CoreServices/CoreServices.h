@@ -76,7 +76,8 @@ typedef void (*FSEventStreamCallback)(ConstFSEventStreamRef stream, void* client
                                       const FSEventStreamEventId* ids);
 
 // A stream for the one path in `paths`, from now on; `latency` is in seconds. What changes after
-// this is entered is delivered once the stream runs. Null when there is no path or no memory.
+// this is entered is delivered once the stream runs; a thread of the stream's own sets the watches
+// meanwhile. Null when there is no path or no memory.
 FSEventStreamRef FSEventStreamCreate(CFAllocatorRef allocator, FSEventStreamCallback callback,
                                      FSEventStreamContext* context, CFArrayRef paths,
                                      FSEventStreamEventId sinceWhen, CFTimeInterval latency,
@@ -84,8 +85,8 @@ FSEventStreamRef FSEventStreamCreate(CFAllocatorRef allocator, FSEventStreamCall
 void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop,
                                       CFRunLoopMode mode);
 
-// Watches the tree and starts delivering. False when no inotify instance or thread can be had; a
-// missing folder is no failure, its appearance is an event.
+// Waits until the tree is watched, and starts delivering. False when no inotify instance or thread
+// can be had; a missing folder is no failure, its appearance is an event.
 Boolean FSEventStreamStart(FSEventStreamRef stream);
 
 // Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its
