@@ -103,11 +103,13 @@ uint64_t fingerprintOf(const Descriptor& folder) {
   eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     struct statx status;
     if (statx(folder.number(), entry.d_name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-              STATX_BASIC_STATS, &status) != 0) {
+              STATX_BASIC_STATS | STATX_BTIME, &status) != 0) {
       return;
     }
     uint64_t hash = std::hash<std::string_view>()(entry.d_name);
     hash = mixed(hash ^ status.stx_ino);
+    hash = mixed(hash ^ static_cast<uint64_t>(status.stx_btime.tv_sec));  // numbers are reused
+    hash = mixed(hash ^ status.stx_btime.tv_nsec);
     if (!S_ISDIR(status.stx_mode)) {
       hash = mixed(hash ^ static_cast<uint64_t>(status.stx_ctime.tv_sec));
       hash = mixed(hash ^ status.stx_ctime.tv_nsec);
