@@ -20,6 +20,7 @@ class FSRareText {
  public:
   FSRareText(std::string text)  // NOLINT(google-explicit-constructor): a text like any other
       : text_(text.empty() ? nullptr : std::make_unique<const std::string>(std::move(text))) {}
+  ~FSRareText() = default;
   FSRareText(const FSRareText& other) : FSRareText(other.str()) {}
   FSRareText& operator=(const FSRareText& other) { return *this = FSRareText(other); }
   FSRareText(FSRareText&&) = default;
