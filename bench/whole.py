@@ -87,10 +87,6 @@ class Process:
             time.sleep(0.0005)
         return last
 
-    def threads(self):
-        with open(f"/proc/{self.pid}/stat", encoding="ascii") as stat:
-            return int(stat.read().rsplit(")", 1)[1].split()[17])
-
     def watches(self):
         """The watches of the instance that has most of them."""
         counts = [0]

@@ -332,7 +332,8 @@ void __FSEventStream::ReadEvents() {
     wasDelivering_ = false;
     table_.EndDelivery();
   }
-  if (chain_.Read() || table_.TakeRootDoubt()) isRootInDoubt_ = isRootAstray_ = true;
+  const bool isWayChanged = chain_.Read();
+  if (table_.TakeRootDoubt() || isWayChanged) isRootInDoubt_ = isRootAstray_ = true;
   if (chain_.NeedsPolling() && now >= nextRootLook_) {
     nextRootLook_ = now + kRootPolling;
     if (!IsRootSame(lookAt(path_))) isRootInDoubt_ = true;

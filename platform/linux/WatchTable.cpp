@@ -112,9 +112,7 @@ void WatchTable::Clear() {
 bool WatchTable::IsRoot(const Descriptor& folder) {
   if (root_ == nullptr || isRootLost_) return false;
   if (root_->watch < 0) return identityOf(folder) == rootIdentity_;
-  const int watch = inotify_.Add(folder, kMask);
-  if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
-  return watch == root_->watch;
+  return IsWatchedAs(*root_, folder);
 }
 
 void WatchTable::NoteRoot(Descriptor folder, bool wasAstray) {
@@ -304,16 +302,14 @@ void WatchTable::EndDelivery() {
   }
   if (haveFoldersMoved_) {
     named_.merge(announced_);
-    named_.merge(relocated_);
-    if (isTreeNamed_ && root_ != nullptr) named_.insert(root_.get());
     for (Folder* folder : named_) {
-      if (IsDisturbed(*folder) || folder == root_.get()) Unsettle(*folder);
+      if (IsDisturbed(*folder)) Unsettle(*folder);
     }
+    if (isTreeNamed_ && root_ != nullptr) Unsettle(*root_);
   }
   disturbed_.clear();
   named_.clear();
   announced_.clear();
-  relocated_.clear();
   isTreeNamed_ = false;
 }
 
@@ -343,7 +339,7 @@ std::vector<NamedFolder> WatchTable::Cut() {
   }
   named_.clear();
   announced_ = std::exchange(fresh_, {});
-  relocated_ = std::exchange(moved_, {});
+  announced_.merge(std::exchange(moved_, {}));
   isTreeNamed_ = false;
   std::vector<Mention> gaining;
   std::vector<Mention> others;

@@ -216,6 +216,7 @@ class WatchTable {
   bool WasTaken(const Folder& parent, const std::string& name, const Folder* by) const;
   void Bury(Folder& folder);
 
+  bool IsWatchedAs(const Folder& folder, const Descriptor& handle);
   Folder* FindByWatch(int watch) const;
   void SetWatch(Folder& folder, int watch);
   bool UnsetWatch(Folder& folder);
@@ -247,8 +248,7 @@ class WatchTable {
   std::unordered_set<Folder*> fresh_;                  // entered since the last batch
   std::unordered_set<Folder*> moved_;                  // since the last batch
   std::unordered_set<Folder*> named_;                  // in the batch that is being delivered
-  std::unordered_set<Folder*> announced_;              // new in that batch
-  std::unordered_set<Folder*> relocated_;              // moved before it
+  std::unordered_set<Folder*> announced_;              // new when it was cut, or moved just before
   std::unordered_set<Folder*> unsettled_;              // to be named again
   std::map<uint64_t, Unwatched> unwatched_;            // by serial
   uint64_t visited_ = 0;                               // the last of them

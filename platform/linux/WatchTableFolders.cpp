@@ -190,9 +190,9 @@ void WatchTable::ListRobbed() {
     const std::string path = PathOf(*folder);
     Descriptor handle = openFolder(AT_FDCWD, path, folder == root_.get());
     if (!handle.isOpen()) continue;
-    const int watch = inotify_.Add(handle, kMask);
-    if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
-    if (watch == folder->watch) List(*folder, std::move(handle), Walk{.length = path.size()});
+    if (IsWatchedAs(*folder, handle)) {
+      List(*folder, std::move(handle), Walk{.length = path.size()});
+    }
   }
 }
 
@@ -336,12 +336,18 @@ void WatchTable::Bury(Folder& folder) {
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
   marked_.erase(&folder);
-  for (auto* folders :
-       {&robbed_, &named_, &unsettled_, &fresh_, &moved_, &announced_, &relocated_}) {
+  for (auto* folders : {&robbed_, &named_, &unsettled_, &fresh_, &moved_, &announced_}) {
     folders->erase(&folder);
   }
   unwatched_.erase(folder.serial);
   origins_.erase(&folder);
+}
+
+// Whether the open folder has this one's watch.
+bool WatchTable::IsWatchedAs(const Folder& folder, const Descriptor& handle) {
+  const int watch = inotify_.Add(handle, kMask);
+  if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
+  return watch == folder.watch;
 }
 
 WatchTable::Folder* WatchTable::FindByWatch(int watch) const {
