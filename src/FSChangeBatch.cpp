@@ -105,7 +105,7 @@ FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
   if (place == created.path) tree.ForgetReplaced(place);
   FSResourceList gone = tree.PutSavedLists(saved, place);
   for (const auto& [key, entries] : saved.lists) {
-    std::string newKey = place + key.substr(saved.path.size());
+    std::string newKey = FSTree::MovedPath(key, saved.path, place);
     if (tree.SavedList(newKey) != nullptr) moved_.push_back(std::move(newKey));
   }
   return gone;

@@ -52,7 +52,7 @@ void FSReconciliation::Run() {
   if (tree_.SavedList(key_) != nullptr) {
     tree_.SetSavedList(key_, std::move(list_));
   } else {
-    tree_.NoteCompared(key_, list_);
+    tree_.NoteCompared(list_);
   }
 }
 

@@ -212,7 +212,8 @@ void FSTree::UpdateDir(const std::string& folder, const FSResourceArray& entries
   const auto found = snapshot.find(folder);
   if (found == snapshot.end()) return;
   FSResourceList copies;
-  for (const FSResourcePtr& entry : entries.items) copies.push_back(withPath(*entry, entry->path));
+  for (const FSResourcePtr& entry : entries.items)
+    copies.push_back(std::make_shared<FSResource>(*entry));
   found->second = std::move(copies);
 }
 
@@ -229,6 +230,11 @@ std::string FSTree::FolderOf(const std::string& key) { return key == "/" ? key :
 std::string_view FSTree::ParentOf(std::string_view path) {
   const size_t slash = path.rfind('/');
   return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
+std::string FSTree::MovedPath(const std::string& path, const std::string& from,
+                              const std::string& to) {
+  return to + path.substr(from.size());
 }
 
 std::string FSTree::KeyOf(const std::string& folderWithSlash) {

@@ -90,6 +90,10 @@ class FSTree {
   static std::string FolderOf(const std::string& key);
   static std::string_view ParentOf(std::string_view path);
 
+  // The new path of what stands at or below `from`, when that goes to `to`.
+  static std::string MovedPath(const std::string& path, const std::string& from,
+                               const std::string& to);
+
   // The saved list under the key, or null.
   const FSResourceList* SavedList(std::string_view key) const;
 
@@ -122,7 +126,7 @@ class FSTree {
 
   // Notes what a comparison is about to tell of a folder that has no saved list, and what a record
   // that is handed on does to what has been told of such folders.
-  void NoteCompared(const std::string& key, const FSResourceList& entries);
+  void NoteCompared(const FSResourceList& entries);
   void NoteTold(const FSChangedResource& record) EXCLUDES(treeMutex);
 
   // Of what has been told of folders without a saved list, what the reader has to be told is gone:
@@ -164,6 +168,11 @@ class FSTree {
 
  private:
   struct Scan;
+
+  // Folders that do not stand any more where lists are put in, and the taken lists that theirs
+  // belong to, if any.
+  using Elsewhere = std::vector<std::pair<std::string, FSSavedLists*>>;
+
   void ScanFolder(const std::string& path, const Scan& scan) EXCLUDES(treeMutex);
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
   FSResourceList ReportEntries(const std::string& path, const FSResourceList& current,
@@ -171,7 +180,13 @@ class FSTree {
   FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
                          const FSResourceIndex& savedByINode) const;
   void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
+  void ForgetTold(const std::string& path, bool isFolder);
+  void ForgetToldBelow(const std::string& path);
   void MoveTold(const std::string& oldPath, const std::string& newPath);
+  FSResourceList TakeTold(const std::string& key);
+  static Elsewhere::const_iterator Above(const std::string& key, const Elsewhere& elsewhere);
+  void PutSavedList(const std::string& key, const FSResourceList& entries, Elsewhere& elsewhere,
+                    FSResourceList& replaced);
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
@@ -181,10 +196,10 @@ class FSTree {
   // The lists taken in the running callback, by the folder they were of.
   std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;
 
-  // What the reader is told of folders without a saved list, by folder.
+  // What the reader is told of the entries of folders without a saved list, by the entries' paths.
   struct Told {
     FSResourcePtr resource;
     bool isTold = false;  // the record has been handed on
   };
-  std::unordered_map<std::string, std::vector<Told>> told_;
+  std::map<std::string, Told> told_;
 };

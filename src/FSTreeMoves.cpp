@@ -2,9 +2,9 @@
 // told of folders that have no list.
 
 #include <algorithm>
-#include <iterator>
-#include <map>
+#include <functional>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "FSTree.h"
@@ -68,54 +68,21 @@ std::shared_ptr<FSSavedLists> FSTree::TakeSavedLists(const std::string& path) {
 
 FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
   const MutexLock lock(treeMutex);
-  const auto movedPath = [&](const std::string& path) {
-    return newPath + path.substr(saved.path.size());
-  };
   FSResourceList replaced;
-  std::map<std::string, FSSavedLists*> elsewhere;  // folders that do not stand here any more
-  const auto elsewhereAbove = [&](const std::string& key) {
-    return std::find_if(elsewhere.begin(), elsewhere.end(), [&](const auto& folder) {
-      return (key + "/").starts_with(folder.first + "/");
-    });
-  };
+  Elsewhere elsewhere;
   for (const auto& [oldKey, entries] : saved.lists) {
-    const std::string key = movedPath(oldKey);
-    if (const auto above = elsewhereAbove(key); above != elsewhere.end()) {
-      if (above->second != nullptr) above->second->lists.emplace_back(key, movedTo(key, entries));
-      continue;
+    const std::string key = MovedPath(oldKey, saved.path, newPath);
+    const auto above = Above(key, elsewhere);
+    if (above == elsewhere.end()) {
+      PutSavedList(key, movedTo(key, entries), elsewhere, replaced);
+    } else if (above->second != nullptr) {
+      above->second->lists.emplace_back(key, movedTo(key, entries));
     }
-    FSResourceList& list = snapshot[key];
-    if (const auto told = told_.find(key); told != told_.end()) {
-      const FSResourceList compared = list;
-      const FSResourceIndex comparedByPath(compared, FSResourceIndex::Key::path);
-      for (const Told& entry : told->second) {
-        if (comparedByPath.FirstByPath(entry.resource->path) == FSResourceIndex::kNone) {
-          list.push_back(entry.resource);
-        }
-      }
-      told_.erase(told);
-    }
-    const FSResourceList present = list;
-    const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
-    for (const FSResourcePtr& entry : movedTo(key, entries)) {
-      const uint32_t at = presentByPath.FirstByPath(entry->path);
-      if (at != FSResourceIndex::kNone) {
-        if (!entry->isFolder || present[at]->isFolder) continue;
-        elsewhere.emplace(entry->path, nullptr);
-        replaced.push_back(entry);
-      } else if (IsDeparting(entry->path)) {
-        const auto taken = taken_.find(entry->path);
-        elsewhere.emplace(entry->path, taken != taken_.end() ? taken->second.get() : nullptr);
-      } else {
-        list.push_back(entry);
-      }
-    }
-    unread.erase(key);
   }
   saved.newPath = newPath;
   for (const std::string& oldKey : saved.unread) {
-    const std::string key = movedPath(oldKey);
-    const auto above = elsewhereAbove(key);
+    const std::string key = MovedPath(oldKey, saved.path, newPath);
+    const auto above = Above(key, elsewhere);
     if (above == elsewhere.end()) {
       if (snapshot.contains(key)) unread.insert(key);
     } else if (above->second != nullptr) {
@@ -123,6 +90,41 @@ FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& new
     }
   }
   return replaced;
+}
+
+FSTree::Elsewhere::const_iterator FSTree::Above(const std::string& key,
+                                                const Elsewhere& elsewhere) {
+  return std::find_if(elsewhere.begin(), elsewhere.end(), [&](const auto& folder) {
+    return (key + "/").starts_with(folder.first + "/");
+  });
+}
+
+// Adds the entries to the list under the key, after what is there and what has been told of the
+// folder. Notes the folders among them that do not stand here any more.
+void FSTree::PutSavedList(const std::string& key, const FSResourceList& entries,
+                          Elsewhere& elsewhere, FSResourceList& replaced) {
+  FSResourceList& list = snapshot[key];
+  const FSResourceList compared = list;
+  const FSResourceIndex comparedByPath(compared, FSResourceIndex::Key::path);
+  for (const FSResourcePtr& entry : TakeTold(key)) {
+    if (comparedByPath.FirstByPath(entry->path) == FSResourceIndex::kNone) list.push_back(entry);
+  }
+  const FSResourceList present = list;
+  const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
+  for (const FSResourcePtr& entry : entries) {
+    const uint32_t at = presentByPath.FirstByPath(entry->path);
+    if (at != FSResourceIndex::kNone) {
+      if (!entry->isFolder || present[at]->isFolder) continue;
+      elsewhere.emplace_back(entry->path, nullptr);
+      replaced.push_back(entry);
+    } else if (IsDeparting(entry->path)) {
+      const auto taken = taken_.find(entry->path);
+      elsewhere.emplace_back(entry->path, taken != taken_.end() ? taken->second.get() : nullptr);
+    } else {
+      list.push_back(entry);
+    }
+  }
+  unread.erase(key);
 }
 
 void FSTree::ForgetReplaced(const std::string& path) {
@@ -143,81 +145,75 @@ void FSTree::ForgetReplaced(const std::string& path) {
   }
 }
 
-void FSTree::NoteCompared(const std::string& key, const FSResourceList& entries) {
-  std::vector<Told>& told = told_[key];
-  FSResourceList before;
-  for (const Told& entry : told) before.push_back(entry.resource);
-  const FSResourceIndex beforeByPath(before, FSResourceIndex::Key::path);
-  for (const FSResourcePtr& entry : entries) {
-    const uint32_t at = beforeByPath.FirstByPath(entry->path);
-    if (at == FSResourceIndex::kNone) {
-      told.push_back({entry});
-    } else {
-      told[at].resource = entry;
-    }
-  }
+void FSTree::NoteCompared(const FSResourceList& entries) {
+  for (const FSResourcePtr& entry : entries) told_[entry->path].resource = entry;
 }
 
 void FSTree::NoteTold(const FSChangedResource& record) {
   if (told_.empty()) return;
-  const std::string& gone = record.action == "rename" ? record.oldPath : record.path;
-  const bool isGone = record.action == "delete" || record.action == "rename";
-  if (record.isFolder && record.action == "rename") MoveTold(record.oldPath, record.path);
-  const bool isReplaced =
-      record.action == "create" && !record.isFolder && SavedList(record.path) != nullptr;
-  if (isReplaced) TakeSavedLists(record.path);
-  const std::string below = gone + "/";
-  for (auto& [key, entries] : told_) {
-    std::erase_if(entries, [&](const Told& entry) {
-      const std::string path = entry.resource->path;
-      const bool isBelow = path.starts_with(below);
-      return entry.isTold &&
-             ((isGone && path == gone) || (((isGone && record.isFolder) || isReplaced) && isBelow));
-    });
+  if (record.action == "delete") {
+    ForgetTold(record.path, record.isFolder);
+  } else if (record.action == "rename") {
+    if (record.isFolder) MoveTold(record.oldPath, record.path);
+    ForgetTold(record.oldPath, record.isFolder);
+  } else if (record.action == "create" && !record.isFolder && SavedList(record.path) != nullptr) {
+    // A file where a folder was: what was in the folder is gone.
+    TakeSavedLists(record.path);
+    ForgetToldBelow(record.path);
   }
-  std::erase_if(told_, [](const auto& told) { return told.second.empty(); });
-  const auto parent = told_.find(std::string(ParentOf(record.path)));
-  if (record.action == "delete" || parent == told_.end()) return;
-  for (Told& entry : parent->second) {
-    if (entry.resource->path == record.path) entry.isTold = true;
-  }
+  const auto own = told_.find(record.path);
+  if (own != told_.end() && record.action != "delete") own->second.isTold = true;
 }
 
-// What has been told of a folder's contents is told of its new path.
+void FSTree::ForgetTold(const std::string& path, bool isFolder) {
+  const auto own = told_.find(path);
+  if (own != told_.end() && own->second.isTold) told_.erase(own);
+  if (isFolder) ForgetToldBelow(path);
+}
+
+void FSTree::ForgetToldBelow(const std::string& path) {
+  eachAtOrBelow(told_, path, [&](auto at) {
+    if (at->first != path && at->second.isTold) told_.erase(at);
+  });
+}
+
+// What has been told of a folder's contents is told of its new path as well.
 void FSTree::MoveTold(const std::string& oldPath, const std::string& newPath) {
-  const std::string below = oldPath + "/";
-  std::vector<Told> moving;
-  for (const auto& [key, entries] : told_) {
-    for (const Told& entry : entries) {
-      const std::string path = entry.resource->path;
-      if (!entry.isTold || !path.starts_with(below)) continue;
-      moving.push_back({withPath(*entry.resource, newPath + path.substr(oldPath.size())), true});
-    }
-  }
-  for (Told& entry : moving) {
-    told_[std::string(ParentOf(entry.resource->path.str()))].push_back(std::move(entry));
-  }
+  FSResourceList moving;
+  eachAtOrBelow(told_, oldPath, [&](auto at) {
+    if (at->first == oldPath || !at->second.isTold) return;
+    moving.push_back(withPath(*at->second.resource, MovedPath(at->first, oldPath, newPath)));
+  });
+  for (const FSResourcePtr& entry : moving) told_[entry->path] = {entry, true};
+}
+
+// What has been told of the folder's own entries, which is then no longer kept here.
+FSResourceList FSTree::TakeTold(const std::string& key) {
+  FSResourceList entries;
+  eachAtOrBelow(told_, key, [&](auto at) {
+    if (ParentOf(at->first) != key) return;
+    entries.push_back(at->second.resource);
+    told_.erase(at);
+  });
+  return entries;
 }
 
 std::vector<FSChangedResource> FSTree::TakeUntrue() {
+  std::set<std::string, std::greater<>> folders;  // those below come first
+  for (const auto& [path, told] : told_) folders.emplace(ParentOf(path));
   std::vector<FSChangedResource> untrue;
-  std::unordered_map<std::string, std::vector<Told>> stillOpen;
-  for (auto& [key, entries] : std::exchange(told_, {})) {
+  for (const std::string& key : folders) {
     const FSResourceList* saved = SavedList(key);
     const FSResourcePtr now = saved == nullptr ? GetResource(key) : nullptr;
-    if (now != nullptr && now->isFolder) {
-      stillOpen.emplace(key, std::move(entries));
-      continue;
-    }
+    if (now != nullptr && now->isFolder) continue;
     const FSResourceList none;
     const FSResourceIndex savedByPath(saved != nullptr ? *saved : none, FSResourceIndex::Key::path);
-    for (const Told& entry : entries) {
-      if (savedByPath.FirstByPath(entry.resource->path) != FSResourceIndex::kNone) continue;
-      untrue.emplace_back("delete", *entry.resource);
-      if (entry.resource->isFolder) untrue.back().saved = TakeSavedLists(entry.resource->path);
+    for (const FSResourcePtr& entry : TakeTold(key)) {
+      if (savedByPath.FirstByPath(entry->path) != FSResourceIndex::kNone) continue;
+      untrue.emplace_back("delete", *entry);
+      if (entry->isFolder) untrue.back().saved = TakeSavedLists(entry->path);
     }
   }
-  told_ = std::move(stillOpen);
   return untrue;
 }
 
@@ -239,13 +235,13 @@ bool FSTree::HandOnLists(const FSSavedLists& saved, std::string& path) {
   const MutexLock lock(treeMutex);
   FSSavedLists* const taken = FindPlace(path);
   if (taken == nullptr) return false;
-  const auto movedPath = [&](const std::string& old) {
-    return path + old.substr(saved.path.size());
-  };
-  for (const auto& [key, entries] : saved.lists) {
-    taken->lists.emplace_back(movedPath(key), movedTo(movedPath(key), entries));
+  for (const auto& [oldKey, entries] : saved.lists) {
+    const std::string key = MovedPath(oldKey, saved.path, path);
+    taken->lists.emplace_back(key, movedTo(key, entries));
   }
-  for (const std::string& key : saved.unread) taken->unread.push_back(movedPath(key));
+  for (const std::string& oldKey : saved.unread) {
+    taken->unread.push_back(MovedPath(oldKey, saved.path, path));
+  }
   return true;
 }
 
@@ -255,7 +251,7 @@ FSSavedLists* FSTree::FindPlace(std::string& key) const {
   for (size_t moves = 0; moves <= taken_.size() && !snapshot.contains(key); ++moves) {
     FSSavedLists* const taken = TakenAbove(key);
     if (taken == nullptr || taken->newPath.empty()) return taken;
-    key = taken->newPath + key.substr(taken->path.size());
+    key = MovedPath(key, taken->path, taken->newPath);
   }
   return nullptr;
 }
