@@ -103,7 +103,7 @@ FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
   std::string place = created.path;
   if (tree.HandOnLists(saved, place) || tree.SavedList(place) == nullptr) return {};
   if (place == created.path) tree.ForgetReplaced(place);
-  FSResourceList gone = tree.PutSavedLists(saved, place);
+  FSResourceList gone = tree.PutSavedLists(saved, place, created.path);
   for (const auto& [key, entries] : saved.lists) {
     std::string newKey = FSTree::MovedPath(key, saved.path, place);
     if (tree.SavedList(newKey) != nullptr) moved_.push_back(std::move(newKey));

@@ -124,7 +124,7 @@ void FSReconciliation::Renamed(Position c, Position s) {
   Add(c);
   told_[c] = true;
   if (lists != nullptr && current->isFolder) {
-    for (const FSResourcePtr& gone : tree_.PutSavedLists(*lists, current->path)) {
+    for (const FSResourcePtr& gone : tree_.PutSavedLists(*lists, current->path, current->path)) {
       batch_.emplace_back("delete", *gone);
     }
   }

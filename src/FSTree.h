@@ -113,7 +113,10 @@ class FSTree {
   // Puts taken lists in again under the new path. What the snapshot holds there already comes
   // first. Returns, as they were under the new path, the folders whose names something else has
   // there: the reader has to be told that they are gone.
-  FSResourceList PutSavedLists(FSSavedLists& saved, const std::string& newPath) EXCLUDES(treeMutex);
+  // `toldPath` is the folder's new path in the records of the batch, which can be out of date where
+  // a folder above it has moved on.
+  FSResourceList PutSavedLists(FSSavedLists& saved, const std::string& newPath,
+                               const std::string& toldPath) EXCLUDES(treeMutex);
 
   // A record that is handed on puts another folder in the place of what the reader knows under the
   // path: takes that out of the lists of the folder and of all below it, and leaves what pending
@@ -185,8 +188,8 @@ class FSTree {
   void MoveTold(const std::string& oldPath, const std::string& newPath);
   FSResourceList TakeTold(const std::string& key);
   static Elsewhere::const_iterator Above(const std::string& key, const Elsewhere& elsewhere);
-  void PutSavedList(const std::string& key, const FSResourceList& entries, Elsewhere& elsewhere,
-                    FSResourceList& replaced);
+  void PutSavedList(const std::string& key, const std::string& toldKey,
+                    const FSResourceList& entries, Elsewhere& elsewhere, FSResourceList& replaced);
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;

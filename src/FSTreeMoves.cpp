@@ -66,17 +66,19 @@ std::shared_ptr<FSSavedLists> FSTree::TakeSavedLists(const std::string& path) {
   return taken;
 }
 
-FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath) {
+FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& newPath,
+                                     const std::string& toldPath) {
   const MutexLock lock(treeMutex);
   FSResourceList replaced;
   Elsewhere elsewhere;
   for (const auto& [oldKey, entries] : saved.lists) {
     const std::string key = MovedPath(oldKey, saved.path, newPath);
+    const std::string toldKey = MovedPath(oldKey, saved.path, toldPath);
     const auto above = Above(key, elsewhere);
     if (above == elsewhere.end()) {
-      PutSavedList(key, movedTo(key, entries), elsewhere, replaced);
+      PutSavedList(key, toldKey, movedTo(key, entries), elsewhere, replaced);
     } else if (above->second != nullptr) {
-      above->second->lists.emplace_back(key, movedTo(key, entries));
+      above->second->lists.emplace_back(toldKey, movedTo(toldKey, entries));
     }
   }
   saved.newPath = newPath;
@@ -86,7 +88,7 @@ FSResourceList FSTree::PutSavedLists(FSSavedLists& saved, const std::string& new
     if (above == elsewhere.end()) {
       if (snapshot.contains(key)) unread.insert(key);
     } else if (above->second != nullptr) {
-      above->second->unread.push_back(key);
+      above->second->unread.push_back(MovedPath(oldKey, saved.path, toldPath));
     }
   }
   return replaced;
@@ -100,9 +102,11 @@ FSTree::Elsewhere::const_iterator FSTree::Above(const std::string& key,
 }
 
 // Adds the entries to the list under the key, after what is there and what has been told of the
-// folder. Notes the folders among them that do not stand here any more.
-void FSTree::PutSavedList(const std::string& key, const FSResourceList& entries,
-                          Elsewhere& elsewhere, FSResourceList& replaced) {
+// folder, which records know as `toldKey`. Notes the folders among them that do not stand here any
+// more.
+void FSTree::PutSavedList(const std::string& key, const std::string& toldKey,
+                          const FSResourceList& entries, Elsewhere& elsewhere,
+                          FSResourceList& replaced) {
   FSResourceList& list = snapshot[key];
   const FSResourceList compared = list;
   const FSResourceIndex comparedByPath(compared, FSResourceIndex::Key::path);
@@ -113,12 +117,13 @@ void FSTree::PutSavedList(const std::string& key, const FSResourceList& entries,
   const FSResourceIndex presentByPath(present, FSResourceIndex::Key::path);
   for (const FSResourcePtr& entry : entries) {
     const uint32_t at = presentByPath.FirstByPath(entry->path);
+    const std::string toldPath = MovedPath(entry->path, key, toldKey);
     if (at != FSResourceIndex::kNone) {
       if (!entry->isFolder || present[at]->isFolder) continue;
       elsewhere.emplace_back(entry->path, nullptr);
       replaced.push_back(entry);
-    } else if (IsDeparting(entry->path)) {
-      const auto taken = taken_.find(entry->path);
+    } else if (IsDeparting(toldPath)) {
+      const auto taken = taken_.find(toldPath);
       elsewhere.emplace_back(entry->path, taken != taken_.end() ? taken->second.get() : nullptr);
     } else {
       list.push_back(entry);

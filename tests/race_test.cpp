@@ -140,6 +140,7 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
 };
 
 INSTANTIATE_TEST_SUITE_P(Seed, RaceTest, testing::Range(1, seeds() + 1));
+INSTANTIATE_TEST_SUITE_P(OnceWrong, RaceTest, testing::Values(48));
 
 TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
   random.seed(static_cast<unsigned>(GetParam()));

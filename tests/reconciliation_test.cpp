@@ -96,7 +96,7 @@ struct PlainComparison {
     }
     tree.AddDirResource(key, now);
     passed.insert(now);
-    if (now->isFolder && below != nullptr) tree.PutSavedLists(*below, now->path);
+    if (now->isFolder && below != nullptr) tree.PutSavedLists(*below, now->path, now->path);
     const FSResourcePtr successor = named(current, before->path);
     if (successor != nullptr && !passed.contains(successor)) created(successor);
   }

@@ -83,7 +83,7 @@ TEST_F(TreeTest, MovesListsUnderThoseThatAreThere) {
   const auto taken = tree.TakeSavedLists("/a");
   EXPECT_EQ(saved(), "/ab:");
   tree.SetSavedList("/b", {entry(7, "/b/g"), entry(8, "/b/f")});  // "g" is a file here
-  tree.PutSavedLists(*taken, "/b");
+  tree.PutSavedLists(*taken, "/b", "/b");
   EXPECT_EQ(saved(), "/ab: | /b: /b/g /b/f /b/d | /b/d: /b/d/x | /b/d/new:");
   EXPECT_EQ(tree.Unread(), (Texts{"/ab", "/b/d/new"}));
   tree.ClearSnapshot();
