@@ -176,9 +176,12 @@ void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, const std::
   const bool isKnown = ChildOf(folder, name) != nullptr;
   const bool isFolder = (event.mask & IN_ISDIR) != 0 || isKnown;
   if (isFolder && !isKnown && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+    // Whatever has taken the name since then has an event of its own.
     NoteDeparture(folder, name, 0);
+    Touch(folder);
+  } else if (isFolder && (event.mask & (kNameMask | IN_ATTRIB)) != 0) {
+    Examine(folder, name);
   }
-  if (isFolder && (event.mask & (kNameMask | IN_ATTRIB)) != 0) Examine(folder, name);
   const bool isArrival =
       (event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
   if (isArrival && isDelivering_) NoteArrival(folder, name);
