@@ -5,8 +5,6 @@
 // Not synchronised; its owner has a lock.
 #pragma once
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -17,6 +15,8 @@
 #include <string_view>
 #include <vector>
 
+#include "FreshMemory.h"
+
 class FSLineQueue {
  public:
   bool empty() const { return count_ == 0; }
@@ -26,7 +26,7 @@ class FSLineQueue {
   void push_back(std::string_view line) {
     line = line.substr(0, line.find('\0'));
     if (blocks_.empty() || blocks_.back().capacity - blocks_.back().end <= line.size()) {
-      blocks_.emplace_back(std::max(kBlock, line.size() + 1));
+      blocks_.emplace_back(std::max(blocks_.empty() ? kFirstBlock : kBlock, line.size() + 1));
     }
     Block& block = blocks_.back();
     std::memcpy(block.text.get() + block.end, line.data(), line.size());
@@ -53,17 +53,19 @@ class FSLineQueue {
   }
 
  private:
-  static constexpr size_t kBlock = 256 << 10;  // bytes
+  // In bytes. A few lines take little.
+  static constexpr size_t kFirstBlock = 16 << 10;
+  static constexpr size_t kBlock = 256 << 10;
 
   struct Unmap {
     size_t size = 0;
-    void operator()(char* memory) const { munmap(memory, size); }
+    void operator()(char* memory) const { unmapFresh(memory, size); }
   };
   struct Block {
     explicit Block(size_t size) : text(Map(size), Unmap{size}), capacity(size) {}
     static char* Map(size_t size) {
-      void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANON, -1, 0);
-      if (memory == MAP_FAILED) throw std::bad_alloc();
+      void* memory = mapFresh(size);
+      if (memory == nullptr) throw std::bad_alloc();
       return static_cast<char*>(memory);
     }
     std::unique_ptr<char, Unmap> text;
