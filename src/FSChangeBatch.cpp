@@ -17,7 +17,7 @@ bool areHalves(const FSChangedResource& a, const FSChangedResource& b) {
 
 }  // namespace
 
-FSChangeBatch::FSChangeBatch(std::vector<FSChangedResource> records)
+FSChangeBatch::FSChangeBatch(FSChangeList records)
     : records_(std::move(records)),
       hasFolders_(std::any_of(records_.begin(), records_.end(),
                               [](const FSChangedResource& record) { return record.isFolder; })),
@@ -77,7 +77,7 @@ void FSChangeBatch::EmitRecord(const FSChangedResource& record) {
 void FSChangeBatch::EmitAlone(const FSChangedResource& record) {
   EmitRecord(record);
   FSTree& tree = *FSEventWatcher::sTree;
-  if (record.isFolder && isCreation(record) && tree.SavedList(record.path) != nullptr) {
+  if (record.isFolder && isCreation(record) && tree.SavedList(record.path.str()) != nullptr) {
     tree.DirSearch(record.path, false, true);
   }
 }
@@ -90,7 +90,7 @@ void FSChangeBatch::EmitRename(const FSChangedResource& earlier, const FSChanged
   FSChangedResource rename = earlier;
   rename.action = "rename";
   rename.path = created.path;
-  rename.oldPath = deleted.path;
+  rename.oldPath = deleted.path.text();
   EmitRecord(rename);
   for (const FSResourcePtr& folder : gone) EmitRecord(FSChangedResource("delete", *folder));
 }
@@ -138,28 +138,36 @@ size_t FSChangeBatch::PartnerOf(size_t position) const {
 bool FSChangeBatch::SpokenOfBetween(size_t from, size_t to, const FSChangedResource& record) {
   if (to - from < 2) return false;
   if (byPath_.empty()) IndexPaths();
-  const std::string_view path = record.path;
-  for (size_t end = path.size(); end != std::string_view::npos && end > 0;
+  const std::string path = record.path;
+  for (size_t end = path.size(); end != std::string::npos && end > 0;
        end = path.rfind('/', end - 1)) {
-    if (StandsBetween(from, to, path.substr(0, end))) return true;
+    if (StandsBetween(from, to, std::string_view(path).substr(0, end))) return true;
   }
   if (!record.isFolder) return false;
-  const std::string below = record.path + "/";
-  for (auto at = std::lower_bound(byPath_.begin(), byPath_.end(),
-                                  std::pair(std::string_view(below), size_t{0}));
-       at != byPath_.end() && at->first.starts_with(below); ++at) {
+  const std::string below = path + "/";
+  for (auto at = FirstSpokenOf(below, 0); at != byPath_.end() && at->first.starts_with(below);
+       ++at) {
     if (at->second > from && at->second < to && !done_[at->second]) return true;
   }
   return false;
 }
 
 bool FSChangeBatch::StandsBetween(size_t from, size_t to, std::string_view path) const {
-  auto at = std::lower_bound(byPath_.begin(), byPath_.end(), std::pair(path, from + 1));
+  auto at = FirstSpokenOf(path, from + 1);
   while (at != byPath_.end() && at->first == path && at->second < to) {
     if (!done_[at->second]) return true;
     ++at;
   }
   return false;
+}
+
+// The first path that is not before this one, told at this position or later.
+FSChangeBatch::Mention FSChangeBatch::FirstSpokenOf(std::string_view path, size_t position) const {
+  return std::lower_bound(byPath_.begin(), byPath_.end(), std::pair(path, position),
+                          [](const auto& mention, const auto& wanted) {
+                            return std::pair(std::string_view(mention.first), mention.second) <
+                                   wanted;
+                          });
 }
 
 void FSChangeBatch::IndexPaths() {
@@ -174,10 +182,10 @@ void FSChangeBatch::IndexPaths() {
 void FSChangeBatch::Expect(const FSChangedResource& record, int change) {
   if (!hasFolders_) return;
   ExpectPath(record.path, isDeletion(record) ? nullptr : &record, change);
-  if (!record.oldPath.empty()) ExpectPath(record.oldPath, nullptr, change);
+  if (!record.oldPath.empty()) ExpectPath(record.oldPath.view(), nullptr, change);
 }
 
-void FSChangeBatch::ExpectPath(const std::string& path, const FSChangedResource* last, int change) {
+void FSChangeBatch::ExpectPath(const FSPath& path, const FSChangedResource* last, int change) {
   auto& pending = FSEventWatcher::sTree->pending;
   const auto at = pending.try_emplace(path).first;
   at->second.records += change;

@@ -26,7 +26,7 @@ struct FSSavedLists;
 class FSChangeBatch {
  public:
   // The records of a batch, in the order of the comparisons.
-  explicit FSChangeBatch(std::vector<FSChangedResource> records);
+  explicit FSChangeBatch(FSChangeList records);
 
   // Hands everything on, and scans what is new. Returns the folders that came to their place with
   // saved lists, with all below them that have such lists, parents first.
@@ -45,15 +45,17 @@ class FSChangeBatch {
   size_t PartnerOf(size_t position) const;
   bool SpokenOfBetween(size_t from, size_t to, const FSChangedResource& record);
   bool StandsBetween(size_t from, size_t to, std::string_view path) const;
+  using Mention = std::vector<std::pair<std::string, size_t>>::const_iterator;
+  Mention FirstSpokenOf(std::string_view path, size_t position) const;
   void IndexPaths();
   void Expect(const FSChangedResource& record, int change);
-  void ExpectPath(const std::string& path, const FSChangedResource* last, int change);
+  void ExpectPath(const FSPath& path, const FSChangedResource* last, int change);
 
-  std::vector<FSChangedResource> records_;
+  FSChangeList records_;
   const bool hasFolders_;   // else nothing is scanned or moved, and nobody asks what is pending
   std::vector<bool> done_;  // by position: emitted, or merged into a rename
   std::vector<size_t> earlierHalf_;  // by position: the half that waits to be emitted here
   std::vector<std::pair<uint64_t, size_t>> byINode_;
-  std::vector<std::pair<std::string_view, size_t>> byPath_;  // empty until a rename needs it
+  std::vector<std::pair<std::string, size_t>> byPath_;  // empty until a rename needs it
   std::vector<std::string> moved_;
 };

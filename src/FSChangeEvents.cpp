@@ -105,8 +105,9 @@ const FSChangedResource* FSChangeEvents::Get(unsigned int index) const {
 }
 
 std::string FSChangeEvents::buildMessage(const FSChangedResource& record, bool doEncode) const {
-  const std::string& action = record.action;
-  const std::string text = templates->Get((record.isFolder ? "dir_" : "file_") + action);
+  const std::string_view action = record.action;
+  const std::string text =
+      templates->Get(std::string(record.isFolder ? "dir_" : "file_").append(action));
   const std::string path = encode(record.path, doEncode);
   const auto inode = static_cast<unsigned long>(record.inode);
   const auto modified = static_cast<unsigned long>(record.modified.tv_sec);

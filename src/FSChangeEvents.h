@@ -66,7 +66,7 @@ class FSChangeEvents {
   // Filled by the constructor, then only read.
   std::unique_ptr<FSEventsTree> templates;
 
-  std::vector<FSChangedResource> changeList;
+  FSChangeList changeList;
   FSLineQueue outputLines GUARDED_BY(outputLock);
   int32_t changeCount = 0;
   std::thread emitter;

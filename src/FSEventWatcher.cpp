@@ -66,7 +66,7 @@ FSResource rootResource(const FSResourcePtr& now) {
   return resource;
 }
 
-void checkRoot(FSEventStreamEventId id, std::vector<FSChangedResource>& batch) {
+void checkRoot(FSEventStreamEventId id, FSChangeList& batch) {
   if (id != 0) return;
   const FSResourcePtr now = FSTree::GetResource(_path);
   FSChangedResource record(now != nullptr ? "rootcreate" : "rootdelete", rootResource(now));
@@ -86,7 +86,7 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
-void compareBothSides(const std::string& key, std::vector<FSChangedResource>& batch) {
+void compareBothSides(const std::string& key, FSChangeList& batch) {
   const std::string folder = FSTree::FolderOf(key);
   FSEventWatcher::PrintChangedFiles(folder, batch);
   FSEventWatcher::PrintChangedFiles(folder, batch);
@@ -147,7 +147,7 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
                                        size_t count, const char* const* paths,
                                        const FSEventStreamEventFlags* flags,
                                        const FSEventStreamEventId* ids) {
-  std::vector<FSChangedResource> batch;
+  FSChangeList batch;
   std::unordered_set<std::string> compared;
   for (size_t i = count; i-- > 0;) {
     const bool isRoot = (flags[i] & kFSEventStreamEventFlagRootChanged) != 0;
@@ -177,14 +177,12 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
   sTree->ForgetTaken();
 }
 
-void FSEventWatcher::PrintChangedFiles(const std::string& folder,
-                                       std::vector<FSChangedResource>& batch) {
+void FSEventWatcher::PrintChangedFiles(const std::string& folder, FSChangeList& batch) {
   const MutexLock lock(mainlock);
   FSReconciliation(folder, *sTree, *sChanges, batch).Run();
 }
 
-int32_t FSEventWatcher::IndexOfByINode(const FSChangedResource& record,
-                                       const std::vector<FSChangedResource>& list) {
+int32_t FSEventWatcher::IndexOfByINode(const FSChangedResource& record, const FSChangeList& list) {
   const auto found = std::find_if(list.begin(), list.end(), [&](const FSChangedResource& other) {
     return other.inode == record.inode;
   });

@@ -59,12 +59,10 @@ class FSEventWatcher {
   // for each difference and brings the snapshot up to date. Only one side is told where entries
   // both went and came, the larger one, or what went when they are equal; a second call tells the
   // other.
-  static void PrintChangedFiles(const std::string& folder, std::vector<FSChangedResource>& batch)
-      EXCLUDES(mainlock);
+  static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
 
   // The position of the first record in the list with the record's inode, or -1.
-  static int32_t IndexOfByINode(const FSChangedResource& record,
-                                const std::vector<FSChangedResource>& list);
+  static int32_t IndexOfByINode(const FSChangedResource& record, const FSChangeList& list);
 
   FSEventStreamRef eventStream = nullptr;
 

@@ -5,9 +5,9 @@
 
 namespace {
 
-FSChangedResource renameRecord(const FSResource& current, const std::string& oldPath) {
+FSChangedResource renameRecord(const FSResource& current, const FSPath& oldPath) {
   FSChangedResource record("rename", current);
-  record.oldPath = oldPath;
+  record.oldPath = oldPath.text();
   return record;
 }
 
@@ -28,7 +28,7 @@ const FSResourceList& savedListOf(const std::string& key, FSTree& tree) {
 }  // namespace
 
 FSReconciliation::FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
-                                   std::vector<FSChangedResource>& batch)
+                                   FSChangeList& batch)
     : tree_(tree),
       log_(log),
       batch_(batch),
@@ -57,10 +57,16 @@ void FSReconciliation::Run() {
 }
 
 void FSReconciliation::WalkCurrent() {
+  Position next = 0;  // of the saved entries, in the order of the current ones
   for (Position c = 0; c < current_.size(); ++c) {
+    if (IsUnchanged(c, next)) {
+      ++next;
+      continue;
+    }
     Position s = SavedByPath().FirstByPath(current_[c]->path);
     if (s != kNone) {
       SameName(c, s);
+      next = s + 1;
     } else if (s = OldNameOf(c); s != kNone) {
       Renamed(c, s);
     } else {
@@ -70,17 +76,30 @@ void FSReconciliation::WalkCurrent() {
 }
 
 void FSReconciliation::WalkSaved() {
+  Position next = 0;  // of the current entries, in the order of the saved ones
   for (Position s = 0; s < saved_.size(); ++s) {
     if (gone_[s]) continue;
+    if (IsUnchanged(next, s)) {
+      ++next;
+      continue;
+    }
     Position c = CurrentByPath().FirstByPath(saved_[s]->path);
     if (c != kNone) {
       SameName(c, s);
+      next = c + 1;
     } else if (c = NewNameOf(s); c != kNone) {
       Renamed(c, s);
     } else {
       Deleted(s);
+      list_[s] = nullptr;  // another entry with the path is met by itself
     }
   }
+}
+
+// Whether the positions hold one and the same record, which the listing takes over for what has not
+// changed at all. Most entries are met like this, and need not be looked up.
+bool FSReconciliation::IsUnchanged(Position c, Position s) const {
+  return c < current_.size() && s < saved_.size() && current_[c] == saved_[s];
 }
 
 void FSReconciliation::SameName(Position c, Position s) {
@@ -89,6 +108,7 @@ void FSReconciliation::SameName(Position c, Position s) {
   if (told_[c]) return;
   if (current.isFolder != saved.isFolder) {
     Deleted(s);
+    Remove(saved.path);
     gone_[s] = true;
     Created(c);
   } else if (current.isFolder) {
@@ -148,7 +168,7 @@ void FSReconciliation::Deleted(Position s) {
   const FSResourcePtr saved = saved_[s];
   batch_.emplace_back("delete", *saved);
   Log("* REMOVED %s \"%s\"", *saved);
-  Remove(saved->path);
+  Edit();
   if (saved->isFolder) batch_.back().saved = tree_.TakeSavedLists(saved->path);
 }
 

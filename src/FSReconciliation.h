@@ -34,7 +34,7 @@ class FSReconciliation {
  public:
   // `folder` ends with "/". Records are appended to `batch`.
   FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
-                   std::vector<FSChangedResource>& batch);
+                   FSChangeList& batch);
   void Run();
 
  private:
@@ -43,6 +43,7 @@ class FSReconciliation {
 
   void WalkCurrent();
   void WalkSaved();
+  bool IsUnchanged(Position c, Position s) const;
 
   // The cases. Positions are those of the current entry and the saved entry.
   void SameName(Position c, Position s);
@@ -73,7 +74,7 @@ class FSReconciliation {
 
   FSTree& tree_;
   FSChangeEvents& log_;
-  std::vector<FSChangedResource>& batch_;
+  FSChangeList& batch_;
   const std::string key_;
 
   FSResourceList current_;

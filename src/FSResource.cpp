@@ -10,8 +10,12 @@ namespace {
 
 // Inode numbers are often consecutive and often multiples; multiplying spreads both over the
 // buckets.
-size_t hashOf(uint64_t inode) { return (inode * 0x9E3779B97F4A7C15U) >> 20; }
-size_t hashOf(const FSPath& path) { return std::hash<std::string>()(path.name()); }
+uint32_t hashOf(uint64_t inode) {
+  return static_cast<uint32_t>((inode * 0x9E3779B97F4A7C15U) >> 20);
+}
+uint32_t hashOf(const FSPath& path) {
+  return static_cast<uint32_t>(std::hash<std::string_view>()(path.name()));
+}
 
 int32_t position(const FSResourceList& items, FSResourceList::const_iterator found) {
   return found == items.end() ? -1 : static_cast<int32_t>(found - items.begin());
@@ -20,7 +24,7 @@ int32_t position(const FSResourceList& items, FSResourceList::const_iterator fou
 }  // namespace
 
 FSResource::FSResource(uint64_t inode, FSPath path, bool isFolder, timespec modified,
-                       timespec created, uint64_t size, std::string oldPath)
+                       timespec created, uint64_t size, FSText oldPath)
     : inode(inode),
       path(std::move(path)),
       isFolder(isFolder),
@@ -35,50 +39,48 @@ FSResourcePtr withPath(const FSResource& resource, FSPath path) {
   return moved;
 }
 
-FSChangedResource::FSChangedResource(std::string action, const FSResource& resource)
-    : action(std::move(action)),
-      inode(resource.inode),
-      path(resource.path),
-      isFolder(resource.isFolder),
-      created(resource.created),
-      modified(resource.modified),
-      size(resource.size),
-      oldPath(resource.oldPath),
-      birth(resource.birth) {}
+FSChangedResource::FSChangedResource(std::string_view action, const FSResource& resource)
+    : FSResource(resource), action(action) {}
 
 FSResourceIndex::FSResourceIndex(const FSResourceList& list, Key key)
-    : list_(list), heads_(std::bit_ceil(list.size() + 1), kNone), next_(list.size(), kNone) {
+    : list_(list), heads_(std::bit_ceil(list.size() + 1), kNone), links_(list.size()) {
   for (size_t i = list.size(); i-- > 0;) {
-    const size_t hash = key == Key::path ? hashOf(list[i]->path) : hashOf(list[i]->inode);
+    const uint32_t hash = key == Key::path ? hashOf(list[i]->path) : hashOf(list[i]->inode);
     uint32_t& head = heads_[hash & (heads_.size() - 1)];
-    next_[i] = head;
+    links_[i] = {hash, head};
     head = static_cast<uint32_t>(i);
   }
 }
 
 uint32_t FSResourceIndex::FirstByPath(const FSPath& path) const {
-  return MatchPath(Bucket(hashOf(path)), path);
+  const uint32_t hash = hashOf(path);
+  return MatchPath(Bucket(hash), hash, path);
 }
 
 uint32_t FSResourceIndex::NextByPath(uint32_t position) const {
-  return MatchPath(next_[position], list_[position]->path);
+  return MatchPath(links_[position].next, links_[position].hash, list_[position]->path);
 }
 
 uint32_t FSResourceIndex::FirstByINode(uint64_t inode) const {
-  return MatchINode(Bucket(hashOf(inode)), inode);
+  const uint32_t hash = hashOf(inode);
+  return MatchINode(Bucket(hash), hash, inode);
 }
 
 uint32_t FSResourceIndex::NextByINode(uint32_t position) const {
-  return MatchINode(next_[position], list_[position]->inode);
+  return MatchINode(links_[position].next, links_[position].hash, list_[position]->inode);
 }
 
-uint32_t FSResourceIndex::MatchPath(uint32_t position, const FSPath& path) const {
-  while (position != kNone && list_[position]->path != path) position = next_[position];
+uint32_t FSResourceIndex::MatchPath(uint32_t position, uint32_t hash, const FSPath& path) const {
+  while (position != kNone && (links_[position].hash != hash || list_[position]->path != path)) {
+    position = links_[position].next;
+  }
   return position;
 }
 
-uint32_t FSResourceIndex::MatchINode(uint32_t position, uint64_t inode) const {
-  while (position != kNone && list_[position]->inode != inode) position = next_[position];
+uint32_t FSResourceIndex::MatchINode(uint32_t position, uint32_t hash, uint64_t inode) const {
+  while (position != kNone && (links_[position].hash != hash || list_[position]->inode != inode)) {
+    position = links_[position].next;
+  }
   return position;
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,38 +16,20 @@
 
 #include "FSPath.h"
 
-// A text that is nearly always empty, and takes little room then.
-class FSRareText {
- public:
-  FSRareText(std::string text)  // NOLINT(google-explicit-constructor): a text like any other
-      : text_(text.empty() ? nullptr : std::make_unique<const std::string>(std::move(text))) {}
-  ~FSRareText() = default;
-  FSRareText(const FSRareText& other) : FSRareText(other.str()) {}
-  FSRareText& operator=(const FSRareText& other) { return *this = FSRareText(other); }
-  FSRareText(FSRareText&&) = default;
-  FSRareText& operator=(FSRareText&&) = default;
-
-  std::string str() const { return text_ == nullptr ? std::string() : *text_; }
-  operator std::string() const { return str(); }  // NOLINT(google-explicit-constructor)
-
- private:
-  std::unique_ptr<const std::string> text_;
-};
-
 // One file or folder as it was when it was examined.
 struct FSResource {
   uint64_t inode;
   FSPath path;
   bool isFolder;
-  timespec created;    // last status change, not the birth time; only its seconds are used
-  timespec modified;   // last data modification; only its seconds are used
-  uint64_t size;       // bytes
-  FSRareText oldPath;  // of a rename: the path before it; else empty
-  int64_t birth = 0;   // nanoseconds since 1970, 0 when not known; tells files apart, never printed
+  timespec created;   // last status change, not the birth time; only its seconds are used
+  timespec modified;  // last data modification; only its seconds are used
+  uint64_t size;      // bytes
+  FSText oldPath;     // of a rename: the path before it; else empty
+  int64_t birth = 0;  // nanoseconds since 1970, 0 when not known; tells files apart, never printed
 
   // The two times come in the reverse of their declared order.
   FSResource(uint64_t inode, FSPath path, bool isFolder, timespec modified, timespec created,
-             uint64_t size, std::string oldPath);
+             uint64_t size, FSText oldPath);
 };
 
 using FSResourcePtr = std::shared_ptr<const FSResource>;
@@ -58,28 +41,23 @@ FSResourcePtr withPath(const FSResource& resource, FSPath path);
 struct FSSavedLists;
 
 // One change to report: an action word and a copy of the resource's fields.
-struct FSChangedResource {
-  std::string action;
-  uint64_t inode;
-  std::string path;
-  bool isFolder;
-  timespec created;
-  timespec modified;
-  uint64_t size;
-  std::string oldPath;
-  int64_t birth = 0;
+struct FSChangedResource : FSResource {
+  std::string_view action;  // a word of the program, such as "create"
 
   // Of a folder's deletion: what the snapshot held of the folder, in case it has only moved. May be
   // null.
   std::shared_ptr<FSSavedLists> saved;
 
-  FSChangedResource(std::string action, const FSResource& resource);
+  // The text of the action must outlive the record.
+  FSChangedResource(std::string_view action, const FSResource& resource);
 };
+
+// The changes of one batch. They stay where they are while it grows.
+using FSChangeList = std::deque<FSChangedResource>;
 
 // Whether two records speak of the same file. Linux gives a deleted file's inode number to the next
 // file made, so the birth time has to agree as well where both records have one.
-template <typename A, typename B>
-bool isSameFile(const A& a, const B& b) {
+inline bool isSameFile(const FSResource& a, const FSResource& b) {
   return a.inode == b.inode && (a.birth == b.birth || a.birth == 0 || b.birth == 0);
 }
 
@@ -103,13 +81,20 @@ class FSResourceIndex {
   uint32_t NextByINode(uint32_t position) const;
 
  private:
-  uint32_t Bucket(size_t hash) const { return heads_[hash & (heads_.size() - 1)]; }
-  uint32_t MatchPath(uint32_t position, const FSPath& path) const;
-  uint32_t MatchINode(uint32_t position, uint64_t inode) const;
+  // By position: its key's hash, so that only what is sought has to be looked at, and the next
+  // position in the same bucket.
+  struct Link {
+    uint32_t hash;
+    uint32_t next;
+  };
+
+  uint32_t Bucket(uint32_t hash) const { return heads_[hash & (heads_.size() - 1)]; }
+  uint32_t MatchPath(uint32_t position, uint32_t hash, const FSPath& path) const;
+  uint32_t MatchINode(uint32_t position, uint32_t hash, uint64_t inode) const;
 
   const FSResourceList& list_;
   std::vector<uint32_t> heads_;  // size is a power of two
-  std::vector<uint32_t> next_;   // by position: the next position in the same bucket
+  std::vector<Link> links_;
 };
 
 // An ordered list of records. `count` always equals the length of `items`. A position that is not

@@ -68,7 +68,7 @@ class OpenFolder {
 FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
   auto resource =
       std::make_shared<FSResource>(status.inode, std::move(path), status.isFolder, status.modified,
-                                   status.created, status.size, std::string());
+                                   status.created, status.size, FSText());
   resource->birth = status.birth;
   return resource;
 }
@@ -77,14 +77,14 @@ FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
 // order in which they came the last time, so only those from `next` on are looked at, a few of
 // them; it goes on behind the one that is found.
 FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatus& status,
-                      const FSPath& path) {
+                      const FSText& folder, std::string_view name) {
   constexpr size_t kFew = 8;
   const auto isSame = [](const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
   };
   for (size_t i = next; i < std::min(saved.size(), next + kFew); ++i) {
     const FSResource& record = *saved[i];
-    if (record.path != path) continue;
+    if (record.path.name() != name || record.path.folder() != folder) continue;
     next = i + 1;
     const bool isUnchanged = record.inode == status.inode && record.birth == status.birth &&
                              record.isFolder == status.isFolder &&
@@ -138,18 +138,18 @@ bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& e
   error = folder.number() < 0 ? errno : 0;
   if (folder.number() < 0) return false;
   const FSResourceList* saved = SavedList(path);
-  const FSPath::Folder inFolder = TextOf(path, saved);
+  const FSText inFolder = TextOf(path, saved);
   size_t next = 0;
   eachEntry(folder.number(), [&](const auto& entry) {
     const std::string_view name = entry.d_name;
     if (name == ".DS_Store") return;
-    FSPath entryPath(inFolder, name);
-    if (entryPath.size() >= PATH_MAX) return;
+    if (inFolder.view().size() + name.size() >= PATH_MAX) return;
     const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
     if (!status || (!status->isFolder && isProhibited(name))) return;
-    FSResourcePtr known = saved == nullptr ? nullptr : savedAs(*saved, next, *status, entryPath);
+    FSResourcePtr known =
+        saved == nullptr ? nullptr : savedAs(*saved, next, *status, inFolder, name);
     entries.push_back(known != nullptr ? std::move(known)
-                                       : makeResource(*status, std::move(entryPath)));
+                                       : makeResource(*status, FSPath(inFolder, name)));
   });
   // A folder that has gone meanwhile is empty.
   return !entries.empty() || readStatus(AT_FDCWD, path.c_str());
@@ -157,12 +157,12 @@ bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& e
 
 // The folder's text for the paths of its entries: the one that saved entries have already, or a new
 // one.
-FSPath::Folder FSTree::TextOf(const std::string& key, const FSResourceList* saved) const {
+FSText FSTree::TextOf(const std::string& key, const FSResourceList* saved) const {
   std::string text = FolderOf(key);
   if (saved != nullptr && !saved->empty() && saved->front()->path.parent() == text) {
     return saved->front()->path.folder();
   }
-  return std::make_shared<const std::string>(std::move(text));
+  return text;
 }
 
 FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const {

@@ -134,7 +134,7 @@ class FSTree {
 
   // Of what has been told of folders without a saved list, what the reader has to be told is gone:
   // it is not in the list that the folder has by now, or the folder is not there.
-  std::vector<FSChangedResource> TakeUntrue() EXCLUDES(treeMutex);
+  FSChangeList TakeUntrue() EXCLUDES(treeMutex);
 
   // Forgets which lists have been taken, at the end of a callback.
   void ForgetTaken() { taken_.clear(); }
@@ -167,7 +167,7 @@ class FSTree {
     int records = 0;
     const FSChangedResource* last = nullptr;  // null for a departure
   };
-  std::unordered_map<std::string, Pending> pending;
+  std::unordered_map<FSPath, Pending, FSPath::Hash> pending;
 
  private:
   struct Scan;
@@ -193,7 +193,7 @@ class FSTree {
   bool IsDeparting(const std::string& path) const;
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
-  FSPath::Folder TextOf(const std::string& key, const FSResourceList* saved) const;
+  FSText TextOf(const std::string& key, const FSResourceList* saved) const;
   bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
 
   // The lists taken in the running callback, by the folder they were of.

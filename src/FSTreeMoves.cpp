@@ -13,11 +13,11 @@ namespace {
 
 // The entries of a folder as they are under its new key.
 FSResourceList movedTo(const std::string& newKey, const FSResourceList& entries) {
-  const auto folder = std::make_shared<const std::string>(FSTree::FolderOf(newKey));
+  const FSText folder = FSTree::FolderOf(newKey);
   FSResourceList list;
   list.reserve(entries.size());
   for (const FSResourcePtr& entry : entries) {
-    list.push_back(withPath(*entry, FSPath(folder, entry->path.name())));
+    list.push_back(withPath(*entry, FSPath(folder, entry->path.nameText())));
   }
   return list;
 }
@@ -161,7 +161,8 @@ void FSTree::NoteTold(const FSChangedResource& record) {
   } else if (record.action == "rename") {
     if (record.isFolder) MoveTold(record.oldPath, record.path);
     ForgetTold(record.oldPath, record.isFolder);
-  } else if (record.action == "create" && !record.isFolder && SavedList(record.path) != nullptr) {
+  } else if (record.action == "create" && !record.isFolder &&
+             SavedList(record.path.str()) != nullptr) {
     // A file where a folder was: what was in the folder is gone.
     TakeSavedLists(record.path);
     ForgetToldBelow(record.path);
@@ -203,10 +204,10 @@ FSResourceList FSTree::TakeTold(const std::string& key) {
   return entries;
 }
 
-std::vector<FSChangedResource> FSTree::TakeUntrue() {
+FSChangeList FSTree::TakeUntrue() {
   std::set<std::string, std::greater<>> folders;  // those below come first
   for (const auto& [path, told] : told_) folders.emplace(ParentOf(path));
-  std::vector<FSChangedResource> untrue;
+  FSChangeList untrue;
   for (const std::string& key : folders) {
     const FSResourceList* saved = SavedList(key);
     const FSResourcePtr now = saved == nullptr ? GetResource(key) : nullptr;

@@ -9,13 +9,6 @@
 
 namespace {
 
-FSResourcePtr asResource(const FSChangedResource& record) {
-  auto resource = std::make_shared<FSResource>(record.inode, record.path, record.isFolder,
-                                               record.modified, record.created, record.size, "");
-  resource->birth = record.birth;
-  return resource;
-}
-
 // Whether the list, indexed by inode, holds the file under any name.
 bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
   uint32_t at = byINode.FirstByINode(file.inode);
@@ -111,7 +104,7 @@ FSResourcePtr FSTree::NewEntry(const FSResourcePtr& entry, const FSResourceList&
                                const FSResourceIndex& savedByINode) const {
   if (const auto found = pending.find(entry->path); found != pending.end()) {
     const FSChangedResource* record = found->second.last;
-    return record == nullptr ? nullptr : asResource(*record);
+    return record == nullptr ? nullptr : std::make_shared<FSResource>(*record);
   }
   return holdsFile(saved, savedByINode, *entry) ? nullptr : entry;
 }

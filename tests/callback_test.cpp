@@ -65,7 +65,7 @@ class CallbackTest : public WatcherTest {
 
   // One batch during which the disk moves on: runs each command and then compares the folder.
   Texts interleaved(const std::vector<std::pair<const char*, const char*>>& steps) {
-    std::vector<FSChangedResource> found;
+    FSChangeList found;
     for (const auto& [command, name] : steps) {
       folder.run(command);
       FSEventWatcher::PrintChangedFiles(folder / name, found);

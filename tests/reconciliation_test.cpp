@@ -18,7 +18,7 @@ FSResourcePtr named(const FSResourceList& list, const std::string& path) {
 struct PlainComparison {
   const std::string key;
   FSTree& tree;
-  std::vector<FSChangedResource> batch;
+  FSChangeList batch;
   FSResourceList current, saved;
   std::set<FSResourcePtr> passed;
 
@@ -85,7 +85,7 @@ struct PlainComparison {
   void renamed(const FSResourcePtr& now, const FSResourcePtr& before) {
     const FSResourcePtr replaced = named(saved, now->path);
     if (replaced != nullptr && replaced->isFolder && !passed.contains(replaced)) deleted(replaced);
-    batch.emplace_back("rename", *now).oldPath = before->path;
+    batch.emplace_back("rename", *now).oldPath = before->path.text();
     std::shared_ptr<FSSavedLists> below;
     if (before->isFolder) below = tree.TakeSavedLists(before->path);
     for (const std::string& path : {now->path.str(), before->path.str()}) {
@@ -104,10 +104,10 @@ struct PlainComparison {
 
 TEST_F(WatcherTest, AComparisonAgreesWithPlainStepsOnAnyListings) {
   // The records as lines, then the snapshot, each entry as a line.
-  const auto textOf = [](const std::vector<FSChangedResource>& records, const FSTree& tree) {
+  const auto textOf = [](const FSChangeList& records, const FSTree& tree) {
     Texts found;
     for (const auto& record : records) {
-      found.push_back(record.action + changes().buildMessage(record, false));
+      found.push_back(std::string(record.action) + changes().buildMessage(record, false));
     }
     for (const auto& [key, list] : tree.snapshot) {
       found.push_back(key);
@@ -146,7 +146,7 @@ TEST_F(WatcherTest, AComparisonAgreesWithPlainStepsOnAnyListings) {
 
     PlainComparison plain{key, trees[0], {}, {}, {}, {}};
     plain.run();
-    std::vector<FSChangedResource> found;
+    FSChangeList found;
     FSReconciliation(key + "/", trees[1], changes(), found).Run();
     ASSERT_EQ(textOf(found, trees[1]), textOf(plain.batch, trees[0])) << round;
     folder.run("rm D");
