@@ -13,6 +13,7 @@
 
 #include "FileStatus.h"
 #include "FolderEntries.h"
+#include "HeapGrowth.h"
 #include "utility.h"
 
 namespace {
@@ -137,6 +138,7 @@ bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& e
   const OpenFolder folder(path, path == rootPath);
   error = folder.number() < 0 ? errno : 0;
   if (folder.number() < 0) return false;
+  populateHeapGrowth();
   const FSResourceList* saved = SavedList(path);
   const FSText inFolder = TextOf(path, saved);
   size_t next = 0;
