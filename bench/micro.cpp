@@ -86,7 +86,7 @@ void Reconciliation(State& state, Mix mix) {
     state.PauseTiming();
     tree().SetSavedList(folder.path, folder.saved);
     state.ResumeTiming();
-    std::vector<FSChangedResource> batch;
+    FSChangeList batch;
     FSEventWatcher::PrintChangedFiles(folder.path + "/", batch);
     benchmark::DoNotOptimize(batch);
   }
@@ -126,7 +126,7 @@ void BareMessage(State& state) {
         line, sizeof line,
         R"(<file action="create" inode="%lu" modified="%lu" created="%lu" size="%lu">%s</file>)",
         change.inode, static_cast<unsigned long>(change.modified.tv_sec),
-        static_cast<unsigned long>(change.created.tv_sec), change.size, change.path.c_str());
+        static_cast<unsigned long>(change.created.tv_sec), change.size, kPath.c_str());
     benchmark::DoNotOptimize(line);
   }
 }
@@ -264,7 +264,7 @@ void Rename(State& state) {
   for (auto _ : state) {
     tree().AddFolder(other);
     const std::shared_ptr<FSSavedLists> lists = tree().TakeSavedLists(path);
-    tree().PutSavedLists(*lists, other);
+    tree().PutSavedLists(*lists, other, other);
     tree().ForgetTaken();
     std::swap(path, other);
   }
