@@ -140,14 +140,3 @@ bool Inotify::Read(std::string& events, size_t limit) {
   }
   return total > 0;
 }
-
-void eachEvent(const std::string& events,
-               const std::function<void(const inotify_event&, const std::string&)>& visit) {
-  for (size_t at = 0; at + sizeof(inotify_event) <= events.size();) {
-    inotify_event event;
-    std::memcpy(&event, events.data() + at, sizeof event);
-    const char* name = events.data() + at + sizeof event;
-    visit(event, std::string(name, strnlen(name, event.len)));
-    at += sizeof event + event.len;
-  }
-}

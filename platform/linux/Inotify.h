@@ -5,10 +5,12 @@
 
 #include <sys/inotify.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
-#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // Owns a descriptor and closes it.
@@ -83,6 +85,14 @@ class Inotify {
   Descriptor descriptor_;
 };
 
-// Calls `visit(event, name)` for each event in the buffer.
-void eachEvent(const std::string& events,
-               const std::function<void(const inotify_event&, const std::string&)>& visit);
+// Calls `visit(event, name)` for each event in the buffer. The name is part of the buffer.
+template <typename Visit>
+void eachEvent(const std::string& events, Visit visit) {
+  for (size_t at = 0; at + sizeof(inotify_event) <= events.size();) {
+    inotify_event event;
+    std::memcpy(&event, events.data() + at, sizeof event);
+    const char* name = events.data() + at + sizeof event;
+    visit(event, std::string_view(name, strnlen(name, event.len)));
+    at += sizeof event + event.len;
+  }
+}

@@ -103,7 +103,7 @@ bool RootChain::Read() {
   std::string events;
   if (!inotify_.isOpen() || !inotify_.Read(events, kMostBytes)) return false;
   bool isHit = false;
-  eachEvent(events, [&](const inotify_event& event, const std::string& name) {
+  eachEvent(events, [&](const inotify_event& event, std::string_view name) {
     if ((event.mask & IN_Q_OVERFLOW) != 0) isHit = true;
     for (const Step& step : steps_) {
       if (step.watch == event.wd && (name.empty() || name == step.name)) isHit = true;

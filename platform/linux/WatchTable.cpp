@@ -134,21 +134,20 @@ void WatchTable::Read() {
   }
 }
 
-void WatchTable::Apply(const std::string& events) {
-  std::string next = events;
+void WatchTable::Apply(std::string events) {
   do {
-    eachEvent(next, [this](const inotify_event& event, const std::string& name) {
+    eachEvent(events, [this](const inotify_event& event, std::string_view name) {
       ApplyEvent(event, name);
     });
-    next = std::exchange(unread_, {});
-    if (next.empty() && std::exchange(needsRepair_, false)) {
+    events = std::exchange(unread_, {});
+    if (events.empty() && std::exchange(needsRepair_, false)) {
       Repair();
-      next = std::exchange(unread_, {});
+      events = std::exchange(unread_, {});
     }
-  } while (!next.empty());
+  } while (!events.empty());
 }
 
-void WatchTable::ApplyEvent(const inotify_event& event, const std::string& name) {
+void WatchTable::ApplyEvent(const inotify_event& event, std::string_view name) {
   endsInMove_ = (event.mask & IN_MOVED_FROM) != 0;
   if ((event.mask & IN_Q_OVERFLOW) != 0) {
     isOverflown_ = needsRepair_ = true;
@@ -156,30 +155,32 @@ void WatchTable::ApplyEvent(const inotify_event& event, const std::string& name)
     // Of a deletion the folder above hears by itself, of an unmount it does not.
     LoseWatch(event.wd, (event.mask & IN_UNMOUNT) != 0 ? kWritten : 0);
   } else if (!name.empty()) {
+    Folder* const first = FindByWatch(event.wd);
+    if (first == nullptr) return;
     // Adopting may change which folders share the watch.
-    std::vector<Folder*> folders;
-    for (Folder* folder = FindByWatch(event.wd); folder != nullptr; folder = folder->twin) {
-      folders.push_back(folder);
-    }
-    for (Folder* folder : folders) ApplyTo(*folder, event, name);
+    std::vector<Folder*> twins;
+    for (Folder* twin = first->twin; twin != nullptr; twin = twin->twin) twins.push_back(twin);
+    ApplyTo(*first, event, name);
+    for (Folder* twin : twins) ApplyTo(*twin, event, name);
   }
 }
 
-void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, const std::string& name) {
+void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, std::string_view entry) {
   MarkFolder(folder, marksOf(event.mask, kLost, kGained, kWritten));
+  const bool isKnown = ChildOf(folder, entry) != nullptr;
+  if ((event.mask & IN_ISDIR) == 0 && !isKnown) return;
+  const std::string name(entry);
   if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
     haveFoldersMoved_ = true;
     if (isDelivering_ && disturbed_.size() < kMostDepartures) {
       disturbed_.emplace(folder.serial, name);
     }
   }
-  const bool isKnown = ChildOf(folder, name) != nullptr;
-  const bool isFolder = (event.mask & IN_ISDIR) != 0 || isKnown;
-  if (isFolder && !isKnown && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+  if (!isKnown && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
     // Whatever has taken the name since then has an event of its own.
     NoteDeparture(folder, name, 0);
     Touch(folder);
-  } else if (isFolder && (event.mask & (kNameMask | IN_ATTRIB)) != 0) {
+  } else if ((event.mask & (kNameMask | IN_ATTRIB)) != 0) {
     Examine(folder, name);
   }
   const bool isArrival =
@@ -232,9 +233,9 @@ void WatchTable::NameRoot() {
 
 void WatchTable::MarkFolder(Folder& folder, uint8_t marks) {
   if (marks == 0) return;
-  folder.marks |= marks;
   if ((marks & kReplaced) != 0) folder.replaced = epoch_;
-  marked_.insert(&folder);
+  // Only what is in the set has marks.
+  if (std::exchange(folder.marks, folder.marks | marks) == 0) marked_.insert(&folder);
 }
 
 void WatchTable::MarkAll(Folder& folder, uint8_t marks) {

@@ -89,7 +89,7 @@ class WatchTable {
 
   // Drains the kernel's queue and applies it. Apply takes events as the kernel writes them.
   void Read();
-  void Apply(const std::string& events);
+  void Apply(std::string events);
 
   // Whether the last event was the first half of a move. The second half follows at once, but not
   // always in the same read.
@@ -186,8 +186,8 @@ class WatchTable {
     size_t length = 0;         // of the path, in bytes
   };
 
-  void ApplyEvent(const inotify_event& event, const std::string& name);
-  void ApplyTo(Folder& folder, const inotify_event& event, const std::string& name);
+  void ApplyEvent(const inotify_event& event, std::string_view name);
+  void ApplyTo(Folder& folder, const inotify_event& event, std::string_view entry);
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
 
