@@ -15,11 +15,15 @@ constexpr char kDigits[] = "0123456789abcdef";
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// Letters and digits of the C locale only: a record must not depend on the user's.
-bool passesThrough(char c) {
-  return isDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' || c == '_' ||
-         c == '~';
-}
+// By byte. Letters and digits of the C locale only: a record must not depend on the user's.
+constexpr auto kPassesThrough = [] {
+  std::array<bool, 256> passes{};
+  for (const char c : std::string_view("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "abcdefghijklmnopqrstuvwxyz-_~")) {
+    passes[static_cast<unsigned char>(c)] = true;
+  }
+  return passes;
+}();
 
 bool isSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
@@ -57,15 +61,19 @@ std::vector<std::string> split2(std::string_view text, char delimiter) {
 }
 
 std::string urlEncode(const std::string& text) {
-  std::string encoded;
-  encoded.reserve(text.size() + text.size() / 2);
+  std::string encoded(3 * text.size(), '\0');
+  char* end = encoded.data();
   for (const char c : text) {
-    if (passesThrough(c)) {
-      encoded += c;
+    const auto byte = static_cast<unsigned char>(c);
+    if (kPassesThrough[byte]) {
+      *end++ = c;
     } else {
-      encoded += charToHex(static_cast<unsigned char>(c));
+      *end++ = '%';
+      *end++ = kDigits[byte >> 4];
+      *end++ = kDigits[byte & 15];
     }
   }
+  encoded.resize(static_cast<size_t>(end - encoded.data()));
   return encoded;
 }
 
