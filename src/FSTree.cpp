@@ -1,12 +1,7 @@
 #include "FSTree.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <cstring>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -47,25 +42,6 @@ constexpr const char* kProhibitedSuffixes[] = {".tmp",
                                                ".TemporaryItems",
                                                ".tmt"};
 
-// A folder opened for listing; its number is -1 when that failed, and errno tells why. A link that
-// has taken a folder's place must not lead out of the tree, but the watched folder itself may be
-// one.
-class OpenFolder {
- public:
-  OpenFolder(const std::string& path, bool followLink)
-      : number_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK |
-                                       (followLink ? 0 : O_NOFOLLOW))) {}
-  ~OpenFolder() {
-    if (number_ >= 0) close(number_);
-  }
-  OpenFolder(const OpenFolder&) = delete;
-  OpenFolder& operator=(const OpenFolder&) = delete;
-  int number() const { return number_; }
-
- private:
-  const int number_;
-};
-
 FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
   auto resource =
       std::make_shared<FSResource>(status.inode, std::move(path), status.isFolder, status.modified,
@@ -76,7 +52,7 @@ FSResourcePtr makeResource(const FileStatus& status, FSPath path) {
 
 // The saved record of what has not changed at all, or null. Most entries of a folder come in the
 // order in which they came the last time, so only those from `next` on are looked at, a few of
-// them; it goes on behind the one that is found.
+// them; it goes on behind the one that is found. The inode number is the cheapest thing to compare.
 FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatus& status,
                       const FSText& folder, std::string_view name) {
   constexpr size_t kFew = 8;
@@ -85,10 +61,10 @@ FSResourcePtr savedAs(const FSResourceList& saved, size_t& next, const FileStatu
   };
   for (size_t i = next; i < std::min(saved.size(), next + kFew); ++i) {
     const FSResource& record = *saved[i];
-    if (record.path.name() != name || record.path.folder() != folder) continue;
+    if (record.inode != status.inode || record.path.name() != name) continue;
     next = i + 1;
-    const bool isUnchanged = record.inode == status.inode && record.birth == status.birth &&
-                             record.isFolder == status.isFolder &&
+    const bool isUnchanged = record.birth == status.birth && record.isFolder == status.isFolder &&
+                             record.path.folder() == folder &&
                              isSame(record.modified, status.modified) &&
                              isSame(record.created, status.created) && record.size == status.size;
     return isUnchanged ? saved[i] : nullptr;
@@ -131,15 +107,12 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
   return status ? makeResource(*status, path) : nullptr;
 }
 
-// Lists the folder's entries in listing order, leaving out what the tool ignores, what vanishes
-// meanwhile and what lies so deep that no path leads to it. False when the folder
-// cannot be opened, for the reason in `error`, or when it vanished while it was read (0).
-bool FSTree::ReadFolder(const std::string& path, FSResourceList& entries, int& error) const {
-  const OpenFolder folder(path, path == rootPath);
-  error = folder.number() < 0 ? errno : 0;
-  if (folder.number() < 0) return false;
+// Lists the open folder's entries in listing order, leaving out what the tool ignores, what
+// vanishes meanwhile and what lies so deep that no path leads to it. False when the folder itself
+// has vanished.
+bool FSTree::ReadFolder(const FSOpenFolder& folder, const std::string& path,
+                        const FSResourceList* saved, FSResourceList& entries) const {
   populateHeapGrowth();
-  const FSResourceList* saved = SavedList(path);
   const FSText inFolder = TextOf(path, saved);
   size_t next = 0;
   eachEntry(folder.number(), [&](const auto& entry) {
@@ -174,8 +147,8 @@ FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const 
 }
 
 bool FSTree::ReadCurrentList(const std::string& key, FSResourceList& entries) const {
-  int error = 0;
-  return ReadFolder(key, entries, error);
+  const FSOpenFolder folder(key, key == rootPath);
+  return folder.isOpen() && ReadFolder(folder, key, SavedList(key), entries);
 }
 
 FSResourceArray FSTree::GetSavedResourceList(const std::string& folderWithSlash) const {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "FSChangeEvents.h"
+#include "FSOpenFolder.h"
 #include "FSResource.h"
 #include "ThreadSafety.h"
 
@@ -176,7 +177,7 @@ class FSTree {
   // belong to, if any.
   using Elsewhere = std::vector<std::pair<std::string, FSSavedLists*>>;
 
-  void ScanFolder(const std::string& path, const Scan& scan) EXCLUDES(treeMutex);
+  void ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan) EXCLUDES(treeMutex);
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
   FSResourceList ReportEntries(const std::string& path, const FSResourceList& current,
                                const Scan& scan) EXCLUDES(treeMutex);
@@ -194,7 +195,8 @@ class FSTree {
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
   FSText TextOf(const std::string& key, const FSResourceList* saved) const;
-  bool ReadFolder(const std::string& path, FSResourceList& entries, int& error) const;
+  bool ReadFolder(const FSOpenFolder& folder, const std::string& path, const FSResourceList* saved,
+                  FSResourceList& entries) const;
 
   // The lists taken in the running callback, by the folder they were of.
   std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;

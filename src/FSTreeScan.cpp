@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr int kMostOpen = 128;  // folders held open on the way down
+
 // Whether the list, indexed by inode, holds the file under any name.
 bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
   uint32_t at = byINode.FirstByINode(file.inode);
@@ -21,22 +23,26 @@ bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const
 struct FSTree::Scan {
   bool listSync;
   bool reportNew;
+  int depth = 0;
 };
 
 void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
-  ScanFolder(path, Scan{listSync, reportNew});
+  if (!Utility::isAllowedPath(path + "/")) return;
+  ScanFolder(path, FSOpenFolder(path, path == rootPath), Scan{listSync, reportNew});
 }
 
-// A folder is closed before those below it are read, so that the depth of a tree is not bound by
-// the number of open files.
-void FSTree::ScanFolder(const std::string& path, const Scan& scan) {
-  if (!Utility::isAllowedPath(path + "/")) return;
-  FSResourceList current;
-  int error = 0;
-  if (!ReadFolder(path, current, error)) {
-    if (error != 0) ReportUnreadable(path, error);
+// The first folders on the way down stay open, so that those below them are quickly found. The
+// others do not, so that the depth of a tree is not bound by the number of open files; nor during
+// a callback, where a folder is what stands at its path.
+void FSTree::ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan) {
+  if (!folder.isOpen()) {
+    ReportUnreadable(path, folder.error());
     return;
   }
+  const auto place = snapshot.lower_bound(path);
+  const bool isSaved = place != snapshot.end() && place->first == path;
+  FSResourceList current;
+  if (!ReadFolder(folder, path, isSaved ? &place->second : nullptr, current)) return;
   std::vector<std::string> subfolders;
   for (const FSResourcePtr& entry : current) {
     if (entry->isFolder) subfolders.push_back(entry->path);
@@ -48,13 +54,17 @@ void FSTree::ScanFolder(const std::string& path, const Scan& scan) {
   current.shrink_to_fit();
   {
     const MutexLock lock(treeMutex);
-    snapshot.insert_or_assign(path, std::move(current));
+    snapshot.insert_or_assign(place, path, std::move(current));
     unread.erase(path);
   }
+  if (scan.reportNew || ++scan.depth > kMostOpen) folder.Close();
   for (const std::string& subfolder : subfolders) {
-    if (!scan.reportNew || (!pending.contains(subfolder) && SavedList(subfolder) != nullptr)) {
-      ScanFolder(subfolder, scan);
-    }
+    if (scan.reportNew && (pending.contains(subfolder) || SavedList(subfolder) == nullptr))
+      continue;
+    if (!Utility::isAllowedPath(subfolder + "/")) continue;
+    const char* const name = subfolder.c_str() + subfolder.rfind('/') + 1;
+    ScanFolder(subfolder,
+               folder.isOpen() ? FSOpenFolder(folder, name) : FSOpenFolder(subfolder, false), scan);
   }
 }
 
