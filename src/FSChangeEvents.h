@@ -30,7 +30,7 @@ class FSChangeEvents {
   FSChangeEvents& operator=(const FSChangeEvents&) = delete;
 
   // Queues the record's line, and hands its unencoded form to the debug log. Never drops a line;
-  // waits for the emitter's batch in progress at most.
+  // waits for the emitter's batch in progress, which lasts as long as the reader takes for it.
   void Append(const FSChangedResource& record) EXCLUDES(outputLock);
 
   // Queues a finished line; with `log` it goes to the debug log as well, before it can be written.
