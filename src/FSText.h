@@ -26,7 +26,8 @@ class FSText {
     if (shared_ != nullptr) shared_->owners.fetch_add(1, std::memory_order_relaxed);
   }
   FSText(FSText&& other) noexcept : shared_(std::exchange(other.shared_, nullptr)) {}
-  FSText& operator=(FSText other) noexcept {
+  FSText& operator=(const FSText& other) { return *this = FSText(other); }
+  FSText& operator=(FSText&& other) noexcept {
     std::swap(shared_, other.shared_);
     return *this;
   }
