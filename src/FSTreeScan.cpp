@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kMostOpen = 128;  // folders held open on the way down
+constexpr int kMostOpen = 32;  // folders held open on the way down
 
 // Whether the list, indexed by inode, holds the file under any name.
 bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
