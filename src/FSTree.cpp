@@ -1,6 +1,7 @@
 #include "FSTree.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <iterator>
 #include <memory>
@@ -108,18 +109,20 @@ FSResourcePtr FSTree::GetResource(const std::string& path) {
 }
 
 // Lists the open folder's entries in listing order, leaving out what the tool ignores, what
-// vanishes meanwhile and what lies so deep that no path leads to it. False when the folder itself
-// has vanished.
-bool FSTree::ReadFolder(const FSOpenFolder& folder, const std::string& path,
-                        const FSResourceList* saved, FSResourceList& entries) const {
+// vanishes meanwhile and what lies so deep that no path leads to it. Partial when some of it could
+// not be read, gone when the folder itself has vanished.
+FSTree::Reading FSTree::ReadFolder(const FSOpenFolder& folder, const std::string& path,
+                                   const FSResourceList* saved, FSResourceList& entries) const {
   populateHeapGrowth();
   const FSText inFolder = TextOf(path, saved);
   size_t next = 0;
-  eachEntry(folder.number(), [&](const auto& entry) {
+  bool haveAllStatus = true;
+  const bool isWhole = eachEntry(folder.number(), [&](const auto& entry) {
     const std::string_view name = entry.d_name;
     if (name == ".DS_Store") return;
     if (inFolder.view().size() + name.size() >= PATH_MAX) return;
     const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
+    haveAllStatus &= status || errno == ENOENT;
     if (!status || (!status->isFolder && isProhibited(name))) return;
     FSResourcePtr known =
         saved == nullptr ? nullptr : savedAs(*saved, next, *status, inFolder, name);
@@ -127,7 +130,8 @@ bool FSTree::ReadFolder(const FSOpenFolder& folder, const std::string& path,
                                        : makeResource(*status, FSPath(inFolder, name)));
   });
   // A folder that has gone meanwhile is empty.
-  return !entries.empty() || readStatus(AT_FDCWD, path.c_str());
+  if (entries.empty() && !readStatus(AT_FDCWD, path.c_str())) return Reading::gone;
+  return isWhole && haveAllStatus ? Reading::whole : Reading::partial;
 }
 
 // The folder's text for the paths of its entries: the one that saved entries have already, or a new
@@ -148,7 +152,7 @@ FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const 
 
 bool FSTree::ReadCurrentList(const std::string& key, FSResourceList& entries) const {
   const FSOpenFolder folder(key, key == rootPath);
-  return folder.isOpen() && ReadFolder(folder, key, SavedList(key), entries);
+  return folder.isOpen() && ReadFolder(folder, key, SavedList(key), entries) == Reading::whole;
 }
 
 FSResourceArray FSTree::GetSavedResourceList(const std::string& folderWithSlash) const {

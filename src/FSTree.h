@@ -53,7 +53,7 @@ class FSTree {
   // With or without a final "/".
   FSResourceArray GetCurrentResourceList(const std::string& folder) const;
 
-  // The same without a final "/", and whether the folder could be read.
+  // The same without a final "/", and whether the folder and all its entries could be read.
   bool ReadCurrentList(const std::string& key, FSResourceList& entries) const;
 
   // The folder's saved entries; empty when it has no saved list. The first takes the folder with
@@ -79,7 +79,7 @@ class FSTree {
   // Reads the folder and every folder below it into the snapshot. `listSync` queues a "sync" record
   // for every entry; `reportNew` queues a "create" record for every entry that is not saved yet,
   // and keeps the records of those that are. A folder that cannot be opened gives two "error"
-  // lines, one that the path filter refuses nothing.
+  // lines, one that the path filter refuses gives none.
   void DirSearch(const std::string& path, bool listSync, bool reportNew) EXCLUDES(treeMutex);
 
   // The rest serves the reconciliation and the pairing.
@@ -155,7 +155,8 @@ class FSTree {
   Snapshot snapshot;
   Mutex treeMutex;
 
-  // Keys of the snapshot whose folders could not be read when they were last compared or scanned,
+  // Keys of the snapshot whose folders could not be read, or not wholly, when they were last
+  // compared or scanned,
   // or have been announced and not been read yet: a folder that moves while the callback is on its
   // way to it, say. They are compared again at the end of every callback. Written with the
   // snapshot.
@@ -172,6 +173,7 @@ class FSTree {
 
  private:
   struct Scan;
+  enum class Reading : uint8_t { whole, partial, gone };
 
   // Folders that do not stand any more where lists are put in, and the taken lists that theirs
   // belong to, if any.
@@ -195,8 +197,8 @@ class FSTree {
   FSSavedLists* FindPlace(std::string& key) const;
   FSSavedLists* TakenAbove(const std::string& key) const;
   FSText TextOf(const std::string& key, const FSResourceList* saved) const;
-  bool ReadFolder(const FSOpenFolder& folder, const std::string& path, const FSResourceList* saved,
-                  FSResourceList& entries) const;
+  Reading ReadFolder(const FSOpenFolder& folder, const std::string& path,
+                     const FSResourceList* saved, FSResourceList& entries) const;
 
   // The lists taken in the running callback, by the folder they were of.
   std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;

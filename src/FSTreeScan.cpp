@@ -32,8 +32,8 @@ void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
 }
 
 // The first folders on the way down stay open, so that those below them are quickly found. The
-// others do not, so that the depth of a tree is not bound by the number of open files; nor during
-// a callback, where a folder is what stands at its path.
+// others do not, so that the depth of a tree is not bound by the number of open files; nor in the
+// scan of a new folder, where a folder is what stands at its path.
 void FSTree::ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan) {
   if (!folder.isOpen()) {
     ReportUnreadable(path, folder.error());
@@ -42,7 +42,8 @@ void FSTree::ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan)
   const auto place = snapshot.lower_bound(path);
   const bool isSaved = place != snapshot.end() && place->first == path;
   FSResourceList current;
-  if (!ReadFolder(folder, path, isSaved ? &place->second : nullptr, current)) return;
+  const Reading reading = ReadFolder(folder, path, isSaved ? &place->second : nullptr, current);
+  if (reading == Reading::gone) return;
   std::vector<std::string> subfolders;
   for (const FSResourcePtr& entry : current) {
     if (entry->isFolder) subfolders.push_back(entry->path);
@@ -55,7 +56,11 @@ void FSTree::ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan)
   {
     const MutexLock lock(treeMutex);
     snapshot.insert_or_assign(place, path, std::move(current));
-    unread.erase(path);
+    if (reading == Reading::whole) {
+      unread.erase(path);
+    } else {
+      unread.insert(path);
+    }
   }
   if (scan.reportNew || ++scan.depth > kMostOpen) folder.Close();
   for (const std::string& subfolder : subfolders) {

@@ -267,4 +267,13 @@ TEST_F(FaultTest, WhatVanishesDuringAListingIsLeftOut) {
   EXPECT_EQ(batch({"/"}), (Texts{"create folder O", "create folder O/M"}));
 }
 
+TEST_F(FaultTest, WhatCannotBeLookedAtIsLookedAtAgain) {
+  folder.run("mkdir A; touch A/f; touch A/g");
+  watch();
+  inject({{"status A/g", "fail"}}, EIO);
+  EXPECT_EQ(batch({"A/"}), Texts{"delete file A/g"});
+  inject({});
+  EXPECT_EQ(batch({"/"}), Texts{"create file A/g"});
+}
+
 }  // namespace

@@ -107,7 +107,7 @@ TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
   const auto errors = [](const std::string& name, int error) {
     return Texts{"error " + name, std::string("error ") + strerror(error)};
   };
-  folder.run("mkdir A; touch A/f; mkdir B; touch B/g");
+  folder.run("mkdir A; touch A/f; mkdir B; touch B/g; mkdir C; touch C/h");
   tree().InitWithPath(folder / "none", changes(), false);
   EXPECT_EQ(records(), errors("none", ENOENT));
   EXPECT_EQ(scan(folder / "A/f", true, true), errors("A/f", ENOTDIR));
@@ -117,12 +117,13 @@ TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
   const uid_t user = geteuid();
   chmod(folder.path().c_str(), 0755);
   chmod((folder / "B").c_str(), 0);
+  chmod((folder / "C").c_str(), 0644);  // can be listed, but its entries cannot be looked at
   if (user == 0 && seteuid(65534) != 0) GTEST_SKIP() << "cannot give up the right to read all";
   EXPECT_EQ(scan(folder.path(), false, false), errors("B", EACCES));
-  EXPECT_EQ(saved(true), "/: A B | A: A/f");
+  EXPECT_EQ(saved(true), "/: A B C | A: A/f | C:");
   ASSERT_EQ(seteuid(user), 0);
   chmod((folder / "B").c_str(), 0755);
-  EXPECT_EQ(batch({"B/"}), Texts{"create file B/g"});
+  EXPECT_EQ(batch({"B/"}), (Texts{"create file B/g", "create file C/h"}));
   EXPECT_EQ(batch({"B/"}), Texts{});
 }
 

@@ -9,9 +9,9 @@
 #include <string_view>
 
 // Calls `visit(entry)` for each entry of the open folder from where it stands, "." and ".." left
-// out; `entry.d_name` is its name. Ends early when the folder cannot be read on. Any thread.
+// out; `entry.d_name` is its name. False when the folder could not be read to its end. Any thread.
 template <typename Visit>
-void eachEntry(int folder, Visit visit) {
+bool eachEntry(int folder, Visit visit) {
   alignas(dirent64) std::array<char, 32768> buffer;
   ssize_t size = 0;
   while ((size = getdents64(folder, buffer.data(), buffer.size())) > 0) {
@@ -22,4 +22,5 @@ void eachEntry(int folder, Visit visit) {
       if (name != "." && name != "..") visit(*entry);
     }
   }
+  return size == 0;
 }

@@ -30,9 +30,9 @@ uint64_t mixed(uint64_t bits) {
 }
 
 template <typename Visit>
-void eachEntryFromTheStart(const Descriptor& folder, Visit visit) {
+bool eachEntryFromTheStart(const Descriptor& folder, Visit visit) {
   lseek(folder.number(), 0, SEEK_SET);
-  eachEntry(folder.number(), visit);
+  return eachEntry(folder.number(), visit);
 }
 
 // An empty name stands for the folder itself. A time without nanoseconds is taken for one kept in
@@ -80,7 +80,7 @@ FolderIdentity identityOf(const Descriptor& folder) {
 
 FolderListing listFolder(const Descriptor& folder) {
   FolderListing listing;
-  eachEntryFromTheStart(folder, [&](const dirent64& entry) {
+  listing.isWhole = eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     listing.isEmpty = false;
     if (isFolder(folder.number(), entry)) listing.subfolders.emplace_back(entry.d_name);
   });

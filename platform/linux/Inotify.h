@@ -50,6 +50,7 @@ FolderIdentity identityOf(const Descriptor& folder);
 struct FolderListing {
   std::vector<std::string> subfolders;
   bool isEmpty = true;
+  bool isWhole = true;  // else the folder could not be read to its end
 };
 FolderListing listFolder(const Descriptor& folder);
 

@@ -201,7 +201,7 @@ void WatchTable::ListRobbed() {
 void WatchTable::List(Folder& folder, Descriptor handle, const Walk& walk) {
   ReadDuringWalk();
   FolderListing listing = listFolder(handle);
-  DetachUnlisted(folder, listing.subfolders);
+  if (listing.isWhole) DetachUnlisted(folder, listing.subfolders);
   if (walk.depth >= kMostOpen) handle = Descriptor();
   for (const std::string& name : listing.subfolders) AdoptChild(folder, handle, name, walk);
   if (walk.isReplaced) {

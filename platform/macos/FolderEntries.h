@@ -4,21 +4,25 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
 
 // Calls `visit(entry)` for each entry of the open folder from where it stands, "." and ".." left
-// out; `entry.d_name` is its name. Ends early when the folder cannot be read on. Any thread.
+// out; `entry.d_name` is its name. False when the folder could not be read to its end. Any thread.
 template <typename Visit>
-void eachEntry(int folder, Visit visit) {
+bool eachEntry(int folder, Visit visit) {
   const int own = dup(folder);
   DIR* entries = own < 0 ? nullptr : fdopendir(own);
   if (entries == nullptr) {
     if (own >= 0) close(own);
-    return;
+    return false;
   }
-  while (const dirent* entry = readdir(entries)) {
+  const dirent* entry = nullptr;
+  while (errno = 0, (entry = readdir(entries)) != nullptr) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") visit(*entry);
   }
+  const bool isWhole = errno == 0;
   closedir(entries);
+  return isWhole;
 }
