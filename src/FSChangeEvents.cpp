@@ -1,7 +1,6 @@
 #include "FSChangeEvents.h"
 
 #include <chrono>
-#include <cinttypes>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -82,8 +81,8 @@ void FSChangeEvents::ThrowEvents() {
   }
 }
 
-// Holds the lock while it writes: a reader that drains slowly slows the producers down, and memory
-// with them.
+// Holds the lock while it writes: while the reader stalls, the main thread waits at its next line,
+// and the queue does not grow.
 void FSChangeEvents::WriteLines() {
   const MutexLock lock(outputLock);
   for (int32_t count = 0; !outputLines.empty() && count < linesPerWake; ++count) {

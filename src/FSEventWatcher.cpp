@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <unordered_set>
 #include <utility>
 

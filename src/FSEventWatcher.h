@@ -75,6 +75,6 @@ class FSEventWatcher {
 };
 
 // Makes the watcher, starts it and destroys it. Says "watcher not started." when `start` throws a
-// standard exception.
+// standard exception, be it long after the start, for want of memory.
 void launchWatcher(std::string path, bool showAll, bool debugMode, std::string logFile,
                    bool doEncodeOutput);

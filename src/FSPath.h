@@ -54,7 +54,6 @@ class FSPath {
     return a.size() == b.size() && b.ends_with(a.name()) && b.starts_with(a.parent());
   }
   friend bool operator==(const FSPath& a, const std::string& b) { return a == std::string_view(b); }
-  friend bool operator==(const FSPath& a, const char* b) { return a == std::string_view(b); }
 
  private:
   FSText folder_;

@@ -1,10 +1,10 @@
 // The snapshot: what the watched tree looked like when each folder was last compared or scanned,
 // and the scan that fills and lists it. There is one tree per process, owned by FSEventWatcher.
 //
-// Main thread only, but for what treeMutex guards. The lists hold what the reader has been told: an
-// entry stays until a record corrects it, whatever the disk holds meanwhile. That is why a scan
-// with `reportNew` keeps saved records, and why the lists of a folder that moves go with it instead
-// of being read again.
+// Main thread only; no other thread takes treeMutex today. The lists hold what the reader has been
+// told: an entry stays until a record corrects it, whatever the disk holds meanwhile. That is why a
+// scan with `reportNew` keeps saved records, and why the lists of a folder that moves go with it
+// instead of being read again.
 #pragma once
 
 #include <functional>

@@ -19,7 +19,6 @@ class DIRWARDEN_ANNOTATE(capability("mutex")) Mutex {
  public:
   void lock() DIRWARDEN_ANNOTATE(acquire_capability()) { mutex_.lock(); }
   void unlock() DIRWARDEN_ANNOTATE(release_capability()) { mutex_.unlock(); }
-  bool try_lock() DIRWARDEN_ANNOTATE(try_acquire_capability(true)) { return mutex_.try_lock(); }
 
  private:
   std::mutex mutex_;

@@ -8,7 +8,6 @@
 
 #include <array>
 #include <climits>
-#include <cstring>
 #include <functional>
 #include <string_view>
 #include <utility>

@@ -242,7 +242,7 @@ class WatchTable {
   std::unordered_map<int, Folder*> byWatch_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> orphans_;  // by the top of each subtree
 
-  // All of these refer to folders of the tree or orphans, and are kept when one is dropped.
+  // All of these refer to folders of the tree or orphans; Bury takes a dropped one out of them.
   std::unordered_set<Folder*> marked_;
   std::unordered_set<Folder*> robbed_;                 // whose folders were taken; see ListRobbed
   std::unordered_set<Folder*> fresh_;                  // entered since the last batch

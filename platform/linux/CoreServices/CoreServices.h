@@ -1,6 +1,6 @@
-// What the tool uses of the system's event-stream API, with the names, types and values
-// that the API has on macOS, so that the tool's own source is the same on both. Nothing else of
-// that API exists here.
+// What the tool and its tests use of the system's event-stream API, with the names, types and
+// values that the API has on macOS, so that the tool's own source is the same on both. Nothing else
+// of that API exists here.
 //
 // How it maps to Linux: a stream follows one folder tree through inotify and delivers batches of
 // folder names on the thread that runs the run loop it is scheduled on. EventStream.cpp says what
@@ -86,7 +86,7 @@ void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop
                                       CFRunLoopMode mode);
 
 // Waits until the tree is watched, and starts delivering. False when no inotify instance or thread
-// can be had; a missing folder is no failure, its appearance is an event.
+// can be had, or at a second start; a missing folder is no failure, its appearance is an event.
 Boolean FSEventStreamStart(FSEventStreamRef stream);
 
 // Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its
