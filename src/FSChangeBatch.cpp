@@ -24,6 +24,7 @@ FSChangeBatch::FSChangeBatch(FSChangeList records)
       done_(records_.size(), false),
       earlierHalf_(records_.size(), kNone) {
   byINode_.reserve(records_.size());
+  if (hasFolders_) FSEventWatcher::sTree->pending.reserve(records_.size());
   for (size_t i = 0; i < records_.size(); ++i) {
     byINode_.emplace_back(records_[i].inode, i);
     Expect(records_[i], 1);

@@ -105,7 +105,7 @@ const FSChangedResource* FSChangeEvents::Get(unsigned int index) const {
 
 std::string FSChangeEvents::buildMessage(const FSChangedResource& record, bool doEncode) const {
   const std::string_view action = record.action;
-  const std::string text =
+  const std::string& text =
       templates->Get(std::string(record.isFolder ? "dir_" : "file_").append(action));
   const std::string path = encode(record.path, doEncode);
   const auto inode = static_cast<unsigned long>(record.inode);

@@ -19,9 +19,10 @@ void FSEventsTree::Append(const std::string& key, const std::string& value) {
   ++appendCount;
 }
 
-std::string FSEventsTree::Get(const std::string& key) const {
+const std::string& FSEventsTree::Get(std::string_view key) const {
+  static const std::string none;
   const auto found = entries.find(key);
-  return found == entries.end() ? std::string() : found->second;
+  return found == entries.end() ? none : found->second;
 }
 
 std::string FSEventsTree::buildString(const char* format, ...) {

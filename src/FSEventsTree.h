@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 
 class FSEventsTree {
  public:
@@ -17,7 +18,7 @@ class FSEventsTree {
   void Append(const std::string& key, const std::string& value);
 
   // The template under exactly this key; the empty string when there is none.
-  std::string Get(const std::string& key) const;
+  const std::string& Get(std::string_view key) const;
 
   // The text that printf would give. Never a user's text as the format: user data is always an
   // argument. The empty string when memory for the text cannot be had. Any thread.
