@@ -119,7 +119,10 @@ FSResourcePtr FSTree::NewEntry(const FSResourcePtr& entry, const FSResourceList&
                                const FSResourceIndex& savedByINode) const {
   if (const auto found = pending.find(entry->path); found != pending.end()) {
     const FSChangedResource* record = found->second.last;
-    return record == nullptr ? nullptr : std::make_shared<FSResource>(*record);
+    if (record == nullptr) return nullptr;
+    auto told = std::make_shared<FSResource>(*record);
+    told->oldPath = {};  // a rename's; what is saved has none
+    return told;
   }
   return holdsFile(saved, savedByINode, *entry) ? nullptr : entry;
 }

@@ -103,6 +103,17 @@ TEST_F(TreeTest, ScansWithEachPairOfFlags) {
   EXPECT_EQ(saved(), "/: d | d: d/c.txt");
 }
 
+TEST_F(TreeTest, TakesOverWhatAPendingRenameWillTellButItsOldPath) {
+  folder.run("touch new");
+  FSChangedResource rename("rename", *FSTree::GetResource(folder / "new"));
+  rename.oldPath = folder / "old";
+  tree().pending[folder / "new"] = {1, &rename};
+  EXPECT_EQ(scan(folder.path(), false, true), Texts{});
+  const FSResourcePtr entry = tree().GetSavedResourceList2(folder.path()).Get(0);
+  EXPECT_EQ(entry->path, folder / "new");
+  EXPECT_TRUE(entry->oldPath.empty());
+}
+
 TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
   const auto errors = [](const std::string& name, int error) {
     return Texts{"error " + name, std::string("error ") + strerror(error)};
