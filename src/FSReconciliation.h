@@ -45,7 +45,8 @@ class FSReconciliation {
   void WalkSaved();
   bool IsUnchanged(Position c, Position s) const;
 
-  // The cases. Positions are those of the current entry and the saved entry.
+  // The cases. Positions are those of the current entry and the saved entry. Deleted leaves it to
+  // its caller to take the entry out of the list.
   void SameName(Position c, Position s);
   void Changed(Position c);
   void Renamed(Position c, Position s);
