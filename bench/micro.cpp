@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -29,30 +30,39 @@ std::string numbered(const char* name, int64_t number) {
   return name + std::string(8 - std::min<size_t>(8, digits.size()), '0') + digits;
 }
 
-FSResourcePtr record(const std::string& path, bool isFolder, uint64_t inode) {
-  return std::make_shared<FSResource>(inode, path, isFolder, timespec{1, 0}, timespec{1, 0}, 1, "");
+FileStatus statusOf(bool isFolder, uint64_t inode) {
+  return {{inode, 0}, isFolder, timespec{1, 0}, timespec{1, 0}, 1};
 }
 
 // ---- The comparison of one folder: with what the snapshot said before half of it was deleted,
 // say.
 
 enum Mix : int { unchanged, changed, halfDeleted, halfNew, renamed };
+enum Kind : int { plain, linked };  // linked: all are names of one file
 
 struct Folder {
   std::string path;
-  FSResourceList saved;
+  FSListingPtr saved;
 };
 
-void makeFiles(int folder, int64_t from, int64_t to) {
-  for (int64_t i = from; i < to; ++i) mknodat(folder, numbered("entry-", i).c_str(), 0100644, 0);
+void makeFiles(int folder, Kind kind, int64_t from, int64_t to) {
+  for (int64_t i = from; i < to; ++i) {
+    const std::string name = numbered("entry-", i);
+    if (kind == plain || i == 0) {
+      mknodat(folder, name.c_str(), 0100644, 0);
+    } else {
+      const int made = linkat(folder, numbered("entry-", 0).c_str(), folder, name.c_str(), 0);
+      benchmark::DoNotOptimize(made);
+    }
+  }
 }
 
-void change(int folder, Mix mix, int64_t count) {
+void change(int folder, Mix mix, Kind kind, int64_t count) {
   if (mix == changed) {
     const timespec times[] = {{1, 0}, {1, 0}};
     utimensat(folder, numbered("entry-", count / 2).c_str(), times, 0);
   } else if (mix == halfNew) {
-    makeFiles(folder, count / 2, count);
+    makeFiles(folder, kind, count / 2, count);
   } else if (mix == halfDeleted) {
     for (int64_t i = 0; i < count; i += 2) unlinkat(folder, numbered("entry-", i).c_str(), 0);
   } else if (mix == renamed) {
@@ -63,28 +73,31 @@ void change(int folder, Mix mix, int64_t count) {
 }
 
 // A folder that has, or had, so many files, made once.
-const Folder& folderOf(int64_t count, Mix mix = unchanged) {
+const Folder& folderOf(int64_t count, Mix mix = unchanged, Kind kind = plain) {
   static const TempFolder top;
-  static std::map<std::pair<int64_t, Mix>, Folder> made;
-  const auto [at, isNew] = made.try_emplace({count, mix});
+  static std::map<std::tuple<int64_t, Mix, Kind>, Folder> made;
+  const auto [at, isNew] = made.try_emplace({count, mix, kind});
   Folder& folder = at->second;
   if (!isNew) return folder;
-  const std::string name = "n" + std::to_string(mix) + "-" + std::to_string(count);
+  const std::string name =
+      "n" + std::to_string(mix) + "-" + std::to_string(kind) + "-" + std::to_string(count);
   top.run("mkdir " + name);
   folder.path = top / name;
   const int handle = openBare(AT_FDCWD, folder.path.c_str());
-  makeFiles(handle, 0, mix == halfNew ? count / 2 : count);
-  folder.saved = tree().GetCurrentResourceList(folder.path).items;
-  change(handle, mix, count);
+  makeFiles(handle, kind, 0, mix == halfNew ? count / 2 : count);
+  FSListingBuilder builder;
+  tree().Read(folder.path, {}, builder);
+  folder.saved = builder.Finish();
+  change(handle, mix, kind, count);
   close(handle);
   return folder;
 }
 
-void Reconciliation(State& state, Mix mix) {
-  const Folder& folder = folderOf(state.range(0), mix);
+void Reconciliation(State& state, Mix mix, Kind kind) {
+  const Folder& folder = folderOf(state.range(0), mix, kind);
   for (auto _ : state) {
     state.PauseTiming();
-    tree().SetSavedList(folder.path, folder.saved);
+    tree().SetListing(folder.path, folder.saved);
     state.ResumeTiming();
     FSChangeList batch;
     FSEventWatcher::PrintChangedFiles(folder.path + "/", batch);
@@ -111,7 +124,7 @@ void Listing(State& state, Mix mix) {
 
 const std::string kPath = "/home/somebody/projects/a folder/with more in it/a name.txt.";
 
-FSChangedResource aChange() { return FSChangedResource("create", *record(kPath, false, 1234567)); }
+FSChangedResource aChange() { return {"create", FSResource(statusOf(false, 1234567), kPath)}; }
 
 void Message(State& state, bool doEncode) {
   const FSChangedResource change = aChange();
@@ -201,22 +214,19 @@ void fillSnapshot(int64_t count) {
   tree().ClearSnapshot();
   uint64_t inode = 1;
   for (int64_t i = 0; i < count; ++i) {
-    const std::string path = folderAt(i);
-    FSResourceList entries;
-    for (int64_t child = 10 * i + 1; child <= 10 * i + 10 && child < count; ++child) {
-      entries.push_back(record(folderAt(child), true, ++inode));
+    FSListingBuilder entries;
+    for (int child = 0; child < 10 && 10 * i + 1 + child < count; ++child) {
+      entries.Add(numbered("d", child), statusOf(true, ++inode));
     }
-    for (int j = 0; j < 10; ++j) {
-      entries.push_back(record(path + "/" + numbered("entry-", j), false, ++inode));
-    }
-    tree().SetSavedList(path, std::move(entries));
+    for (int j = 0; j < 10; ++j) entries.Add(numbered("entry-", j), statusOf(false, ++inode));
+    tree().SetListing(folderAt(i), entries.Finish());
   }
 }
 
 void OneEvent(State& state) {
   fillSnapshot(state.range(0));
   const Folder& folder = folderOf(20);
-  tree().SetSavedList(folder.path, folder.saved);
+  tree().SetListing(folder.path, folder.saved);
   const std::string named = folder.path + "/";
   const char* const paths[] = {named.c_str()};
   const FSEventStreamEventFlags flags[] = {0};
@@ -231,12 +241,12 @@ void BareEvent(State& state) {
 
 void AddAndDelete(State& state) {
   fillSnapshot(state.range(0));
-  const std::string folder = folderAt(5);
-  const FSResourcePtr added = record(folder + "/new", true, 1);
+  const std::string added = folderAt(5) + "/new";
   for (auto _ : state) {
-    tree().AddDirResource(folder, added);
-    tree().DeleteSavedResourceList(added->path, true);
-    tree().ForgetTaken();
+    tree().Put(added, statusOf(true, 1));
+    tree().FinishDrafts();
+    tree().Take(added);
+    tree().FinishDrafts();
   }
   tree().ClearSnapshot();
 }
@@ -255,17 +265,15 @@ std::string realTree() {
   return top / "t";
 }
 
-// The real tree's saved lists within a snapshot of so many other folders.
+// The real tree's listings within a snapshot of so many other folders.
 void Rename(State& state) {
   fillSnapshot(state.range(0));
   std::string path = realTree(), other = realTree() + "x";
   tree().changes = &changes();
   tree().DirSearch(path, false, false);
   for (auto _ : state) {
-    tree().AddFolder(other);
-    const std::shared_ptr<FSSavedLists> lists = tree().TakeSavedLists(path);
-    tree().PutSavedLists(*lists, other, other);
-    tree().ForgetTaken();
+    tree().Rename(path, other, statusOf(true, 1));
+    tree().FinishDrafts();
     std::swap(path, other);
   }
   tree().ClearSnapshot();
@@ -292,10 +300,23 @@ int main(int argc, char** argv) {
     for (const int64_t count : {100, 10000, 100000}) {
       const std::string title = std::string("compare, ") + name;
       const double time = count == 100000 ? 1 : 0.2;
-      benchmark::RegisterBenchmark(title.c_str(), Reconciliation, mix)->Arg(count)->MinTime(time);
+      benchmark::RegisterBenchmark(title.c_str(), Reconciliation, mix, plain)
+          ->Arg(count)
+          ->MinTime(time);
       benchmark::RegisterBenchmark(("unit/" + title).c_str(), Listing, mix)
           ->Arg(count)
           ->MinTime(time);
+    }
+  }
+  // 20,000 more names of a file, and other names for 20,000 of a file.
+  for (const auto& [name, mix, count] :
+       {std::tuple("half new", halfNew, 40000), std::tuple("all renamed", renamed, 20000)}) {
+    for (const Kind kind : {plain, linked}) {
+      const std::string title =
+          std::string(kind == plain ? "unit/" : "") + "one file's names, " + name;
+      benchmark::RegisterBenchmark(title.c_str(), Reconciliation, mix, kind)
+          ->Arg(count)
+          ->MinTime(0.2);
     }
   }
   benchmark::RegisterBenchmark("message, plain", Message, false)->MinTime(0.1);

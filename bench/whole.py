@@ -67,9 +67,9 @@ def make_tree(root, folders):
 class Process:
     """A process whose CPU time is read from outside to the nanosecond."""
 
-    def __init__(self, arguments, output=subprocess.PIPE):
+    def __init__(self, arguments, output=subprocess.PIPE, **options):
         self.started = time.monotonic()
-        self.process = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=output)
+        self.process = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=output, **options)
         self.pid = self.process.pid
 
     def cpu(self):
@@ -141,8 +141,8 @@ class Bench:
         return wall, float(cpu), int(folders), int(entries)
 
     @contextlib.contextmanager
-    def watching(self, folder, *arguments, output=subprocess.DEVNULL):
-        tool = Process([self.tool, folder, *(arguments or ["false"])], output)
+    def watching(self, folder, *arguments, output=subprocess.DEVNULL, **options):
+        tool = Process([self.tool, folder, *(arguments or ["false"])], output, **options)
         try:
             yield tool
         finally:
@@ -216,6 +216,28 @@ class Bench:
             share = 100 * (tool.cpu() - used) / (time.monotonic() - at)
         self.table.row(f"idle, {folders * FILES_PER_FOLDER:,} files: share of a core", share, bar=0.1, kind="%")
 
+    def unreadable(self, folders=20000, seconds=20):
+        """A file is written ten times a second beside folders that the tool, as another user, cannot read."""
+        top = os.path.join(self.base, "unreadable")
+        os.mkdir(top)
+        for i in range(folders):
+            os.mkdir(f"{top}/d{i}", 0)
+        os.mkdir(f"{top}/file")
+        os.chmod(self.base, 0o755)
+        user = {"user": 65534} if os.getuid() == 0 else {}
+        with self.watching(top, output=subprocess.DEVNULL, **user) as tool:
+            tool.wait_for_rest(2, 0.01)
+            time.sleep(60)  # the pause between tries has grown to a minute by then
+            used, at = tool.cpu(), time.monotonic()
+            for _ in range(seconds * 10):
+                with open(f"{top}/file/f", "a", encoding="ascii") as file:
+                    file.write("x")
+                time.sleep(0.1)
+            share = 100 * (tool.cpu() - used) / (time.monotonic() - at)
+        for i in range(folders):
+            os.rmdir(f"{top}/d{i}")
+        self.table.row(f"{folders:,} unreadable folders, one file written: share of a core", share, bar=1, kind="%")
+
     def storm(self, folders=2000):
         cpu, lines = min(self.run_storm(folders, "false") for _ in range(3))
         log = os.path.join(self.base, "log")
@@ -284,8 +306,8 @@ class Bench:
 
     def print_micros(self, times):
         for name, spent in times.items():
-            if name.startswith("compare"):
-                bar = 2 if name.endswith("/100000") else None
+            if name.startswith(("compare", "one file's names")):
+                bar = 2 if name.endswith("/100000") or name.startswith("one") else None
                 subject, count = name.rsplit("/", 1)
                 self.table.row(f"{subject}, {int(count):,} entries", spent, times["unit/" + name], bar)
         for name, unit in [("message, plain", "unit/message"), ("message, encoded", "unit/message"),
@@ -313,7 +335,7 @@ def drain(path):
 
 
 def main():
-    names = sys.argv[2:] or ["micro", "start-up", "large", "memory", "idle", "storm"]
+    names = sys.argv[2:] or ["micro", "start-up", "large", "memory", "idle", "unreadable", "storm"]
     os.environ.setdefault("TMPDIR", "/dev/shm" if os.access("/dev/shm", os.W_OK) else "/tmp")
     base = tempfile.mkdtemp(prefix="dw")
     try:
@@ -321,7 +343,7 @@ def main():
         sizes = [(1000, 7), (10000, 5)] if "start-up" in names else []
         sizes += [(50000, 3)] if "large" in names else []
         steps = {"micro": bench.micros, "start-up": lambda: bench.start_ups(sizes), "memory": bench.memory,
-                 "idle": bench.idle, "storm": bench.storm}
+                 "idle": bench.idle, "unreadable": bench.unreadable, "storm": bench.storm}
         if "large" in names and "start-up" not in names:
             steps["large"] = steps.pop("start-up")
         if unknown := set(names) - set(steps) - {"large"}:

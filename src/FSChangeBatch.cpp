@@ -1,132 +1,206 @@
 #include "FSChangeBatch.h"
 
 #include <algorithm>
-
-#include "FSEventWatcher.h"
+#include <optional>
 
 namespace {
 
 bool isCreation(const FSChangedResource& record) { return record.action == "create"; }
 bool isDeletion(const FSChangedResource& record) { return record.action == "delete"; }
 
+// Whether one of the paths is at or below the other.
+bool areInLine(const std::string& a, const std::string& b) {
+  const std::string& shorter = a.size() < b.size() ? a : b;
+  const std::string& longer = a.size() < b.size() ? b : a;
+  return longer.starts_with(shorter) &&
+         (longer.size() == shorter.size() || longer[shorter.size()] == '/');
+}
+
+bool isSameFile(const FSResource& a, const FSResource& b) {
+  return a.isFolder == b.isFolder && a.status().identity == b.status().identity;
+}
+
 // Whether the two records are what one move leaves in two folders. The same path twice is something
-// that came and went, or went and came.
+// that came and went, or went and came; and nothing moves below itself.
 bool areHalves(const FSChangedResource& a, const FSChangedResource& b) {
-  return ((isCreation(a) && isDeletion(b)) || (isDeletion(a) && isCreation(b))) && a.path != b.path;
+  return ((isCreation(a) && isDeletion(b)) || (isDeletion(a) && isCreation(b))) &&
+         !areInLine(a.path, b.path);
+}
+
+// Whether a reader that knows the one learns nothing from a record of the other.
+bool sayTheSame(const FileStatus& known, const FileStatus& status) {
+  return known.identity == status.identity && known.isFolder == status.isFolder &&
+         known.modified.tv_sec == status.modified.tv_sec &&
+         known.created.tv_sec == status.created.tv_sec && known.size == status.size;
 }
 
 }  // namespace
 
-FSChangeBatch::FSChangeBatch(FSChangeList records)
-    : records_(std::move(records)),
-      hasFolders_(std::any_of(records_.begin(), records_.end(),
-                              [](const FSChangedResource& record) { return record.isFolder; })),
-      done_(records_.size(), false),
+FSChangeBatch::FSChangeBatch(FSTree& tree, FSChangeEvents& changes, FSTransit& transit)
+    : tree_(tree),
+      changes_(changes),
+      transit_(transit),
+      records_(std::exchange(transit.records, {})),
+      isEmitted_(records_.size(), false),
       earlierHalf_(records_.size(), kNone) {
   byINode_.reserve(records_.size());
-  if (hasFolders_) FSEventWatcher::sTree->pending.reserve(records_.size());
-  for (size_t i = 0; i < records_.size(); ++i) {
-    byINode_.emplace_back(records_[i].inode, i);
-    Expect(records_[i], 1);
-  }
+  for (size_t i = 0; i < records_.size(); ++i) byINode_.emplace_back(records_[i].inode, i);
   std::sort(byINode_.begin(), byINode_.end());
 }
 
-std::vector<std::string> FSChangeBatch::Emit() {
+void FSChangeBatch::Emit() {
   for (size_t i = 0; i < records_.size(); ++i) {
-    if (done_[i]) continue;
-    done_[i] = true;
-    Expect(records_[i], -1);
+    if (isEmitted_[i]) continue;
     if (earlierHalf_[i] != kNone) {
-      Expect(records_[earlierHalf_[i]], -1);
-      EmitRename(records_[earlierHalf_[i]], records_[i]);
-      continue;
-    }
-    if (!isCreation(records_[i]) && !isDeletion(records_[i])) {
-      EmitRecord(records_[i]);
+      isEmitted_[i] = isEmitted_[earlierHalf_[i]] = true;
+      EmitHalves(records_[earlierHalf_[i]], records_[i]);
       continue;
     }
     const size_t partner = PartnerOf(i);
     if (partner == kNone) {
+      isEmitted_[i] = true;
       EmitAlone(records_[i]);
-    } else if (!SpokenOfBetween(i, partner, records_[partner])) {
-      done_[partner] = true;
-      Expect(records_[partner], -1);
-      EmitRename(records_[i], records_[partner]);
-    } else if (!SpokenOfBetween(i, partner, records_[i])) {
+    } else if (!IsConcernedBetween(i, partner, records_[partner])) {
+      isEmitted_[i] = isEmitted_[partner] = true;
+      EmitHalves(records_[i], records_[partner]);
+    } else if (!IsConcernedBetween(i, partner, records_[i])) {
       earlierHalf_[partner] = i;
-      Expect(records_[i], 1);
     } else {
+      isEmitted_[i] = true;
       EmitAlone(records_[i]);
     }
   }
-  return std::move(moved_);
 }
 
-void FSChangeBatch::EmitRecord(const FSChangedResource& record) {
-  {
-    const MutexLock lock(mainlock);
-    FSEventWatcher::sChanges->Append(record);
+void FSChangeBatch::EmitAlone(const FSChangedResource& record) {
+  if (isDeletion(record)) {
+    EmitDeletion(record);
+  } else if (isCreation(record)) {
+    EmitCreation(record);
+  } else if (record.action == "rename") {
+    EmitRename(record);
+  } else if (record.action == "change") {
+    const std::optional<FileStatus> known = tree_.Find(record.path);
+    if (known && !known->isFolder) {
+      tree_.Put(record.path, record.status());
+      Queue("change", record);
+    } else {
+      EmitCreation(record);
+    }
+  } else {
+    EmitRoot(record);
   }
-  FSEventWatcher::sTree->NoteTold(record);
-  if (record.action == "rootcreate") RebuildSnapshot();
-  if (record.action == "rootdelete") FSEventWatcher::sTree->ClearSnapshot();
+}
+
+void FSChangeBatch::EmitHalves(const FSChangedResource& earlier, const FSChangedResource& later) {
+  const FSChangedResource& deleted = isDeletion(earlier) ? earlier : later;
+  const FSChangedResource& created = isDeletion(earlier) ? later : earlier;
+  FSResource renamed = earlier;
+  renamed.path = created.path;
+  renamed.oldPath = deleted.path;
+  EmitRename(renamed);
+  // The attributes are those of the earlier half. What was written besides is reported by itself.
+  const std::optional<FileStatus> known = tree_.Find(created.path);
+  if (!created.isFolder && earlier.modified.tv_sec != later.modified.tv_sec && known &&
+      !known->isFolder) {
+    tree_.Put(created.path, created.status());
+    Queue("change", created);
+  }
+}
+
+// What the reader does not have, it need not take away.
+void FSChangeBatch::EmitDeletion(const FSResource& gone) {
+  const std::optional<FileStatus> known = tree_.Find(gone.path);
+  if (!known || known->isFolder != gone.isFolder) return;
+  tree_.Take(gone.path);
+  Queue("delete", gone);
 }
 
 // A new folder is scanned, unless a later record says that it went or moved again: the scan is then
 // that record's.
-void FSChangeBatch::EmitAlone(const FSChangedResource& record) {
-  EmitRecord(record);
-  FSTree& tree = *FSEventWatcher::sTree;
-  if (record.isFolder && isCreation(record) && tree.SavedList(record.path.str()) != nullptr) {
-    tree.DirSearch(record.path, false, true);
+void FSChangeBatch::EmitCreation(const FSResource& created) {
+  const std::optional<FileStatus> known = tree_.Find(created.path);
+  const bool isNews = !known || !sayTheSame(*known, created.status());
+  if (isNews && !Insert(created)) return;
+  if (created.isFolder && transit_.IsThere(created.path)) {
+    tree_.ScanNew(created.path, false, known && known->isFolder, *this);
   }
 }
 
-void FSChangeBatch::EmitRename(const FSChangedResource& earlier, const FSChangedResource& later) {
-  const FSChangedResource& deleted = isDeletion(earlier) ? earlier : later;
-  const FSChangedResource& created = isDeletion(earlier) ? later : earlier;
-  FSResourceList gone;
-  if (deleted.saved != nullptr) gone = MoveSavedLists(*deleted.saved, created);
-  FSChangedResource rename = earlier;
-  rename.action = "rename";
-  rename.path = created.path;
-  rename.oldPath = deleted.path.text();
-  EmitRecord(rename);
-  for (const FSResourcePtr& folder : gone) EmitRecord(FSChangedResource("delete", *folder));
-}
-
-// Puts the lists to where the folder stands in the snapshot, which a later record may know under
-// yet another name.
-FSResourceList FSChangeBatch::MoveSavedLists(FSSavedLists& saved,
-                                             const FSChangedResource& created) {
-  FSTree& tree = *FSEventWatcher::sTree;
-  std::string place = created.path;
-  if (tree.HandOnLists(saved, place) || tree.SavedList(place) == nullptr) return {};
-  if (place == created.path) tree.ForgetReplaced(place);
-  FSResourceList gone = tree.PutSavedLists(saved, place, created.path);
-  for (const auto& [key, entries] : saved.lists) {
-    std::string newKey = FSTree::MovedPath(key, saved.path, place);
-    if (tree.SavedList(newKey) != nullptr) moved_.push_back(std::move(newKey));
+// What the reader does not have under the old path is new under the new one. What it has under the
+// new path goes before: readers replace a file by themselves, but a folder has more to take away.
+void FSChangeBatch::EmitRename(const FSResource& renamed) {
+  const std::optional<FileStatus> known = tree_.Find(renamed.oldPath);
+  if (!known || known->isFolder != renamed.isFolder) {
+    EmitCreation(renamed);
+    return;
   }
-  return gone;
+  if (IsBelowFile(renamed.path)) return;
+  const std::optional<FileStatus> replaced = tree_.Find(renamed.path);
+  if (replaced && replaced->isFolder) EmitDeletion({*replaced, renamed.path});
+  DeleteBelow(renamed.path);
+  tree_.Rename(renamed.oldPath, renamed.path, renamed.status());
+  Queue("rename", renamed);
 }
 
-void FSChangeBatch::RebuildSnapshot() {
-  FSChangeEvents& changes = *FSEventWatcher::sChanges;
-  changes.AppendOutput(changes.templates->Fill("scan", "begin"), true);
-  FSEventWatcher::sTree->InitWithPath(_path, changes, _showAll);
-  changes.AppendOutput(changes.templates->Fill("scan", "complete"), true);
+void FSChangeBatch::EmitRoot(const FSChangedResource& record) {
+  Queue(record.action.c_str(), record);
+  transit_.Clear();
+  if (record.action == "rootdelete") {
+    tree_.ClearSnapshot();
+    return;
+  }
+  changes_.AppendOutput(changes_.templates->Fill("scan", "begin"), true);
+  tree_.InitWithPath(_path, changes_, _showAll);
+  changes_.AppendOutput(changes_.templates->Fill("scan", "complete"), true);
 }
 
-// The first record after `position` that speaks of the same file, if it is the other half of a
-// move; else kNone.
+void FSChangeBatch::Queue(const char* action, const FSResource& resource) {
+  const MutexLock lock(mainlock);
+  changes_.Append({action, resource});
+}
+
+// Reports the entry as created. False, and nothing is done, where a reader has no place for it.
+bool FSChangeBatch::Insert(const FSResource& created) {
+  if (IsBelowFile(created.path)) return false;
+  const std::optional<FileStatus> known = tree_.Find(created.path);
+  if (known && known->isFolder != created.isFolder) EmitDeletion({*known, created.path});
+  if (!created.isFolder) DeleteBelow(created.path);
+  FSResource entry = created;
+  entry.oldPath.clear();
+  tree_.Put(entry.path, entry.status());
+  Queue("create", entry);
+  return true;
+}
+
+// No known folder is at the path, and what the reader has below it would stay for good.
+void FSChangeBatch::DeleteBelow(const std::string& path) {
+  for (const std::string& below : tree_.PathsBelow(path)) {
+    if (const std::optional<FileStatus> known = tree_.Find(below)) EmitDeletion({*known, below});
+  }
+}
+
+// Whether the reader has a file at one of the paths above. A folder that it knows is in another,
+// and so on.
+bool FSChangeBatch::IsBelowFile(std::string_view path) {
+  for (std::string_view above = FSTree::ParentOf(path); above.size() > tree_.rootPath.size();
+       above = FSTree::ParentOf(above)) {
+    if (tree_.Listing(above) != nullptr && !tree_.IsUnknown(above)) return false;
+    const std::optional<FileStatus> known = tree_.Find(std::string(above));
+    if (known) return !known->isFolder;
+  }
+  return false;
+}
+
+// The first record after `position` that concerns the same file, if it is the other half of a move;
+// else kNone.
 size_t FSChangeBatch::PartnerOf(size_t position) const {
   const FSChangedResource& record = records_[position];
+  if (!isCreation(record) && !isDeletion(record)) return kNone;
   auto at = std::upper_bound(byINode_.begin(), byINode_.end(), std::pair(record.inode, position));
   for (; at != byINode_.end() && at->first == record.inode; ++at) {
     const FSChangedResource& other = records_[at->second];
-    if (done_[at->second] || earlierHalf_[at->second] != kNone || !isSameFile(record, other)) {
+    if (isEmitted_[at->second] || earlierHalf_[at->second] != kNone || !isSameFile(record, other)) {
       continue;
     }
     return areHalves(record, other) ? at->second : kNone;
@@ -134,44 +208,41 @@ size_t FSChangeBatch::PartnerOf(size_t position) const {
   return kNone;
 }
 
-// Whether a record between the two positions speaks of the record's place: the same path, a folder
+// Whether a record between the two positions concerns the record's path: the same path, a folder
 // above it or, for a folder, anything below it.
-bool FSChangeBatch::SpokenOfBetween(size_t from, size_t to, const FSChangedResource& record) {
+bool FSChangeBatch::IsConcernedBetween(size_t from, size_t to, const FSChangedResource& record) {
   if (to - from < 2) return false;
-  if (byPath_.empty()) IndexPaths();
-  const std::string path = record.path;
+  IndexPaths();
+  const std::string_view path = record.path;
   for (size_t end = path.size(); end != std::string::npos && end > 0;
        end = path.rfind('/', end - 1)) {
-    if (StandsBetween(from, to, std::string_view(path).substr(0, end))) return true;
+    if (IsBetween(from, to, path.substr(0, end))) return true;
   }
   if (!record.isFolder) return false;
-  const std::string below = path + "/";
-  for (auto at = FirstSpokenOf(below, 0); at != byPath_.end() && at->first.starts_with(below);
-       ++at) {
-    if (at->second > from && at->second < to && !done_[at->second]) return true;
+  const std::string below = record.path + "/";
+  for (auto at = FirstAt(below, 0); at != byPath_.end() && at->first.starts_with(below); ++at) {
+    if (at->second > from && at->second < to && !isEmitted_[at->second]) return true;
   }
   return false;
 }
 
-bool FSChangeBatch::StandsBetween(size_t from, size_t to, std::string_view path) const {
-  auto at = FirstSpokenOf(path, from + 1);
+bool FSChangeBatch::IsBetween(size_t from, size_t to, std::string_view path) const {
+  auto at = FirstAt(path, from + 1);
   while (at != byPath_.end() && at->first == path && at->second < to) {
-    if (!done_[at->second]) return true;
+    if (!isEmitted_[at->second]) return true;
     ++at;
   }
   return false;
 }
 
-// The first path that is not before this one, told at this position or later.
-FSChangeBatch::Mention FSChangeBatch::FirstSpokenOf(std::string_view path, size_t position) const {
-  return std::lower_bound(byPath_.begin(), byPath_.end(), std::pair(path, position),
-                          [](const auto& mention, const auto& wanted) {
-                            return std::pair(std::string_view(mention.first), mention.second) <
-                                   wanted;
-                          });
+// The first path that is not before this one, of a record at this position or later.
+FSChangeBatch::PathPosition FSChangeBatch::FirstAt(std::string_view path, size_t position) const {
+  return std::lower_bound(byPath_.begin(), byPath_.end(), std::pair(path, position));
 }
 
 void FSChangeBatch::IndexPaths() {
+  if (!byPath_.empty()) return;
+  byPath_.reserve(records_.size());
   for (size_t i = 0; i < records_.size(); ++i) {
     byPath_.emplace_back(records_[i].path, i);
     if (!records_[i].oldPath.empty()) byPath_.emplace_back(records_[i].oldPath, i);
@@ -179,17 +250,22 @@ void FSChangeBatch::IndexPaths() {
   std::sort(byPath_.begin(), byPath_.end());
 }
 
-// Keeps the tree's account of the paths that records still speak of.
-void FSChangeBatch::Expect(const FSChangedResource& record, int change) {
-  if (!hasFolders_) return;
-  ExpectPath(record.path, isDeletion(record) ? nullptr : &record, change);
-  if (!record.oldPath.empty()) ExpectPath(record.oldPath.view(), nullptr, change);
+// A record still to be emitted, a half that waits included, says what becomes of the path.
+bool FSChangeBatch::IsPending(const std::string& path) {
+  IndexPaths();
+  for (auto at = FirstAt(path, 0); at != byPath_.end() && at->first == path; ++at) {
+    if (!isEmitted_[at->second]) return true;
+  }
+  return false;
 }
 
-void FSChangeBatch::ExpectPath(const FSPath& path, const FSChangedResource* last, int change) {
-  auto& pending = FSEventWatcher::sTree->pending;
-  const auto at = pending.try_emplace(path).first;
-  at->second.records += change;
-  if (change > 0) at->second.last = last;
-  if (at->second.records == 0) pending.erase(at);
+FSListingPtr FSChangeBatch::OwnListing(const std::string& key) const {
+  return transit_.OwnListing(key);
+}
+
+void FSChangeBatch::OnNew(const FSResource& entry) { Insert(entry); }
+
+void FSChangeBatch::OnRead(const std::string& key, const FSListingPtr& listing,
+                           const FSLook& look) {
+  transit_.SetScanned(key, listing, look);
 }

@@ -1,11 +1,12 @@
 #include "FSChangeEvents.h"
 
+#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <utility>
 
+#include "FSStandardOutput.h"
 #include "utility.h"
 
 namespace {
@@ -82,15 +83,20 @@ void FSChangeEvents::ThrowEvents() {
 }
 
 // Holds the lock while it writes: while the reader stalls, the main thread waits at its next line,
-// and the queue does not grow.
+// and the queue does not grow. What is refused stays for the next cycle, the rest of a line
+// included.
 void FSChangeEvents::WriteLines() {
   const MutexLock lock(outputLock);
-  for (int32_t count = 0; !outputLines.empty() && count < linesPerWake; ++count) {
-    ++linesWritten;
-    std::puts(outputLines.front());
-    outputLines.pop_front();
+  auto left = static_cast<size_t>(std::max<int32_t>(linesPerWake, 0));
+  while (left > 0 && !outputLines.empty()) {
+    const std::string_view text = outputLines.Front(left);
+    const size_t written = FSStandardOutput::Write(text);
+    const bool isRefused = written < text.size();
+    const size_t complete = outputLines.Consume(written);
+    linesWritten += complete;
+    if (isRefused) break;
+    left -= complete;
   }
-  std::fflush(stdout);
 }
 
 void FSChangeEvents::StopThrow() {

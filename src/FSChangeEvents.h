@@ -36,9 +36,9 @@ class FSChangeEvents {
   // Queues a finished line; with `log` it goes to the debug log as well, before it can be written.
   void AppendOutput(const std::string& line, bool log) EXCLUDES(outputLock);
 
-  // Starts the emitter, which writes at most `limit` lines (none when 0 or less), flushes, pauses
-  // one second, and so on. While one is running, only the limit changes. Throws std::system_error
-  // when no thread can be had.
+  // Starts the emitter, which writes at most `limit` lines (none when 0 or less), pauses one
+  // second, and so on. A line leaves the queue when it has been written whole. While one is
+  // running, only the limit changes. Throws std::system_error when no thread can be had.
   void StartThrow(int limit);
 
   // The emitter's loop; nothing but the emitter thread calls it.

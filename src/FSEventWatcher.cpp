@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <unordered_set>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "FSChangeBatch.h"
 #include "FSReconciliation.h"
+#include "FSTransit.h"
+#include "StreamExtension.h"
 
 std::string _path;
 bool _showAll = false;
@@ -24,10 +27,19 @@ namespace {
 
 constexpr int kLinesPerWake = 3000;
 constexpr CFTimeInterval kLatency = 0.5;  // seconds
+constexpr CFTimeInterval kNever = 1e10;
+constexpr int kMostPasses = 7;             // of one callback
+constexpr int kMostRetries = 1000;         // folders in a row,
+constexpr CFTimeInterval kRetryPause = 1;  // and the pause after them
 
 // The stream's path, kept for the life of the process because the stream may refer to it.
 CFStringRef watchedPath = nullptr;
 CFArrayRef watchedPaths = nullptr;
+
+// For the folders that could not be read: the stream that is asked to name them again, and what
+// fires when it is time. Null until the stream runs.
+FSEventStreamRef retryStream = nullptr;
+CFRunLoopTimerRef retryTimer = nullptr;
 
 const char* word(bool value) { return value ? "true" : "false"; }
 
@@ -68,9 +80,7 @@ FSResource rootResource(const FSResourcePtr& now) {
 void checkRoot(FSEventStreamEventId id, FSChangeList& batch) {
   if (id != 0) return;
   const FSResourcePtr now = FSTree::GetResource(_path);
-  FSChangedResource record(now != nullptr ? "rootcreate" : "rootdelete", rootResource(now));
-  const MutexLock lock(mainlock);
-  batch.push_back(std::move(record));
+  batch.emplace_back(now != nullptr ? "rootcreate" : "rootdelete", rootResource(now));
 }
 
 void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags flags) {
@@ -85,10 +95,34 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
-void compareBothSides(const std::string& key, FSChangeList& batch) {
-  const std::string folder = FSTree::FolderOf(key);
-  FSEventWatcher::PrintChangedFiles(folder, batch);
-  FSEventWatcher::PrintChangedFiles(folder, batch);
+void compare(const std::string& key, FSTransit& transit) {
+  const MutexLock lock(mainlock);
+  FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges).Run();
+}
+
+void compareBothSides(const std::string& key, FSTransit& transit) {
+  compare(key, transit);
+  if (!FSEventWatcher::sTree->retries.contains(key)) compare(key, transit);
+}
+
+// The key of the folder that an event names.
+std::string keyOf(const std::string& folder) {
+  return folder.ends_with('/') ? FSTree::KeyOf(folder) : folder;
+}
+
+void retry(CFRunLoopTimerRef /*timer*/, void* /*info*/) {
+  FSEventWatcher::RetryUnread(std::chrono::steady_clock::now());
+}
+
+// When the timer has to fire next.
+void setRetryTimer() {
+  if (retryTimer == nullptr) return;
+  CFTimeInterval wait = kNever;
+  if (const auto next = FSEventWatcher::sTree->retries.Next()) {
+    const std::chrono::duration<double> left = *next - std::chrono::steady_clock::now();
+    wait = std::max(left.count(), kRetryPause);
+  }
+  CFRunLoopTimerSetNextFireDate(retryTimer, CFAbsoluteTimeGetCurrent() + wait);
 }
 
 }  // namespace
@@ -127,6 +161,11 @@ void FSEventWatcher::start(std::string& path, bool& showAll, bool& debugMode, st
   queueLine("scan", "complete");
   if (!isCreated) return;
   FSEventStreamScheduleWithRunLoop(eventStream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
+  retryStream = eventStream;
+  retryTimer = CFRunLoopTimerCreate(kCFAllocatorDefault, CFAbsoluteTimeGetCurrent() + kNever,
+                                    kNever, 0, 0, retry, nullptr);
+  CFRunLoopAddTimer(CFRunLoopGetCurrent(), retryTimer, kCFRunLoopDefaultMode);
+  setRetryTimer();
   if (FSEventStreamStart(eventStream)) CFRunLoopRun();
 }
 
@@ -146,39 +185,52 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
                                        size_t count, const char* const* paths,
                                        const FSEventStreamEventFlags* flags,
                                        const FSEventStreamEventId* ids) {
-  FSChangeList batch;
-  std::unordered_set<std::string> compared;
+  if (count == 0) return;
+  FSTransit transit(*sTree);
   for (size_t i = count; i-- > 0;) {
     const bool isRoot = (flags[i] & kFSEventStreamEventFlagRootChanged) != 0;
     if (!isRoot && !Utility::isAllowedPath(paths[i])) continue;
     logEvent(paths[i], ids[i], flags[i]);
     if (isRoot) {
-      checkRoot(ids[i], batch);
+      checkRoot(ids[i], transit.records);
     } else {
-      PrintChangedFiles(paths[i], batch);
-      compared.insert(FSTree::KeyOf(paths[i]));
+      compare(keyOf(paths[i]), transit);
     }
   }
-  std::unordered_set<std::string> retried;
-  do {
-    const std::vector<std::string> moved = FSChangeBatch(std::exchange(batch, {})).Emit();
-    // A folder compared at its new place before it was known to be moved has been compared with
-    // nothing. Now it has its lists.
-    for (const std::string& folder : moved) {
-      if (compared.erase(folder) != 0) compareBothSides(folder, batch);
-    }
-    for (const std::string& folder : sTree->Unread()) {
-      const bool isNext = Utility::isAllowedPath(folder + "/") && retried.insert(folder).second;
-      if (isNext) compareBothSides(folder, batch);
-    }
-    for (FSChangedResource& gone : sTree->TakeUntrue()) batch.push_back(std::move(gone));
-  } while (!batch.empty());
-  sTree->ForgetTaken();
+  EmitAndCheck(transit);
+}
+
+void FSEventWatcher::RetryUnread(std::chrono::steady_clock::time_point now) {
+  FSTransit transit(*sTree);
+  for (int i = 0; i < kMostRetries; ++i) {
+    const std::optional<std::string> folder = sTree->retries.Take(now);
+    if (!folder) break;
+    if (!Utility::isAllowedPath(*folder + "/")) continue;
+    if (retryStream != nullptr && nameAgain(retryStream, *folder)) continue;
+    compareBothSides(*folder, transit);
+  }
+  EmitAndCheck(transit);
+}
+
+// Emits what has been compared, and compares the folders again for which the snapshot does not
+// agree with the disk then. Ends after a fixed number of passes at the latest: folders that keep
+// changing while they are compared are named again by the stream, and what is in doubt is compared
+// again at the end of every callback.
+void FSEventWatcher::EmitAndCheck(FSTransit& transit) {
+  for (int pass = 1; pass <= kMostPasses; ++pass) {
+    FSChangeBatch(*sTree, *sChanges, transit).Emit();
+    const std::vector<std::string> next = transit.Check();
+    if (next.empty() || pass == kMostPasses) break;
+    for (const std::string& folder : next) compareBothSides(folder, transit);
+  }
+  setRetryTimer();
 }
 
 void FSEventWatcher::PrintChangedFiles(const std::string& folder, FSChangeList& batch) {
-  const MutexLock lock(mainlock);
-  FSReconciliation(folder, *sTree, *sChanges, batch).Run();
+  FSTransit transit(*sTree);
+  compare(keyOf(folder), transit);
+  batch.insert(batch.end(), transit.records.begin(), transit.records.end());
+  transit.Settle();
 }
 
 int32_t FSEventWatcher::IndexOfByINode(const FSChangedResource& record, const FSChangeList& list) {
@@ -190,9 +242,9 @@ int32_t FSEventWatcher::IndexOfByINode(const FSChangedResource& record, const FS
 
 void launchWatcher(std::string path, bool showAll, bool debugMode, std::string logFile,
                    bool doEncodeOutput) {
-  FSEventWatcher watcher;
+  std::optional<FSEventWatcher> watcher;
   try {
-    watcher.start(path, showAll, debugMode, logFile, doEncodeOutput);
+    watcher.emplace().start(path, showAll, debugMode, logFile, doEncodeOutput);
   } catch (const std::exception&) {
     std::printf("watcher not started.");
   }

@@ -8,29 +8,17 @@
 
 #include <CoreServices/CoreServices.h>
 
+#include <chrono>
 #include <string>
-#include <vector>
 
 #include "FSChangeEvents.h"
 #include "FSEventsTree.h"
 #include "FSResource.h"
+#include "FSSettings.h"
+#include "FSTransit.h"
 #include "FSTree.h"
 #include "ThreadSafety.h"
 #include "utility.h"
-
-// The settings of the process. FSEventWatcher::start writes them before any other thread exists;
-// nothing does afterwards.
-extern std::string _path;  // the watched folder, as given
-extern bool _showAll;      // list the snapshot
-extern bool _debugMode;    // write the debug log
-extern std::string _logFile;
-extern bool _doEncodeOutput;  // percent-encode paths
-
-// Held while a folder is compared and while a record is handed on.
-extern Mutex mainlock;
-
-// The watched folder itself as `start` found it; null when it could not be examined then.
-extern FSResourcePtr _pathResource;
 
 class FSEventWatcher {
  public:
@@ -56,10 +44,15 @@ class FSEventWatcher {
                                 const FSEventStreamEventId* ids) EXCLUDES(mainlock);
 
   // Compares the folder, named with its final "/", with the snapshot, appends a record to the batch
-  // for each difference and brings the snapshot up to date. Only one side is told where entries
-  // both went and came, the larger one, or what went when they are equal; a second call tells the
-  // other.
+  // for each difference and brings the snapshot up to date, without emitting anything. Where
+  // entries both went and came, only one side is reported, the larger one, or what went when they
+  // are equal; a second call reports the other.
   static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
+
+  // Sees to it that the folders that could not be read, and whose turn it is by now, are compared
+  // again: the stream is asked to name them. Where it cannot, they are compared at once, and what
+  // differs is turned into records.
+  static void RetryUnread(std::chrono::steady_clock::time_point now) EXCLUDES(mainlock);
 
   // The position of the first record in the list with the record's inode, or -1.
   static int32_t IndexOfByINode(const FSChangedResource& record, const FSChangeList& list);
@@ -71,6 +64,7 @@ class FSEventWatcher {
   static FSChangeEvents* sChanges;
 
  private:
+  static void EmitAndCheck(FSTransit& transit) EXCLUDES(mainlock);
   bool CreateStream();
 };
 

@@ -1,6 +1,6 @@
-// The lines that wait to be written. Their texts stand one after the other in large blocks of
-// memory that go back to the system as soon as they have been written, whatever else the process
-// keeps: a listing of a large tree can be queued whole.
+// The lines that wait to be written. Their texts, each with its line feed, stand one after the
+// other in large blocks of memory that go back to the system as soon as they have been written,
+// whatever else the process keeps: a listing of a large tree can be queued whole.
 //
 // Not synchronised; its owner has a lock.
 #pragma once
@@ -29,26 +29,44 @@ class FSLineQueue {
       blocks_.emplace_back(std::max(blocks_.empty() ? kFirstBlock : kBlock, line.size() + 1));
     }
     Block& block = blocks_.back();
+    block.ends.push_back(block.end + line.size() + 1);
     std::memcpy(block.text.get() + block.end, line.data(), line.size());
-    block.end += line.size() + 1;  // fresh memory is zero, and is used once
+    block.text.get()[block.ends.back() - 1] = '\n';
+    block.end = block.ends.back();
     ++count_;
   }
 
-  // The oldest line. REQUIRES: not empty.
-  const char* front() const { return blocks_.front().text.get() + blocks_.front().begin; }
-
-  // REQUIRES: not empty.
-  void pop_front() {
-    Block& block = blocks_.front();
-    block.begin += std::strlen(front()) + 1;
-    if (block.begin == block.end) blocks_.pop_front();
-    --count_;
+  // The text of the oldest lines, at least of one and at most of so many. What has been consumed of
+  // the first is left out. REQUIRES: not empty; `most` is not 0.
+  std::string_view Front(size_t most) const {
+    const Block& block = blocks_.front();
+    const size_t last = std::min(block.ends.size(), block.first + most) - 1;
+    return {block.text.get() + block.begin, block.ends[last] - block.begin};
   }
 
-  // All lines, oldest first, which leave the queue.
+  // So many bytes of Front have been written. The lines that are complete by now leave the queue.
+  // Returns how many.
+  size_t Consume(size_t bytes) {
+    if (bytes == 0) return 0;
+    Block& block = blocks_.front();
+    const size_t before = block.first;
+    block.begin += bytes;
+    while (block.first < block.ends.size() && block.ends[block.first] <= block.begin) ++block.first;
+    const size_t complete = block.first - before;
+    count_ -= complete;
+    if (block.first == block.ends.size()) blocks_.pop_front();
+    return complete;
+  }
+
+  // All lines without their line feeds, oldest first, which leave the queue.
   std::vector<std::string> Take() {
     std::vector<std::string> lines;
-    for (lines.reserve(count_); !empty(); pop_front()) lines.emplace_back(front());
+    lines.reserve(count_);
+    while (!empty()) {
+      const std::string_view line = Front(1);
+      lines.emplace_back(line.substr(0, line.size() - 1));
+      Consume(line.size());
+    }
     return lines;
   }
 
@@ -70,8 +88,10 @@ class FSLineQueue {
     }
     std::unique_ptr<char, Unmap> text;
     size_t capacity;
-    size_t begin = 0;  // of the oldest line
-    size_t end = 0;    // behind the NUL of the newest
+    std::vector<size_t> ends;  // by line: behind its line feed
+    size_t first = 0;          // the oldest line that is not complete
+    size_t begin = 0;          // of what has not been consumed
+    size_t end = 0;            // of the newest line
   };
 
   std::deque<Block> blocks_;  // none empty

@@ -1,276 +1,335 @@
 #include "FSReconciliation.h"
 
-#include <memory>
+#include <algorithm>
 #include <utility>
 
 namespace {
 
-FSChangedResource renameRecord(const FSResource& current, const FSPath& oldPath) {
-  FSChangedResource record("rename", current);
-  record.oldPath = oldPath.text();
-  return record;
-}
-
-const FSResourceIndex& made(std::optional<FSResourceIndex>& index, const FSResourceList& list,
-                            FSResourceIndex::Key key) {
-  if (!index) index.emplace(list, key);
+const FSListingIndex& made(std::optional<FSListingIndex>& index, const FSEntries& entries,
+                           FSListingIndex::Key key) {
+  if (!index) index.emplace(entries, key);
   return *index;
-}
-
-// A folder that the reader knows but that could not be read until now starts with an empty list.
-const FSResourceList& savedListOf(const std::string& key, FSTree& tree) {
-  static const FSResourceList none;
-  if (tree.SavedList(key) == nullptr && tree.IsSavedFolder(key)) tree.SetSavedList(key, {});
-  const FSResourceList* saved = tree.SavedList(key);
-  return saved == nullptr ? none : *saved;
 }
 
 }  // namespace
 
-FSReconciliation::FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
-                                   FSChangeList& batch)
-    : tree_(tree),
-      log_(log),
-      batch_(batch),
-      key_(FSTree::KeyOf(folder)),
-      saved_(savedListOf(key_, tree)) {
-  tree_.NoteRead(key_, tree_.ReadCurrentList(key_, current_));
-  told_.resize(current_.size());
-  gone_.resize(saved_.size());
-  added_.resize(current_.size(), kNone);
-}
+FSReconciliation::FSReconciliation(std::string key, FSTree& tree, FSTransit& transit,
+                                   FSChangeEvents& log)
+    : tree_(tree), transit_(transit), log_(log), key_(std::move(key)) {}
 
 void FSReconciliation::Run() {
-  if (current_.size() > saved_.size()) {
+  const FSListingPtr before = transit_.ListingAt(key_);
+  const FSLook look =
+      tree_.Read(key_, before != nullptr ? before->entries() : FSEntries(), listed_);
+  if (look.reading == FSReading::failed || (before == nullptr && !isReadable(look.reading))) {
+    transit_.SetUnread(key_, look.reading);
+    return;
+  }
+  known_ = transit_.LookUp(key_, look.reading != FSReading::absent);
+  current_ = listed_.entries();
+  saved_ = known_.listing->entries();
+  isCurrentSettled_.resize(current_.count());
+  isSavedSettled_.resize(saved_.count());
+  if (current_.count() > saved_.count()) {
     WalkCurrent();
   } else {
     WalkSaved();
   }
-  if (!isEdited_) return;
-  std::erase(list_, nullptr);
-  list_.shrink_to_fit();
-  if (tree_.SavedList(key_) != nullptr) {
-    tree_.SetSavedList(key_, std::move(list_));
-  } else {
-    tree_.NoteCompared(list_);
-  }
+  const bool isEdited = !edits_.empty() || !appended_.empty();
+  transit_.SetCompared(key_, known_, isEdited ? MakeListing() : known_.listing, look);
 }
 
 void FSReconciliation::WalkCurrent() {
   Position next = 0;  // of the saved entries, in the order of the current ones
-  for (Position c = 0; c < current_.size(); ++c) {
-    if (IsUnchanged(c, next)) {
+  for (Position c = 0; c < current_.count(); ++c) {
+    if (next < saved_.count() && current_.isEqual(c, saved_, next)) {
       ++next;
       continue;
     }
-    Position s = SavedByPath().FirstByPath(current_[c]->path);
+    const Position s = SavedByName().FirstNamed(current_.name(c));
     if (s != kNone) {
       SameName(c, s);
       next = s + 1;
-    } else if (s = OldNameOf(c); s != kNone) {
-      Renamed(c, s);
     } else {
-      Created(c);
+      Arrived(c);
     }
   }
 }
 
 void FSReconciliation::WalkSaved() {
   Position next = 0;  // of the current entries, in the order of the saved ones
-  for (Position s = 0; s < saved_.size(); ++s) {
-    if (gone_[s]) continue;
-    if (IsUnchanged(next, s)) {
+  for (Position s = 0; s < saved_.count(); ++s) {
+    if (isSavedSettled_[s]) continue;
+    if (next < current_.count() && saved_.isEqual(s, current_, next)) {
       ++next;
       continue;
     }
-    Position c = CurrentByPath().FirstByPath(saved_[s]->path);
+    const Position c = CurrentByName().FirstNamed(saved_.name(s));
     if (c != kNone) {
       SameName(c, s);
       next = c + 1;
-    } else if (c = NewNameOf(s); c != kNone) {
-      Renamed(c, s);
+    } else if (NewNameOf(s) != kNone) {
+      MoveChain(s);
     } else {
       Deleted(s);
-      list_[s] = nullptr;  // another entry with the path is met by itself
     }
   }
-}
-
-// Whether the positions hold one and the same record, which the listing takes over for what has not
-// changed at all. Most entries are met like this, and need not be looked up.
-bool FSReconciliation::IsUnchanged(Position c, Position s) const {
-  return c < current_.size() && s < saved_.size() && current_[c] == saved_[s];
 }
 
 void FSReconciliation::SameName(Position c, Position s) {
-  const FSResource& current = *current_[c];
-  const FSResource& saved = *saved_[s];
-  if (told_[c]) return;
-  if (current.isFolder != saved.isFolder) {
-    Deleted(s);
-    Remove(saved.path);
-    gone_[s] = true;
-    Created(c);
-  } else if (current.isFolder) {
-    TakeIdentity(c, s);
-  } else if (current.modified.tv_sec != saved.modified.tv_sec) {
-    Changed(c);
+  if (isCurrentSettled_[c]) return;
+  const FileStatus current = current_.status(c), saved = saved_.status(s);
+  if (!current_.isSameFile(c, saved_, s)) {
+    SameNameOtherFile(c, s);
+  } else if (!current.isFolder && current.modified.tv_sec != saved.modified.tv_sec) {
+    Changed(c, s);
+  } else if (current.isFolder && (current.created.tv_sec != saved.created.tv_sec ||
+                                  current.created.tv_nsec != saved.created.tv_nsec)) {
+    if (!tree_.ReadAgain(FSTree::Join(key_, current_.name(c)))) return;
+    Edit();
+    edits_[s] = c;
   }
 }
 
-void FSReconciliation::Changed(Position c) {
-  const FSResource& current = *current_[c];
+// The name is another file's now. Either of the two may have another name in this folder.
+void FSReconciliation::SameNameOtherFile(Position c, Position s) {
+  if (NewNameOf(s) != kNone) {
+    MoveChain(s);
+  } else if (const Position old = OldNameOf(c); old != kNone) {
+    MoveChain(old);
+  } else if (current_.isFolder(c) != saved_.isFolder(s)) {
+    Deleted(s);
+    Created(c);
+  } else {
+    KeepName(c, s);
+  }
+}
+
+// The entry stays, as far as records go. It takes over the identity of what has its name now, or a
+// later move would be another file's.
+void FSReconciliation::KeepName(Position c, Position s) {
+  if (!current_.isFolder(c) && current_.modified(c).tv_sec != saved_.modified(s).tv_sec) {
+    Changed(c, s);
+    return;
+  }
+  if (current_.isFolder(c)) tree_.ReadAgain(FSTree::Join(key_, current_.name(c)));
+  Edit();
+  edits_[s] = c;
+}
+
+// The saved entry has another name. Where that was the name of an entry that has another name too,
+// and so on, the renames go from the last to the first, so that none replaces what still moves.
+// REQUIRES: NewNameOf(first) is not kNone.
+void FSReconciliation::MoveChain(Position first) {
+  std::vector<std::pair<Position, Position>> moves;  // current and saved position
+  bool isRing = false;
+  for (Position s = first; s != kNone && !isRing;) {
+    const Position c = NewNameOf(s);
+    if (c == kNone) break;
+    moves.emplace_back(c, s);
+    isCurrentSettled_[c] = isSavedSettled_[s] = true;
+    s = SavedByName().FirstNamed(current_.name(c));
+    isRing = s == first;
+    if (s != kNone && isSavedSettled_[s]) s = kNone;
+  }
+  if (isRing) {
+    Ring(moves);
+    return;
+  }
+  for (auto move = moves.rbegin(); move != moves.rend(); ++move) Renamed(move->first, move->second);
+  // Another file may have taken the first one's name.
+  const Position successor = CurrentByName().FirstNamed(saved_.name(first));
+  if (successor != kNone) Arrived(successor);
+}
+
+// Each of the entries has the name of the next, and the last that of the first. As renames, the
+// first would replace another; so that is possible only where one of them is taken away before and
+// put again after. A folder would lose its contents by that.
+void FSReconciliation::Ring(const std::vector<std::pair<Position, Position>>& ring) {
+  const auto isFolder = [&](const auto& move) { return saved_.isFolder(move.second); };
+  const auto file = std::find_if_not(ring.begin(), ring.end(), isFolder);
+  if (file == ring.end() || std::none_of(ring.begin(), ring.end(), isFolder)) {
+    for (const auto& [c, s] : ring) KeepName(CurrentByName().FirstNamed(saved_.name(s)), s);
+    return;
+  }
+  Deleted(file->second);
+  const auto last = static_cast<size_t>(file - ring.begin());
+  for (size_t i = 1; i < ring.size(); ++i) {
+    const auto& [c, s] = ring[(last + ring.size() - i) % ring.size()];
+    Renamed(c, s);
+  }
+  Created(file->first);
+}
+
+void FSReconciliation::Changed(Position c, Position s) {
+  const FSResource current = Current(c);
   Log("* CHANGED %s \"%s\"", current);
-  batch_.emplace_back("change", current);
-  Remove(current.path);
-  Add(c);
+  Report("change", current);
+  Leave(saved_.name(s));
+  Append(c);
 }
 
 void FSReconciliation::Renamed(Position c, Position s) {
-  const FSResourcePtr current = current_[c];
-  const FSResourcePtr saved = saved_[s];
+  FSResource current = Current(c);
 
   // What had the new name is gone. A reader replaces a file by itself, but a folder has more to
   // take away.
-  const Position replaced = SavedByPath().FirstByPath(current->path);
-  if (replaced != kNone && !gone_[replaced] && saved_[replaced]->isFolder) Deleted(replaced);
-  Leave(current->path);
+  const Position replaced = SavedByName().FirstNamed(current_.name(c));
+  if (replaced != kNone && !isSavedSettled_[replaced] && saved_.isFolder(replaced)) {
+    Deleted(replaced);
+  }
+  Leave(current_.name(c));
 
-  Log("* RENAMED %s \"%s\"", *current);
-  batch_.push_back(renameRecord(*current, saved->path));
-  Leave(saved->path);
-  std::shared_ptr<FSSavedLists> lists;
-  if (saved->isFolder) lists = tree_.TakeSavedLists(saved->path);
-  Add(c);
-  told_[c] = true;
-  if (lists != nullptr && current->isFolder) {
-    for (const FSResourcePtr& gone : tree_.PutSavedLists(*lists, current->path, current->path)) {
-      batch_.emplace_back("delete", *gone);
+  Log("* RENAMED %s \"%s\"", current);
+  current.oldPath = FSTree::Join(key_, saved_.name(s));
+  Leave(saved_.name(s));
+  Append(c);
+  if (current.isFolder) transit_.MoveFolder(current.oldPath, current.path);
+  Report("rename", std::move(current));
+}
+
+// The name is new, or what had it has left it.
+void FSReconciliation::Arrived(Position c) {
+  while (!isCurrentSettled_[c]) {
+    const Position old = OldNameOf(c);
+    if (old == kNone) {
+      Created(c);
+    } else {
+      MoveChain(old);
     }
   }
-
-  // Another file has taken the old name already.
-  const Position successor = CurrentByPath().FirstByPath(saved->path);
-  if (successor != kNone && !told_[successor]) Created(successor);
 }
 
 void FSReconciliation::Created(Position c) {
-  const FSResource& current = *current_[c];
+  isCurrentSettled_[c] = true;
   // A listing may hold a name twice when entries move while it is read.
-  if (CurrentByPath().FirstByPath(current.path) != c) return;
-  batch_.emplace_back("create", current);
+  if (CurrentByName().FirstNamed(current_.name(c)) != c) return;
+  const FSResource current = Current(c);
+  if (current.isFolder) transit_.AddFolder(current.path);
+  Report("create", current);
   Log("* CREATED %s \"%s\"", current);
-  Add(c);
-  told_[c] = true;
+  Append(c);
 }
 
 void FSReconciliation::Deleted(Position s) {
-  const FSResourcePtr saved = saved_[s];
-  batch_.emplace_back("delete", *saved);
-  Log("* REMOVED %s \"%s\"", *saved);
+  const FSResource saved = Saved(s);
+  isSavedSettled_[s] = true;
+  if (saved.isFolder) transit_.RemoveFolder(saved.path);
+  Report("delete", saved);
+  Log("* REMOVED %s \"%s\"", saved);
   Edit();
-  if (saved->isFolder) batch_.back().saved = tree_.TakeSavedLists(saved->path);
+  edits_[s] = kNone;
 }
 
 FSReconciliation::Position FSReconciliation::OldNameOf(Position c) {
-  const FSResource& current = *current_[c];
-  Position s = SavedByINode().FirstByINode(current.inode);
-  while (s != kNone &&
-         (gone_[s] || !isSameFile(*saved_[s], current) || IsNowAs(*saved_[s], saved_[s]->path))) {
-    s = SavedByINode().NextByINode(s);
-  }
-  return s;
+  const Position first = SavedFiles().FirstOf(current_.identity(c), current_.isFolder(c));
+  return FirstIn(SavedFiles(), first, nextSaved_,
+                 [&](Position s) { return isSavedSettled_[s] || HasStillItsName(s); });
 }
 
 FSReconciliation::Position FSReconciliation::NewNameOf(Position s) {
-  const FSResource& saved = *saved_[s];
-  Position c = CurrentByINode().FirstByINode(saved.inode);
-  while (c != kNone && (told_[c] || !isSameFile(*current_[c], saved) ||
-                        IsSavedAs(*current_[c], current_[c]->path))) {
-    c = CurrentByINode().NextByINode(c);
+  const Position first = CurrentFiles().FirstOf(saved_.identity(s), saved_.isFolder(s));
+  return FirstIn(CurrentFiles(), first, nextCurrent_,
+                 [&](Position c) { return isCurrentSettled_[c] || HadItsName(c); });
+}
+
+// The first position of a file, from this one on, that is not out. What is out stays so, and is
+// passed over the next time: a file may have very many names.
+template <typename IsOut>
+FSReconciliation::Position FSReconciliation::FirstIn(const FSListingIndex& index, Position from,
+                                                     std::vector<Position>& next, IsOut isOut) {
+  if (from == kNone || !isOut(from)) return from;
+  if (next.empty()) next.resize(index.size(), kNone);
+  std::vector<Position> passed;
+  Position at = from;
+  while (at != kNone && isOut(at)) {
+    passed.push_back(at);
+    at = next[at] != kNone ? next[at] : index.NextOf(at);
   }
-  return c;
-}
-
-bool FSReconciliation::IsSavedAs(const FSResource& file, const FSPath& path) {
-  const Position s = SavedByPath().FirstByPath(path);
-  return s != kNone && isSameFile(*saved_[s], file);
-}
-
-bool FSReconciliation::IsNowAs(const FSResource& file, const FSPath& path) {
-  const Position c = CurrentByPath().FirstByPath(path);
-  return c != kNone && isSameFile(*current_[c], file);
-}
-
-// A folder in another one's place is not reported: its contents tell the difference when it is
-// named. But its record must be the new folder's, or a later move would give the reader the wrong
-// contents. While the old folder still stands here under a new name, the comparison that finds it
-// there needs the record as it is.
-void FSReconciliation::TakeIdentity(Position c, Position s) {
-  if (isSameFile(*current_[c], *saved_[s])) return;
-  for (Position other = CurrentByINode().FirstByINode(saved_[s]->inode); other != kNone;
-       other = CurrentByINode().NextByINode(other)) {
-    if (isSameFile(*current_[other], *saved_[s]) &&
-        SavedByPath().FirstByPath(current_[other]->path) == kNone) {
-      return;
-    }
+  // kNone stands for what has not been sought, so the end is sought again from the last of them.
+  const Position after = at != kNone ? at : passed.back();
+  for (const Position position : passed) {
+    if (position != after) next[position] = after;
   }
-  Edit();
-  list_[s] = current_[c];
+  return at;
+}
+
+bool FSReconciliation::HasStillItsName(Position s) {
+  const Position c = CurrentByName().FirstNamed(saved_.name(s));
+  return c != kNone && current_.isSameFile(c, saved_, s);
+}
+
+bool FSReconciliation::HadItsName(Position c) {
+  const Position s = SavedByName().FirstNamed(current_.name(c));
+  return s != kNone && saved_.isSameFile(s, current_, c);
 }
 
 void FSReconciliation::Edit() {
-  if (!std::exchange(isEdited_, true)) list_ = saved_;
+  if (edits_.empty()) edits_.resize(saved_.count(), kStays);
 }
 
-void FSReconciliation::Add(Position c) {
+// Takes every entry with the name out of the listing to be, those just appended included.
+void FSReconciliation::Leave(std::string_view name) {
   Edit();
-  added_[c] = static_cast<Position>(list_.size());
-  list_.push_back(current_[c]);
-  if (current_[c]->isFolder) tree_.AddFolder(current_[c]->path);
-}
-
-// Takes every entry with the path out of the saved list, those just added included.
-void FSReconciliation::Remove(const FSPath& path) {
-  Edit();
-  for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
-    list_[s] = nullptr;
+  for (Position s = SavedByName().FirstNamed(name); s != kNone; s = SavedByName().NextNamed(s)) {
+    edits_[s] = kNone;
   }
-  if (const Position c = CurrentByPath().FirstByPath(path); c != kNone && added_[c] != kNone) {
-    list_[added_[c]] = nullptr;
-    added_[c] = kNone;
+  for (Position& c : appended_) {
+    if (c != kNone && current_.name(c) == name) c = kNone;
   }
 }
 
-// As Remove, and the walk passes over the saved entries with the path.
-void FSReconciliation::Leave(const FSPath& path) {
-  for (Position s = SavedByPath().FirstByPath(path); s != kNone; s = SavedByPath().NextByPath(s)) {
-    gone_[s] = true;
+void FSReconciliation::Append(Position c) { appended_.push_back(c); }
+
+FSListingPtr FSReconciliation::MakeListing() const {
+  FSListingBuilder builder;
+  for (Position s = 0; s < saved_.count(); ++s) {
+    const Position edit = edits_.empty() ? kStays : edits_[s];
+    if (edit == kStays) {
+      builder.Add(saved_, s);
+    } else if (edit != kNone) {
+      builder.Add(current_, edit);
+    }
   }
-  Remove(path);
+  for (const Position c : appended_) {
+    if (c != kNone) builder.Add(current_, c);
+  }
+  return builder.Finish();
+}
+
+FSResource FSReconciliation::Current(Position c) const {
+  return {current_.status(c), FSTree::Join(key_, current_.name(c))};
+}
+
+FSResource FSReconciliation::Saved(Position s) const {
+  return {saved_.status(s), FSTree::Join(key_, saved_.name(s))};
+}
+
+void FSReconciliation::Report(const char* action, FSResource resource) {
+  transit_.records.emplace_back(action, std::move(resource));
 }
 
 void FSReconciliation::Log(const char* format, const FSResource& resource) {
   if (!log_.logging) return;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  log_.dolog(FSEventsTree::buildString(format, resource.isFolder ? "dir" : "file",
-                                       resource.path.str().c_str()));
+  log_.dolog(
+      FSEventsTree::buildString(format, resource.isFolder ? "dir" : "file", resource.path.c_str()));
 #pragma GCC diagnostic pop
 }
 
-const FSResourceIndex& FSReconciliation::CurrentByPath() {
-  return made(currentByPath_, current_, FSResourceIndex::Key::path);
+const FSListingIndex& FSReconciliation::CurrentByName() {
+  return made(currentByName_, current_, FSListingIndex::Key::name);
 }
 
-const FSResourceIndex& FSReconciliation::CurrentByINode() {
-  return made(currentByINode_, current_, FSResourceIndex::Key::inode);
+const FSListingIndex& FSReconciliation::CurrentFiles() {
+  return made(currentFiles_, current_, FSListingIndex::Key::identity);
 }
 
-const FSResourceIndex& FSReconciliation::SavedByPath() {
-  return made(savedByPath_, saved_, FSResourceIndex::Key::path);
+const FSListingIndex& FSReconciliation::SavedByName() {
+  return made(savedByName_, saved_, FSListingIndex::Key::name);
 }
 
-const FSResourceIndex& FSReconciliation::SavedByINode() {
-  return made(savedByINode_, saved_, FSResourceIndex::Key::inode);
+const FSListingIndex& FSReconciliation::SavedFiles() {
+  return made(savedFiles_, saved_, FSListingIndex::Key::identity);
 }

@@ -1,94 +1,112 @@
-// One comparison of one folder: what it holds now against what the snapshot says it held.
-// FSEventWatcher makes one per named folder, under mainlock, on the main thread.
+// One comparison of one folder: what it holds now against what has been reported of it. The
+// callback makes one for each named folder, under mainlock, on the main thread.
 //
 // The larger listing is walked (the saved one when they are equal), so that either the gains or the
-// losses are told; entries with another name and changed files are told in both. A walk is linear
-// in the entries: positions are looked up by path and by inode, and the folder's saved list is
-// written once, at the end.
+// losses are reported; entries with another name and changed files are reported in both. A walk is
+// linear in the entries. Its results go to FSTransit: the records, and the listing that the folder
+// has when they are out.
 //
-// Disk and snapshot can differ in ways that two listings alone do not explain. Four of them would
-// leave the reader's picture wrong for good, and are met here.
+// Disk and snapshot can differ in ways that two listings alone do not explain. These would leave
+// the reader's picture wrong for good, or report a move as something else, and are met here.
 //
 // A file with several names: another name of a file that still has its old one is a creation, not a
 // rename; see OldNameOf and NewNameOf.
 //
-// A rename onto a name that existed: what had the name leaves the saved list together with the old
-// name; see Renamed. Were it to stay, the name would count twice and hide a later creation.
+// A rename onto a name that existed: what had the name leaves the listing together with the old
+// name; see Renamed. Where that has another name now too, its rename comes first; see MoveChain. A
+// ring of names cannot be reported as renames: files in a ring are reported as changed, and folders
+// by their contents.
 //
-// A name that is of another kind now: a deletion and a creation; see SameName.
+// A name that is of another kind now: a deletion and a creation. A name that is another file's of
+// the same kind: the saved entry takes over its identity, be there a record or not. See SameName.
 //
-// A disk that moves on during the callback: the saved lists hold what the reader has been told,
-// until a record corrects it. A folder that moves takes its lists along (Renamed; FSChangeBatch for
-// a move between folders), and a scan keeps the records of what it finds saved (FSTree::DirSearch).
+// A folder that cannot be read for now: nothing is reported of it, or of that part of it.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FSChangeEvents.h"
-#include "FSResource.h"
+#include "FSListing.h"
+#include "FSTransit.h"
 #include "FSTree.h"
 
 class FSReconciliation {
  public:
-  // `folder` ends with "/". Records are appended to `batch`.
-  FSReconciliation(const std::string& folder, FSTree& tree, FSChangeEvents& log,
-                   FSChangeList& batch);
+  // `key` is the folder's path without a final "/".
+  FSReconciliation(std::string key, FSTree& tree, FSTransit& transit, FSChangeEvents& log);
   void Run();
 
  private:
   using Position = uint32_t;
-  static constexpr Position kNone = FSResourceIndex::kNone;
+  static constexpr Position kNone = FSListingIndex::kNone;
 
   void WalkCurrent();
   void WalkSaved();
-  bool IsUnchanged(Position c, Position s) const;
 
-  // The cases. Positions are those of the current entry and the saved entry. Deleted leaves it to
-  // its caller to take the entry out of the list.
+  // The cases. Positions are those of the current entry and the saved entry.
   void SameName(Position c, Position s);
-  void Changed(Position c);
+  void SameNameOtherFile(Position c, Position s);
+  void KeepName(Position c, Position s);
+  void MoveChain(Position first);
+  void Ring(const std::vector<std::pair<Position, Position>>& ring);
+  void Changed(Position c, Position s);
   void Renamed(Position c, Position s);
+  void Arrived(Position c);
   void Created(Position c);
   void Deleted(Position s);
 
-  // The saved entry that the current one had as its name before, and the reverse; kNone when it had
-  // none.
+  // The saved entry whose name the current one had before, and the reverse; kNone when there is
+  // none. Entries that are settled are not found.
   Position OldNameOf(Position c);
   Position NewNameOf(Position s);
+  bool HasStillItsName(Position s);
+  bool HadItsName(Position c);
+  template <typename IsOut>
+  Position FirstIn(const FSListingIndex& index, Position from, std::vector<Position>& next,
+                   IsOut isOut);
 
-  bool IsSavedAs(const FSResource& file, const FSPath& path);
-  bool IsNowAs(const FSResource& file, const FSPath& path);
-  void TakeIdentity(Position c, Position s);
+  // The listing to be: saved entries that stay, some of them replaced by the current ones of their
+  // names, then current entries.
+  void Leave(std::string_view name);
+  void Append(Position c);
+  FSListingPtr MakeListing() const;
 
-  void Edit();
-  void Add(Position c);
-  void Remove(const FSPath& path);
-  void Leave(const FSPath& path);
+  FSResource Current(Position c) const;
+  FSResource Saved(Position s) const;
+  void Report(const char* action, FSResource resource);
   void Log(const char* format, const FSResource& resource);
 
-  const FSResourceIndex& CurrentByPath();
-  const FSResourceIndex& CurrentByINode();
-  const FSResourceIndex& SavedByPath();
-  const FSResourceIndex& SavedByINode();
+  const FSListingIndex& CurrentByName();
+  const FSListingIndex& CurrentFiles();
+  const FSListingIndex& SavedByName();
+  const FSListingIndex& SavedFiles();
 
   FSTree& tree_;
+  FSTransit& transit_;
   FSChangeEvents& log_;
-  FSChangeList& batch_;
   const std::string key_;
 
-  FSResourceList current_;
-  const FSResourceList& saved_;  // in the snapshot, until the end of the walk
+  FSTransit::Known known_;
+  FSListingBuilder listed_;
+  FSEntries current_;  // of listed_
+  FSEntries saved_;    // of known_
 
-  std::vector<bool> told_;  // by current position: reported as a creation or under its new name
-  std::vector<bool> gone_;  // by saved position: has another name, or another file has its name
-  std::vector<Position> added_;  // by current position: where it stands in list_
+  // By position: there is nothing more to find out about the entry. Of a saved one, because it has
+  // left its name.
+  std::vector<bool> isCurrentSettled_, isSavedSettled_;
 
-  // The saved list to be, once something in it changes: saved_, then what is added; null where
-  // removed.
-  FSResourceList list_;
-  bool isEdited_ = false;
+  // By position: the next one of the same file that may not be settled, once that has been sought.
+  std::vector<Position> nextCurrent_, nextSaved_;
 
-  std::optional<FSResourceIndex> currentByPath_, currentByINode_, savedByPath_, savedByINode_;
+  // Empty until something is edited. By saved position: the saved entry stays, is replaced by the
+  // current one of this position, or leaves.
+  static constexpr Position kStays = kNone - 1;
+  std::vector<Position> edits_;
+  std::vector<Position> appended_;  // current positions; kNone where taken back
+  void Edit();
+
+  std::optional<FSListingIndex> currentByName_, currentFiles_, savedByName_, savedFiles_;
 };

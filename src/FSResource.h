@@ -1,9 +1,9 @@
 // The values that every other part passes around: what is known of one file or folder (FSResource),
 // one change to report (FSChangedResource), and ordered lists of records with their lookups.
 //
-// Records are immutable once made and shared: the snapshot, the listings and the watched folder's
-// own record may all hold the same one, and the last to let go frees it. None of these types has a
-// lock of its own.
+// Plain values, without a lock of their own. The records in lists are shared and immutable: the
+// last to let go frees them. What a folder held is kept in another form, see FSListing.h; records
+// with their full path are made from it when somebody needs one.
 #pragma once
 
 #include <cstdint>
@@ -11,91 +11,43 @@
 #include <deque>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "FSPath.h"
+#include "FileStatus.h"
 
 // One file or folder as it was when it was examined.
 struct FSResource {
   uint64_t inode;
-  FSPath path;
+  std::string path;
   bool isFolder;
-  timespec created;   // last status change, not the birth time; only its seconds are used
-  timespec modified;  // last data modification; only its seconds are used
-  uint64_t size;      // bytes
-  FSText oldPath;     // of a rename: the path before it; else empty
-  int64_t birth = 0;  // nanoseconds since 1970, 0 when not known; tells files apart, never printed
+  timespec created;         // last status change, not the birth time; only its seconds are used
+  timespec modified;        // last data modification; only its seconds are used
+  uint64_t size;            // bytes
+  std::string oldPath;      // of a rename: the path before it; else empty
+  uint64_t generation = 0;  // with the inode the file's identity (FileIdentity.h); never printed
 
   // The two times come in the reverse of their declared order.
-  FSResource(uint64_t inode, FSPath path, bool isFolder, timespec modified, timespec created,
-             uint64_t size, FSText oldPath);
+  FSResource(uint64_t inode, std::string path, bool isFolder, timespec modified, timespec created,
+             uint64_t size, std::string oldPath);
+  FSResource(const FileStatus& status, std::string path);
+
+  // What the record says of the file, without its path.
+  FileStatus status() const { return {{inode, generation}, isFolder, modified, created, size}; }
 };
 
-using FSResourcePtr = std::shared_ptr<const FSResource>;
-using FSResourceList = std::vector<FSResourcePtr>;
-
-// A copy of the record with another path.
-FSResourcePtr withPath(const FSResource& resource, FSPath path);
-
-struct FSSavedLists;
-
-// One change to report: an action word and a copy of the resource's fields.
+// One change to report: an action word and a copy of the resource's fields. The words are "sync",
+// "create", "delete", "rename", "change", "rootcreate" and "rootdelete".
 struct FSChangedResource : FSResource {
-  std::string_view action;  // a word of the program, such as "create"
+  std::string action;
 
-  // Of a folder's deletion: what the snapshot held of the folder, in case it has only moved. May be
-  // null.
-  std::shared_ptr<FSSavedLists> saved;
-
-  // The text of the action must outlive the record.
-  FSChangedResource(std::string_view action, const FSResource& resource);
+  FSChangedResource(std::string action, FSResource resource);
 };
 
 // The changes of one batch. They stay where they are while it grows.
 using FSChangeList = std::deque<FSChangedResource>;
 
-// Whether two records speak of the same file. Linux gives a deleted file's inode number to the next
-// file made, so the birth time has to agree as well where both records have one.
-inline bool isSameFile(const FSResource& a, const FSResource& b) {
-  return a.inode == b.inode && (a.birth == b.birth || a.birth == 0 || b.birth == 0);
-}
-
-// Positions in a list by path or by inode, made in one pass over the list, which must outlive it
-// unchanged. Equal keys are met in the list's order.
-class FSResourceIndex {
- public:
-  enum class Key { path, inode };
-  static constexpr uint32_t kNone = UINT32_MAX;
-
-  FSResourceIndex(const FSResourceList& list, Key key);
-
-  // The first position with the path, or the next one with the same path after `position`; kNone at
-  // the end. REQUIRES: Key::path.
-  uint32_t FirstByPath(const FSPath& path) const;
-  uint32_t NextByPath(uint32_t position) const;
-
-  // The first position with the inode, or the next one with the same inode; kNone at the end.
-  // REQUIRES: Key::inode.
-  uint32_t FirstByINode(uint64_t inode) const;
-  uint32_t NextByINode(uint32_t position) const;
-
- private:
-  // By position: its key's hash, so that only what is sought has to be looked at, and the next
-  // position in the same bucket.
-  struct Link {
-    uint32_t hash;
-    uint32_t next;
-  };
-
-  uint32_t Bucket(uint32_t hash) const { return heads_[hash & (heads_.size() - 1)]; }
-  uint32_t MatchPath(uint32_t position, uint32_t hash, const FSPath& path) const;
-  uint32_t MatchINode(uint32_t position, uint32_t hash, uint64_t inode) const;
-
-  const FSResourceList& list_;
-  std::vector<uint32_t> heads_;  // size is a power of two
-  std::vector<Link> links_;
-};
+using FSResourcePtr = std::shared_ptr<const FSResource>;
+using FSResourceList = std::vector<FSResourcePtr>;
 
 // An ordered list of records. `count` always equals the length of `items`. A position that is not
 // there is -1, a record that is not there null. Paths compare byte by byte.

@@ -1,39 +1,85 @@
-// The snapshot: what the watched tree looked like when each folder was last compared or scanned,
-// and the scan that fills and lists it. There is one tree per process, owned by FSEventWatcher.
+// The snapshot: the picture of the watched tree that a reader has who applies every record by the
+// rules in docs/records.md. It changes where a record is emitted, by those rules, and nowhere else
+// (Put, Take, Rename); so it is the reader's picture whatever the disk does meanwhile. What the
+// comparisons of a running callback find stands in FSTransit until then.
 //
-// Main thread only; no other thread takes treeMutex today. The lists hold what the reader has been
-// told: an entry stays until a record corrects it, whatever the disk holds meanwhile. That is why a
-// scan with `reportNew` keeps saved records, and why the lists of a folder that moves go with it
-// instead of being read again.
+// One tree per process, owned by FSEventWatcher. Main thread only; treeMutex guards nothing that
+// another thread looks at today.
+//
+// A folder's listing is here under the folder's path. Most folders are known: the listing of the
+// folder above has them. A listing can also be of an unknown folder, when entries of it were
+// reported before the folder itself was.
 #pragma once
 
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "Backoff.h"
 #include "FSChangeEvents.h"
-#include "FSOpenFolder.h"
+#include "FSListing.h"
 #include "FSResource.h"
+#include "OpenFolder.h"
 #include "ThreadSafety.h"
 
-// Saved lists taken out of the snapshot: those of the folder `path` and of every folder below it,
-// by their keys.
-struct FSSavedLists {
-  std::string path;
-  std::vector<std::pair<std::string, FSResourceList>> lists;
-  std::vector<std::string> unread;  // those of the keys that are in FSTree::unread
-  std::string newPath;              // where they have been put in again; empty until then
+// How far a folder could be read.
+enum class FSReading : uint8_t {
+  whole,
+  partial,  // some of it will have to be read again; of that the listing has what is saved
+  absent,   // it is not there, or is no folder: it counts as empty
+  denied,   // for want of permission: likewise
+  failed,   // by a failure that passes; this says nothing
+};
+
+inline FSReading readingOf(Failure failure) {
+  if (failure == Failure::absent) return FSReading::absent;
+  return failure == Failure::denied ? FSReading::denied : FSReading::failed;
+}
+
+inline bool isReadable(FSReading reading) {
+  return reading == FSReading::whole || reading == FSReading::partial;
+}
+
+// What came of reading a folder.
+struct FSLook {
+  FSReading reading;
+  FileIdentity folder;  // of the folder that was read
+};
+
+// What a scan of a new folder asks and reports. The running callback's batch is one.
+class FSScanListener {
+ public:
+  virtual ~FSScanListener() = default;
+
+  // Whether a record still to be emitted concerns what has the path: a scan leaves that out.
+  virtual bool IsPending(const std::string& path) = 0;
+
+  // The listing that comparisons have made of the folder, or null.
+  virtual FSListingPtr OwnListing(const std::string& key) const = 0;
+
+  // The scan has found an entry that is new to the reader.
+  virtual void OnNew(const FSResource& entry) = 0;
+
+  // The scan has read the folder, or could not open it.
+  virtual void OnRead(const std::string& key, const FSListingPtr& listing, const FSLook& look) = 0;
 };
 
 class FSTree {
  public:
-  using Snapshot = std::map<std::string, FSResourceList, std::less<>>;
+  // One folder of the snapshot. What records change in it is in the draft until the callback has
+  // compared it with what was found.
+  struct Folder {
+    FSListingPtr listing;
+    std::unique_ptr<FSListingDraft> draft;
+  };
+  using Snapshot = std::map<std::string, Folder, std::less<>>;
 
   // Empties the tree and scans `path` into it, listing every entry when `showAll` is set. A final
   // "/" is left out, but for the path "/". The queue must outlive the tree.
@@ -45,168 +91,148 @@ class FSTree {
   // path on.
   bool isProhibited(std::string_view path) const;
 
-  // The record of what stands at the path now, or null when it cannot be examined. Links are not
+  // The record of what is at the path now, or null when it cannot be examined. Links are not
   // followed.
   static FSResourcePtr GetResource(const std::string& path);
+
+  // Reads the folder and every folder below it into the snapshot. `listSync` queues a "sync" record
+  // for every entry; `reportNew` queues a "create" record for every entry that is not saved yet,
+  // and keeps those that are. A folder that cannot be opened gives two "error" lines, one that the
+  // path filter refuses gives none.
+  void DirSearch(const std::string& path, bool listSync, bool reportNew) EXCLUDES(treeMutex);
+
+  // The same for a folder that has just been reported as new. `wasKnown`: the reader knew a folder
+  // of this path before that. The listener reports what is new.
+  void ScanNew(const std::string& path, bool listSync, bool wasKnown, FSScanListener& listener)
+      EXCLUDES(treeMutex);
+
+  // ---- Reading the disk.
+
+  // Reads the folder of the key. `saved` is what is known of it: it stands for entries that cannot
+  // be read now. `current` is cleared first; its entries are in listing order, without what the
+  // tool ignores, what vanishes meanwhile, what must not be looked at, and what lies so deep that
+  // no path leads to it.
+  FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
+
+  // ---- The snapshot as the reader's picture. Paths and keys are without a final "/", but for "/".
+
+  // The folder's listing; null when it has none.
+  FSListingPtr Listing(std::string_view key) const;
+
+  // What the reader knows to be at the path; nothing when there is nothing.
+  std::optional<FileStatus> Find(const std::string& path);
+
+  // Whether the folder has a listing, but the reader does not know the folder.
+  bool IsUnknown(std::string_view key) const { return unknown_.contains(key); }
+
+  // The reader's rules: an entry is put in, with a listing of its own if it is a folder; what is at
+  // the path is taken out, with all below it; what is at the old path is moved to the new one, with
+  // all below it, and replaces what is there.
+  void Put(const std::string& path, const FileStatus& status) EXCLUDES(treeMutex);
+  void Take(const std::string& path) EXCLUDES(treeMutex);
+  void Rename(const std::string& oldPath, const std::string& path, const FileStatus& status)
+      EXCLUDES(treeMutex);
+
+  // The paths of what the reader knows below an unknown folder, the deepest first.
+  std::vector<std::string> PathsBelow(const std::string& key) const;
+
+  // Whether the folder's listing has the same entries, of the same kinds and, as to files, with the
+  // same seconds of modification. Adds to `replaced` the subfolders that are others by their
+  // identity, which it gives. False when the folder has no listing.
+  using Replaced = std::vector<std::pair<std::string, FileIdentity>>;
+  bool Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) const;
+
+  // Forgets an unknown folder of which nothing is known any more.
+  void Forget(const std::string& key) EXCLUDES(treeMutex);
+
+  // Sets the folder's listing, whether or not it had one.
+  void SetListing(const std::string& key, FSListingPtr listing) EXCLUDES(treeMutex);
+
+  // Makes listings of all drafts.
+  void FinishDrafts() EXCLUDES(treeMutex);
+
+  // ---- What may be wrong, or cannot be read. Both go with the folders that Take and Rename move.
+
+  // Folders whose listing may be wrong: those that have been put and not been read yet, that are
+  // unknown, or have been compared and not found to agree. They are compared again.
+  std::set<std::string, std::less<>> doubt;
+
+  // Folders that could not be read, or not wholly, with and without listings, and when they are to
+  // be read again.
+  Backoff<std::string> retries;
+
+  // Notes how far the folder could be read.
+  void NoteReading(const std::string& key, FSReading reading) EXCLUDES(treeMutex);
+
+  // The folder's attributes have changed. If it could not be read, that may be otherwise now: it is
+  // compared again. Whether that is so.
+  bool ReadAgain(const std::string& key) EXCLUDES(treeMutex);
+
+  // ---- Paths.
+
+  // The key of a folder named with its final "/": without it, but for "/" itself. And the reverse.
+  static std::string KeyOf(const std::string& folderWithSlash);
+  static std::string FolderOf(const std::string& key);
+
+  // The path of an entry of the folder, and the key of the folder that has what has the path, and
+  // its name there.
+  static std::string Join(const std::string& key, std::string_view name);
+  static std::string_view ParentOf(std::string_view path);
+  static std::string_view NameOf(std::string_view path);
+
+  // ---- Records of single folders, for programs that use the tree as a library. The tool itself
+  // uses none of these.
 
   // The folder's entries on the disk now, in listing order; empty when the folder cannot be read.
   // With or without a final "/".
   FSResourceArray GetCurrentResourceList(const std::string& folder) const;
 
-  // The same without a final "/", and whether the folder and all its entries could be read.
-  bool ReadCurrentList(const std::string& key, FSResourceList& entries) const;
-
-  // The folder's saved entries; empty when it has no saved list. The first takes the folder with
-  // its final "/", the second without.
+  // The folder's saved entries; empty when it has no listing. The first takes the folder with its
+  // final "/", the second without.
   FSResourceArray GetSavedResourceList(const std::string& folderWithSlash) const;
   FSResourceArray GetSavedResourceList2(const std::string& folder) const;
 
-  // Takes every entry with this path out of its folder's saved list, and with `recursive` the saved
-  // lists of the folder `path` and of all folders below it.
+  // Takes every entry with this path out of its folder's listing, and with `recursive` the listings
+  // of the folder `path` and of all folders below it.
   void DeleteSavedResourceList(const std::string& path, bool recursive) EXCLUDES(treeMutex);
 
-  // Appends the record to the folder's saved list, if it has one; a folder gets an empty list of
+  // Appends the record to the folder's listing, if it has one; a folder gets an empty listing of
   // its own.
   void AddDirResource(const std::string& folder, const FSResourcePtr& resource) EXCLUDES(treeMutex);
 
-  // Replaces the folder's saved list by copies of the entries, or of its records without those that
-  // have the resource's path. Nothing when it has no saved list.
+  // Replaces the folder's listing by the entries, or takes out what has the resource's path.
+  // Nothing when it has none.
   void UpdateDir(const std::string& folder, const FSResourceArray& entries) EXCLUDES(treeMutex);
   void DeleteDirResource(const std::string& folder, const FSResource& resource) EXCLUDES(treeMutex);
 
   void ShowSavedResourceList() const {}
 
-  // Reads the folder and every folder below it into the snapshot. `listSync` queues a "sync" record
-  // for every entry; `reportNew` queues a "create" record for every entry that is not saved yet,
-  // and keeps the records of those that are. A folder that cannot be opened gives two "error"
-  // lines, one that the path filter refuses gives none.
-  void DirSearch(const std::string& path, bool listSync, bool reportNew) EXCLUDES(treeMutex);
-
-  // The rest serves the reconciliation and the pairing.
-
-  // The key of a folder named with its final "/": without it, but for "/" itself.
-  static std::string KeyOf(const std::string& folderWithSlash);
-
-  // The reverse, and the key of the folder that holds what has the path.
-  static std::string FolderOf(const std::string& key);
-  static std::string_view ParentOf(std::string_view path);
-
-  // The new path of what stands at or below `from`, when that goes to `to`.
-  static std::string MovedPath(const std::string& path, const std::string& from,
-                               const std::string& to);
-
-  // The saved list under the key, or null.
-  const FSResourceList* SavedList(std::string_view key) const;
-
-  // Whether the reader knows the folder: it stands in its parent's saved list.
-  bool IsSavedFolder(const std::string& key) const;
-
-  // Sets the list under the key, whether or not it had one.
-  void SetSavedList(const std::string& key, FSResourceList entries) EXCLUDES(treeMutex);
-
-  // Gives the folder an empty saved list if it has none, to be filled by the scan that follows its
-  // record.
-  void AddFolder(const std::string& key) EXCLUDES(treeMutex);
-
-  // Takes the lists of the folder and of all below it out of the snapshot.
-  std::shared_ptr<FSSavedLists> TakeSavedLists(const std::string& path) EXCLUDES(treeMutex);
-
-  // Puts taken lists in again under the new path. What the snapshot holds there already comes
-  // first. Returns, as they were under the new path, the folders whose names something else has
-  // there: the reader has to be told that they are gone.
-  // `toldPath` is the folder's new path in the records of the batch, which can be out of date where
-  // a folder above it has moved on.
-  FSResourceList PutSavedLists(FSSavedLists& saved, const std::string& newPath,
-                               const std::string& toldPath) EXCLUDES(treeMutex);
-
-  // A record that is handed on puts another folder in the place of what the reader knows under the
-  // path: takes that out of the lists of the folder and of all below it, and leaves what pending
-  // records will tell.
-  void ForgetReplaced(const std::string& path) EXCLUDES(treeMutex);
-
-  // Where the folder's own lists have been taken, in this callback, and not been put in again, adds
-  // the lists to them. `path` follows the folder to where it stands by now.
-  bool HandOnLists(const FSSavedLists& saved, std::string& path) EXCLUDES(treeMutex);
-
-  // Notes what a comparison is about to tell of a folder that has no saved list, and what a record
-  // that is handed on does to what has been told of such folders.
-  void NoteCompared(const FSResourceList& entries);
-  void NoteTold(const FSChangedResource& record) EXCLUDES(treeMutex);
-
-  // Of what has been told of folders without a saved list, what the reader has to be told is gone:
-  // it is not in the list that the folder has by now, or the folder is not there.
-  FSChangeList TakeUntrue() EXCLUDES(treeMutex);
-
-  // Forgets which lists have been taken, at the end of a callback.
-  void ForgetTaken() { taken_.clear(); }
-
-  // Notes whether a comparison could read the folder. Where its list has been taken, in this
-  // callback, the note goes with the list.
-  void NoteRead(const std::string& key, bool isRead) EXCLUDES(treeMutex);
-  std::vector<std::string> Unread() const { return {unread.begin(), unread.end()}; }
+  // ---- Fields.
 
   FSChangeEvents* changes = nullptr;
   bool showAll = false;
   std::vector<std::string> prohibitedSuffixes;
   std::string rootPath;  // as passed to InitWithPath, without a final "/"
-
-  // Folder path to its direct entries, read and written by the main thread. Written under
-  // treeMutex.
-  Snapshot snapshot;
+  Snapshot snapshot;     // by folder path; written under treeMutex
   Mutex treeMutex;
 
-  // Keys of the snapshot whose folders could not be read, or not wholly, when they were last
-  // compared or scanned,
-  // or have been announced and not been read yet: a folder that moves while the callback is on its
-  // way to it, say. They are compared again at the end of every callback. Written with the
-  // snapshot.
-  std::set<std::string, std::less<>> unread;
-
-  // Paths that records of the running batch, not yet handed on, speak of. A scan with `reportNew`
-  // leaves them to those records: it takes over what the last of them will tell, and nothing where
-  // that is a departure.
-  struct Pending {
-    int records = 0;
-    const FSChangedResource* last = nullptr;  // null for a departure
-  };
-  std::unordered_map<FSPath, Pending, FSPath::Hash> pending;
-
  private:
-  struct Scan;
-  enum class Reading : uint8_t { whole, partial, gone };
-
-  // Folders that do not stand any more where lists are put in, and the taken lists that theirs
-  // belong to, if any.
-  using Elsewhere = std::vector<std::pair<std::string, FSSavedLists*>>;
-
-  void ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan) EXCLUDES(treeMutex);
+  static FileIdentity IdentityOf(const OpenFolder& folder);
+  FSReading ReadFolder(const OpenFolder& folder, const std::string& path, const FSEntries& saved,
+                       FSListingBuilder& current) const;
+  void ScanFolder(const std::string& path, OpenFolder folder, bool listSync, int depth)
+      EXCLUDES(treeMutex);
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
-  FSResourceList ReportEntries(const std::string& path, const FSResourceList& current,
-                               const Scan& scan) EXCLUDES(treeMutex);
-  FSResourcePtr NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
-                         const FSResourceIndex& savedByINode) const;
-  void Queue(const char* action, const FSResource& resource) EXCLUDES(treeMutex);
-  void ForgetTold(const std::string& path, bool isFolder);
-  void ForgetToldBelow(const std::string& path);
-  void MoveTold(const std::string& oldPath, const std::string& newPath);
-  FSResourceList TakeTold(const std::string& key);
-  static Elsewhere::const_iterator Above(const std::string& key, const Elsewhere& elsewhere);
-  void PutSavedList(const std::string& key, const std::string& toldKey,
-                    const FSResourceList& entries, Elsewhere& elsewhere, FSResourceList& replaced);
-  bool IsDeparting(const std::string& path) const;
-  FSSavedLists* FindPlace(std::string& key) const;
-  FSSavedLists* TakenAbove(const std::string& key) const;
-  FSText TextOf(const std::string& key, const FSResourceList* saved) const;
-  Reading ReadFolder(const FSOpenFolder& folder, const std::string& path,
-                     const FSResourceList* saved, FSResourceList& entries) const;
+  void QueueSync(const std::string& path, const FSEntries& entries) EXCLUDES(treeMutex);
 
-  // The lists taken in the running callback, by the folder they were of.
-  std::unordered_map<std::string, std::shared_ptr<FSSavedLists>> taken_;
+  FSListingPtr KnownListing(const std::string& key) const;
+  FSListingDraft& DraftOf(Folder& folder);
+  void PutEntry(const std::string& path, const FileStatus& status);
+  void TakeEntry(const std::string& path);
+  void EraseAtAndBelow(const std::string& path);
+  void MoveAtAndBelow(const std::string& from, const std::string& to);
+  void Rebuild(const std::string& key, const FSResourceList& entries);
 
-  // What the reader is told of the entries of folders without a saved list, by the entries' paths.
-  struct Told {
-    FSResourcePtr resource;
-    bool isTold = false;  // the record has been handed on
-  };
-  std::map<std::string, Told> told_;
+  std::set<std::string, std::less<>> unknown_;  // keys of the snapshot whose folders are unknown
+  std::unordered_set<Folder*> drafted_;         // those of the snapshot that have drafts
 };

@@ -1,7 +1,7 @@
-// The directory scan.
+// The directory scan: of the whole tree into the snapshot, and of a folder that has been reported
+// as new.
 
 #include <cstring>
-#include <memory>
 #include <utility>
 
 #include "FSTree.h"
@@ -11,65 +11,110 @@ namespace {
 
 constexpr int kMostOpen = 32;  // folders held open on the way down
 
-// Whether the list, indexed by inode, holds the file under any name.
-bool holdsFile(const FSResourceList& list, const FSResourceIndex& byINode, const FSResource& file) {
-  uint32_t at = byINode.FirstByINode(file.inode);
-  while (at != FSResourceIndex::kNone && !isSameFile(*list[at], file)) at = byINode.NextByINode(at);
-  return at != FSResourceIndex::kNone;
-}
+// Entries that need not be reported as new.
+class Acquaintance {
+ public:
+  explicit Acquaintance(FSListingPtr listing)
+      : listing_(listing != nullptr ? std::move(listing) : emptyListing()),
+        byName_(listing_->entries(), FSListingIndex::Key::name),
+        files_(listing_->entries(), FSListingIndex::Key::identity) {}
+
+  // Whether they have this one, under its name or another.
+  bool Has(const FSEntries& entries, uint32_t position) const {
+    if (HasKind(entries.name(position), entries.isFolder(position))) return true;
+    return files_.FirstOf(entries.identity(position), entries.isFolder(position)) !=
+           FSListingIndex::kNone;
+  }
+
+  // Whether a folder or not of this name, as selected, is among them.
+  bool HasKind(std::string_view name, bool isFolder) const {
+    const uint32_t at = byName_.FirstNamed(name);
+    return at != FSListingIndex::kNone && listing_->entries().isFolder(at) == isFolder;
+  }
+
+ private:
+  const FSListingPtr listing_;
+  const FSListingIndex byName_, files_;
+};
+
+// Reports what is new by itself, where no callback runs.
+class QueueingListener : public FSScanListener {
+ public:
+  explicit QueueingListener(FSTree& tree) : tree_(tree) {}
+
+  bool IsPending(const std::string&) override { return false; }
+  FSListingPtr OwnListing(const std::string&) const override { return nullptr; }
+  void OnNew(const FSResource& entry) override {
+    tree_.changes->Append({"create", entry});
+    tree_.Put(entry.path, entry.status());
+  }
+  void OnRead(const std::string& key, const FSListingPtr& listing, const FSLook& look) override {
+    tree_.NoteReading(key, look.reading);
+    if (!isReadable(look.reading)) return;
+    if (tree_.Listing(key) == nullptr) tree_.SetListing(key, emptyListing());
+    FSTree::Replaced replaced;
+    const bool agrees = tree_.Agrees(key, listing->entries(), replaced);
+    tree_.FinishDrafts();
+    if (agrees) tree_.SetListing(key, listing);
+    if (agrees) {
+      tree_.doubt.erase(key);
+    } else {
+      tree_.doubt.insert(key);
+    }
+  }
+
+ private:
+  FSTree& tree_;
+};
 
 }  // namespace
 
-struct FSTree::Scan {
-  bool listSync;
-  bool reportNew;
-  int depth = 0;
-};
-
 void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
   if (!Utility::isAllowedPath(path + "/")) return;
-  ScanFolder(path, FSOpenFolder(path, path == rootPath), Scan{listSync, reportNew});
+  if (!reportNew) {
+    ScanFolder(path, OpenFolder(path, path == rootPath), listSync, 0);
+    return;
+  }
+  QueueingListener listener(*this);
+  ScanNew(path, listSync, true, listener);
 }
 
 // The first folders on the way down stay open, so that those below them are quickly found. The
-// others do not, so that the depth of a tree is not bound by the number of open files; nor in the
-// scan of a new folder, where a folder is what stands at its path.
-void FSTree::ScanFolder(const std::string& path, FSOpenFolder folder, Scan scan) {
+// others do not, so that the depth of a tree is not bound by the number of open files.
+void FSTree::ScanFolder(const std::string& path, OpenFolder folder, bool listSync, int depth) {
   if (!folder.isOpen()) {
     ReportUnreadable(path, folder.error());
+    if (folder.failure() != Failure::absent) NoteReading(path, FSReading::failed);
     return;
   }
-  const auto place = snapshot.lower_bound(path);
-  const bool isSaved = place != snapshot.end() && place->first == path;
-  FSResourceList current;
-  const Reading reading = ReadFolder(folder, path, isSaved ? &place->second : nullptr, current);
-  if (reading == Reading::gone) return;
-  std::vector<std::string> subfolders;
-  for (const FSResourcePtr& entry : current) {
-    if (entry->isFolder) subfolders.push_back(entry->path);
-  }
-  if (scan.listSync && !scan.reportNew) {
-    for (const FSResourcePtr& entry : current) Queue("sync", *entry);
-  }
-  if (scan.reportNew) current = ReportEntries(path, current, scan);
-  current.shrink_to_fit();
-  {
-    const MutexLock lock(treeMutex);
-    snapshot.insert_or_assign(place, path, std::move(current));
-    if (reading == Reading::whole) {
-      unread.erase(path);
-    } else {
-      unread.insert(path);
-    }
-  }
-  if (scan.reportNew || ++scan.depth > kMostOpen) folder.Close();
-  for (const std::string& subfolder : subfolders) {
-    if (scan.reportNew && (pending.contains(subfolder) || SavedList(subfolder) == nullptr))
-      continue;
+  FSListingBuilder current;
+  const FSReading reading = ReadFolder(folder, path, {}, current);
+  if (reading == FSReading::absent) return;
+  NoteReading(path, reading);
+  const FSListingPtr listing = current.Finish();
+  if (listSync) QueueSync(path, listing->entries());
+  SetListing(path, listing);
+  if (depth >= kMostOpen) folder.Close();
+  const FSEntries entries = listing->entries();
+  for (uint32_t i = 0; i < entries.count(); ++i) {
+    if (!entries.isFolder(i)) continue;
+    const std::string subfolder = Join(path, entries.name(i));
     if (!Utility::isAllowedPath(subfolder + "/")) continue;
-    const char* const name = subfolder.c_str() + subfolder.rfind('/') + 1;
-    ScanFolder(subfolder,
-               folder.isOpen() ? FSOpenFolder(folder, name) : FSOpenFolder(subfolder, false), scan);
+    OpenFolder below =
+        folder.isOpen() ? OpenFolder(folder, std::string(entries.name(i))) : OpenFolder(subfolder);
+    if (folder.isOpen() && below.failure() == Failure::passing) {
+      // Perhaps for want of descriptors.
+      folder.Close();
+      below = OpenFolder(subfolder);
+    }
+    ScanFolder(subfolder, std::move(below), listSync, depth + 1);
+  }
+}
+
+void FSTree::QueueSync(const std::string& path, const FSEntries& entries) {
+  const MutexLock lock(treeMutex);
+  for (uint32_t i = 0; i < entries.count(); ++i) {
+    changes->Append({"sync", FSResource(entries.status(i), Join(path, entries.name(i)))});
   }
 }
 
@@ -79,55 +124,41 @@ void FSTree::ReportUnreadable(const std::string& path, int error) {
   changes->AppendOutput(changes->templates->Fill("error", std::strerror(error)), true);
 }
 
-// Queues what the scan has to say of each entry, and gives the folder's new saved list: the saved
-// records of what the reader knows already, be it still there or not, and the records of what is
-// new.
-FSResourceList FSTree::ReportEntries(const std::string& path, const FSResourceList& current,
-                                     const Scan& scan) {
-  const FSResourceList saved = GetSavedResourceList2(path).items;
-  const FSResourceIndex savedByPath(saved, FSResourceIndex::Key::path);
-  const FSResourceIndex savedByINode(saved, FSResourceIndex::Key::inode);
-  std::vector<bool> kept(saved.size(), false);
-  FSResourceList told;
-  for (const FSResourcePtr& entry : current) {
-    if (scan.listSync) Queue("sync", *entry);
-    FSResourcePtr known;
-    bool isNew = false;
-    if (const uint32_t at = savedByPath.FirstByPath(entry->path); at != FSResourceIndex::kNone) {
-      known = saved[at];
-      kept[at] = true;
-    } else {
-      known = NewEntry(entry, saved, savedByINode);
-      isNew = known == entry;
+void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
+                     FSScanListener& listener) {
+  FSListingBuilder current;
+  OpenFolder folder(path, path == rootPath);
+  if (!folder.isOpen()) ReportUnreadable(path, folder.error());
+  const FSLook look = folder.isOpen()
+                          ? FSLook{ReadFolder(folder, path, {}, current), IdentityOf(folder)}
+                          : FSLook{readingOf(folder.failure()), {}};
+  folder.Close();
+  const FSListingPtr listing = current.Finish();
+  if (!isReadable(look.reading)) {
+    listener.OnRead(path, listing, look);
+    return;
+  }
+  const Acquaintance own(listener.OwnListing(path));
+  const Acquaintance known(wasKnown ? KnownListing(path) : nullptr);
+  const FSEntries entries = listing->entries();
+  // What was of another kind is left to a comparison, with all below it.
+  const auto isOtherKind = [&](uint32_t position) {
+    return known.HasKind(entries.name(position), !entries.isFolder(position));
+  };
+  for (uint32_t i = 0; i < entries.count(); ++i) {
+    const FSResource entry(entries.status(i), Join(path, entries.name(i)));
+    if (listSync) changes->Append({"sync", entry});
+    if (listener.IsPending(entry.path) || own.Has(entries, i) || known.Has(entries, i) ||
+        isOtherKind(i)) {
+      continue;
     }
-    if (known == nullptr) continue;
-    told.push_back(known);
-    const bool hasList = entry->isFolder && SavedList(entry->path.str()) != nullptr;
-    if (isNew && !hasList) Queue("create", *entry);
-    if (known->isFolder) AddFolder(entry->path);
+    if (!entry.isFolder || listener.OwnListing(entry.path) == nullptr) listener.OnNew(entry);
   }
-  for (size_t i = 0; i < saved.size(); ++i) {
-    if (!kept[i]) told.push_back(saved[i]);
+  listener.OnRead(path, listing, look);
+  for (uint32_t i = 0; i < entries.count(); ++i) {
+    if (!entries.isFolder(i) || isOtherKind(i)) continue;
+    const std::string subfolder = Join(path, entries.name(i));
+    if (listener.IsPending(subfolder) || !Utility::isAllowedPath(subfolder + "/")) continue;
+    ScanNew(subfolder, listSync, known.HasKind(entries.name(i), true), listener);
   }
-  return told;
-}
-
-// What the saved list is to hold of an entry that it does not hold under this name: the entry
-// itself when it is new, what a pending record will tell of it, or nothing when a comparison has to
-// find it.
-FSResourcePtr FSTree::NewEntry(const FSResourcePtr& entry, const FSResourceList& saved,
-                               const FSResourceIndex& savedByINode) const {
-  if (const auto found = pending.find(entry->path); found != pending.end()) {
-    const FSChangedResource* record = found->second.last;
-    if (record == nullptr) return nullptr;
-    auto told = std::make_shared<FSResource>(*record);
-    told->oldPath = {};  // a rename's; what is saved has none
-    return told;
-  }
-  return holdsFile(saved, savedByINode, *entry) ? nullptr : entry;
-}
-
-void FSTree::Queue(const char* action, const FSResource& resource) {
-  const MutexLock lock(treeMutex);
-  changes->Append(FSChangedResource(action, resource));
 }

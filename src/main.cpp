@@ -1,24 +1,21 @@
 // The entry point: announces the version, reads the positional arguments and launches the watcher.
 
-#include <cstdio>
 #include <exception>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "FSEventWatcher.h"
+#include "FSStandardOutput.h"
 
 namespace {
 
-constexpr char kVersion[] = "<version>3.0.7.160915</version>";
-constexpr char kMissingPath[] = "<error>Please pass path to watch or -h for help.</error>";
+constexpr char kVersion[] = "<version>3.0.7.160915</version>\n";
+constexpr char kMissingPath[] = "<error>Please pass path to watch or -h for help.</error>\n";
 constexpr char kUsage[] =
     "Dirwarden usage:\n"
     "Dirwarden [WATCH_DIR] [SHOW_SNAPSHOT=true(default)|false] [LOGGING=true|false(default)] "
-    "[LOG_FILE] [ENCODE_OUTPUT=true(default)|false]";
-
-void print(const char* text) {
-  std::puts(text);
-  std::fflush(stdout);
-}
+    "[LOG_FILE] [ENCODE_OUTPUT=true(default)|false]\n";
 
 struct Settings {
   std::string path;
@@ -31,22 +28,23 @@ struct Settings {
 // Only the exact word that differs from the default changes a switch.
 void readArguments(int count, char** arguments, Settings& settings) {
   settings.path = arguments[1];
-  if (count > 2) settings.showAll = std::string(arguments[2]) != "false";
-  if (count > 3) settings.debugMode = std::string(arguments[3]) == "true";
+  if (count > 2) settings.showAll = std::string_view(arguments[2]) != "false";
+  if (count > 3) settings.debugMode = std::string_view(arguments[3]) == "true";
   if (count > 4) settings.logFile = arguments[4];
-  if (count > 5) settings.doEncodeOutput = std::string(arguments[5]) != "false";
+  if (count > 5) settings.doEncodeOutput = std::string_view(arguments[5]) != "false";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  print(kVersion);
+  FSStandardOutput::EndWithReader();
+  FSStandardOutput::WriteAll(kVersion);
   if (argc < 2) {
-    print(kMissingPath);
+    FSStandardOutput::WriteAll(kMissingPath);
     return 0;
   }
-  if (std::string(argv[1]) == "-h") {
-    print(kUsage);
+  if (std::string_view(argv[1]) == "-h") {
+    FSStandardOutput::WriteAll(kUsage);
     return 0;
   }
   Settings settings;
@@ -55,7 +53,7 @@ int main(int argc, char** argv) {
   } catch (const std::exception&) {
     // Watch with what has been read so far.
   }
-  launchWatcher(settings.path, settings.showAll, settings.debugMode, settings.logFile,
-                settings.doEncodeOutput);
+  launchWatcher(std::move(settings.path), settings.showAll, settings.debugMode,
+                std::move(settings.logFile), settings.doEncodeOutput);
   return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <stdexcept>
 
@@ -61,6 +62,13 @@ std::vector<std::string> split2(std::string_view text, char delimiter) {
 }
 
 std::string urlEncode(const std::string& text) {
+  static const auto escapes = [] {
+    std::array<std::array<char, 3>, 256> made;
+    for (size_t byte = 0; byte < made.size(); ++byte) {
+      charToHex(static_cast<unsigned char>(byte)).copy(made[byte].data(), made[byte].size());
+    }
+    return made;
+  }();
   std::string encoded(3 * text.size(), '\0');
   char* end = encoded.data();
   for (const char c : text) {
@@ -68,9 +76,8 @@ std::string urlEncode(const std::string& text) {
     if (kPassesThrough[byte]) {
       *end++ = c;
     } else {
-      *end++ = '%';
-      *end++ = kDigits[byte >> 4];
-      *end++ = kDigits[byte & 15];
+      std::memcpy(end, escapes[byte].data(), escapes[byte].size());
+      end += escapes[byte].size();
     }
   }
   encoded.resize(static_cast<size_t>(end - encoded.data()));

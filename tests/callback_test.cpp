@@ -1,4 +1,5 @@
 #include "FSChangeBatch.h"
+#include "FSReconciliation.h"
 #include "watcher_test.h"
 
 namespace {
@@ -20,6 +21,11 @@ const char* const kStories[] = {
     "create folder N; create folder N/M; create file N/M/x",
     "move: mv A/f B/f | A/ B/ | rename file A/f -> B/f",
     "moveSourceFirst: mv A/f B/f | B/ A/ | rename file A/f -> B/f",
+    "moveOfAWrittenFile: mv A/f B/f; touch B/f 9 | A/ B/ | "
+    "rename file A/f -> B/f; change file B/f || "
+    "mv B/f A/f; touch A/f 8 | A/ B/ | rename file B/f -> A/f; change file A/f",
+    "moveOfAWrittenFileFromAFolderThatGains: touch A/f 9; mkdir A/n; mv A/f A/n/f | A/n/ A/ A/ | "
+    "create folder A/n; rename file A/f -> A/n/f; change file A/n/f",
     "moveIntoNewFolder: mkdir N; mv A/f N/f | A/ N/ / | create folder N; rename file A/f -> N/f || "
     "mkdir M; mv N/f M/f | M/ / N/ | create folder M; rename file N/f -> M/f || "
     "touch M/f 2 | M/ | change file M/f",
@@ -45,6 +51,18 @@ const char* const kStories[] = {
     "mv A/f A/g | A/ A/ | rename file A/f -> A/g || touch A/f | A/ | create file A/f",
     "ontoExistingFolder: mkdir C | / | create folder C || "
     "mv A C | / / | delete folder C; rename folder A -> C",
+    "ontoExistingFolderBesideOthers: mkdir C | / | create folder C || "
+    "mv A C; touch p; touch q; rm p; rm q; mkdir N/M | / / | "
+    "delete folder C; rename folder A -> C; create folder N; create folder N/M",
+    "ontoMovedName: touch A/g 2 | A/ | create file A/g || "
+    "mv A/g A/h; mv A/f A/g; touch A/f 3 | A/ A/ | "
+    "rename file A/g -> A/h; rename file A/f -> A/g; create file A/f",
+    "ontoNameOfAMovedFile: touch g | / | create file g || "
+    "mv g h; mv A g | / / | rename file g -> h; rename folder A -> g",
+    "fileAndFolderSwap: touch g | / | create file g || mv A t; mv g A; mv t g | / / | "
+    "delete file g; rename folder A -> g; create file A",
+    "replacedInItsSecond: touch o 1; mv o A/f | A/ | - || mv A/f A/h | A/ | "
+    "rename file A/f -> A/h",
     "otherKind: rm A; touch A | A/ / | delete folder A; create file A || "
     "rm A; mkdir A; touch A/f | / | delete file A; create folder A; create file A/f",
     "outOfGoneIntoNewFolder: mkdir N; mv A/f N/f; rm A | N/ / / A/ | "
@@ -63,14 +81,16 @@ class CallbackTest : public WatcherTest {
     watch();
   }
 
-  // One batch during which the disk moves on: runs each command and then compares the folder.
+  // The first pass of a batch during which the disk moves on: runs each command and then compares
+  // the folder.
   Texts interleaved(const std::vector<std::pair<const char*, const char*>>& steps) {
-    FSChangeList found;
+    FSTransit transit(tree());
     for (const auto& [command, name] : steps) {
       folder.run(command);
-      FSEventWatcher::PrintChangedFiles(folder / name, found);
+      FSReconciliation(FSTree::KeyOf(folder / name), tree(), transit, changes()).Run();
     }
-    FSChangeBatch(found).Emit();
+    FSChangeBatch(tree(), changes(), transit).Emit();
+    transit.Check();
     return records();
   }
 };
@@ -95,12 +115,21 @@ TEST_F(CallbackTest, FollowsWhatMovesDuringABatch) {
             (Texts{"rename file A/f -> B/t", "rename file B/t -> B/u"}));
   EXPECT_EQ(interleaved({{"mkdir N", ""}, {"mkdir N/M; mv N O", ""}}),
             (Texts{"create folder N", "rename folder N -> O"}));
-  EXPECT_EQ(batch({}), Texts{"create folder O/M"});
+  EXPECT_EQ(batch({}), Texts{});
+  EXPECT_EQ(batch({"B/"}), Texts{"create folder O/M"});
   EXPECT_EQ(interleaved({{"mkdir N; touch N/x", "N/"}, {"rm N", ""}}), Texts{"create file N/x"});
-  EXPECT_EQ(batch({}), Texts{"delete file N/x"});
+  EXPECT_EQ(batch({"B/"}), Texts{"delete file N/x"});
   EXPECT_EQ(interleaved({{"mv O B/O", "B/"}, {"", ""}, {"mv B/O B/P; rm B/P/M", "B/"}}),
             (Texts{"rename folder O -> B/O", "rename folder B/O -> B/P"}));
   EXPECT_EQ(batch({"B/P/"}), Texts{"delete folder B/P/M"});
+}
+
+TEST_F(CallbackTest, PairsNoFolderWithOneBelowIt) {
+  folder.run("mkdir e; mkdir a");
+  batch({"/"});
+  EXPECT_EQ(interleaved({{"mv a i; mv e i/e; mv i e", "e/"}, {"", ""}}),
+            (Texts{"create folder e/e", "delete folder e", "rename folder a -> e"}));
+  EXPECT_EQ(batch({"e/"}), Texts{"create folder e/e"});
 }
 
 TEST_F(CallbackTest, GivesARenameTheAttributesOfItsEarlierHalf) {

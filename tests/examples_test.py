@@ -16,7 +16,7 @@ import tempfile
 import time
 from urllib.parse import quote, unquote_to_bytes
 
-from picture import difference, disk
+from picture import difference, disk, kinds
 
 SKIPPED = 77
 PATIENCE = 15  # seconds for one step
@@ -115,7 +115,7 @@ def follows_steps(interpreter, path, tool, base):
                        env={**os.environb, b"w": root})
         if i == 0:
             example = Example(interpreter, path, root, tool)
-        if missing := example.follows(disk(root), words):
+        if missing := example.follows(kinds(disk(root)), words):
             print(f"after {commands}: (path, picture, disk)", *missing, "said last:", *example.said[-20:], sep="\n  ")
             return False
         example.said.clear()

@@ -17,7 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Before "open PATH", "status PATH" or "watch PATH": the error number to fail with, or 0.
+// Before "open PATH", "list PATH", "status PATH" or "watch PATH": the error number to fail with, or
+// 0.
 std::function<int(const std::string& call)> before;
 
 constexpr size_t kOneEvent = sizeof(inotify_event) + 16;  // with a short name
@@ -26,6 +27,8 @@ struct Queue {
   int reads = INT_MAX;     // that get something
   bool isFull = false;     // and has lost what the next read does not get
 } queue;
+
+bool ignoresCase = false;  // a folder can be opened by its name in the other case
 
 bool fails(const char* call, int folder, const std::string& name) {
   std::error_code ignored;
@@ -40,7 +43,12 @@ bool fails(const char* call, int folder, const std::string& name) {
 extern "C" {
 int __real_openat(int folder, const char* name, int flags, ...);
 int __wrap_openat(int folder, const char* name, int flags, ...) {
-  return fails("open ", folder, name) ? -1 : __real_openat(folder, name, flags);
+  if (fails("open ", folder, name)) return -1;
+  const int opened = __real_openat(folder, name, flags);
+  if (opened >= 0 || !ignoresCase) return opened;
+  std::string other = name;
+  other.back() ^= 'a' ^ 'A';
+  return __real_openat(folder, other.c_str(), flags);
 }
 
 int __real_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status);
@@ -58,6 +66,11 @@ int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
   inotify_rm_watch(inotify, added);
   errno = error;
   return -1;
+}
+
+ssize_t __real_getdents64(int folder, void* buffer, size_t size);
+ssize_t __wrap_getdents64(int folder, void* buffer, size_t size) {
+  return fails("list ", folder, "") ? -1 : __real_getdents64(folder, buffer, size);
 }
 
 ssize_t __real_read(int file, void* buffer, size_t size);
@@ -99,12 +112,14 @@ class FaultTest : public WatcherTest {
     };
   }
 
-  void watchTable() { table.WatchRoot(folder / "t", openFolder(AT_FDCWD, folder / "t")); }
+  void watchTable() { table.WatchRoot(folder / "t", OpenFolder(folder / "t")); }
 
   // What is named once all is read and visited.
   Names cut() {
     table.Read();
     for (int visits = 0; visits < 20; ++visits) table.VisitNext();
+    for (now += std::chrono::minutes(1); table.RetryNext(now);) {
+    }
     Names names;
     isLost = false;
     for (const auto& [path, flags] : table.Cut()) {
@@ -139,6 +154,7 @@ class FaultTest : public WatcherTest {
   }
 
   WatchTable table;
+  WatchTable::Time now;
   bool isLost = false;
   int injected = 0;
 };
@@ -155,7 +171,7 @@ TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
     watchTable();
     EXPECT_EQ(cut(), Names{});
     folder.run("touch t/a/b/f; rm t/a/f; mkdir t/n/m");
-    EXPECT_EQ(cut(), (Names{"t/", "t/a/", "t/a/b/", "t/n/"}));
+    EXPECT_EQ(cut(), (Names{"t/", "t/a/", "t/a/b/", "t/n/", "t/n/m/"}));
     size_t unwatched = 0;
     for (const std::string& path : pieces(refused)) unwatched += fs::exists(folder / path);
     EXPECT_EQ(table.UnwatchedCount(), unwatched);
@@ -204,6 +220,18 @@ TEST_F(FaultTest, EndsInStepWithTheDisk) {
     expectInStep();
     folder.run("rm t");
   }
+}
+
+TEST_F(FaultTest, FollowsAFolderToItsNameInTheOtherCase) {
+  ignoresCase = true;
+  folder.run("mkdir t/d/e");
+  watchTable();
+  for (const std::string move : {"mv t/d t/D", "mv t/D t/d"}) {
+    folder.run(move);
+    EXPECT_EQ(cut(), Names{"t/"});
+    EXPECT_EQ(expectInStep(), Names{});
+  }
+  ignoresCase = false;
 }
 
 TEST_F(FaultTest, ShortReadsLoseNothingAndAMoveStaysWhole) {
@@ -267,13 +295,53 @@ TEST_F(FaultTest, WhatVanishesDuringAListingIsLeftOut) {
   EXPECT_EQ(batch({"/"}), (Texts{"create folder O", "create folder O/M"}));
 }
 
-TEST_F(FaultTest, WhatCannotBeLookedAtIsLookedAtAgain) {
-  folder.run("mkdir A; touch A/f; touch A/g");
-  watch();
-  inject({{"status A/g", "fail"}}, EIO);
-  EXPECT_EQ(batch({"A/"}), Texts{"delete file A/g"});
-  inject({});
-  EXPECT_EQ(batch({"/"}), Texts{"create file A/g"});
+// A failure that passes says nothing; want of permission says that nothing is there. Either is
+// tried again by itself at its own times, or when the folder's attributes change.
+TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
+  struct Case {
+    std::string call;
+    int error;
+    std::string told, later;
+  };
+  const Case cases[] = {
+      {"open A", EMFILE, "", "delete file A/f; create file A/n"},
+      {"open A", ESTALE, "", "delete file A/f; create file A/n"},
+      {"list A", EIO, "", "delete file A/f; create file A/n"},
+      {"status A/g", EIO, "delete file A/f; create file A/n", ""},
+      {"status A/n", ETIMEDOUT, "delete file A/f", "create file A/n"},
+      {"status A/g", EACCES, "delete file A/f; delete file A/g; create file A/n",
+       "create file A/g"},
+      {"open A", EACCES, "delete file A/f; delete file A/g", "create file A/g; create file A/n"},
+  };
+  for (const auto& [call, error, told, later] : cases) {
+    for (const bool isAttribute : {false, true}) {
+      SCOPED_TRACE(call + ": " + strerror(error));
+      folder.run("mkdir A; mkdir B; touch A/f; touch A/g");
+      watch();
+      folder.run("touch A/n; rm A/f");
+      const auto sorted = [](Texts records) {
+        std::ranges::sort(records);
+        return records;
+      };
+      inject({{call, "fail"}}, error);
+      EXPECT_EQ(sorted(batch({"A/", "A/"})), sorted(pieces(told, "; ")));
+      EXPECT_GT(injected, 0);
+      const auto next = tree().retries.Next();
+      ASSERT_TRUE(next);
+      FSEventWatcher::RetryUnread(*next);
+      EXPECT_EQ(records(), Texts{});
+      EXPECT_EQ(*tree().retries.Next(), *next + std::chrono::seconds(2));
+      inject({});
+      EXPECT_EQ(batch({"B/"}), Texts{});
+      FSEventWatcher::RetryUnread(*next);
+      EXPECT_EQ(records(), Texts{}) << "before its time";
+      if (isAttribute) chmod((folder / "A").c_str(), 0700);
+      if (!isAttribute) FSEventWatcher::RetryUnread(*next + std::chrono::seconds(2));
+      EXPECT_EQ(sorted(isAttribute ? batch({"/"}) : records()), sorted(pieces(later, "; ")));
+      EXPECT_FALSE(tree().retries.Next());
+      folder.run("rm A");
+    }
+  }
 }
 
 }  // namespace

@@ -1,4 +1,8 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
 
 #include "FSChangeEvents.h"
 #include "support.h"
@@ -46,38 +50,86 @@ TEST(Templates, AreFoundByExactKeyAndFilledWithTextsOfAnyLength) {
   }
 }
 
-TEST(Queue, IsWrittenInOrderAtItsPaceUntilStopped) {
+class Queue : public testing::Test {
+ protected:
+  Queue() { testing::internal::CaptureStdout(); }
+  ~Queue() override { testing::internal::GetCapturedStdout(); }
+
+  // What has been written to standard output, which is a file here.
+  static std::string written() { return readFile("/proc/self/fd/1"); }
+  static size_t writtenLines() { return pieces(written(), "\n").size(); }
+
   FSChangeEvents changes;
+};
+
+TEST_F(Queue, IsWrittenInOrderUntilStopped) {
   changes.encodeOutput = true;
   changes.StopThrow();
   changes.AppendOutput("first", false);
   changes.Append(change("rootcreate", true));
   for (const char* line : {"", "last"}) changes.AppendOutput(line, true);
-
-  testing::internal::CaptureStdout();
-  const auto start = std::chrono::steady_clock::now();
-  bool inTime = true;
-  for (const int limit : {-1, 0}) {  // cycles that write nothing, but flush
+  for (const int limit : {-1, 0}) {  // cycles that write nothing
     changes.StartThrow(limit);
-    std::fputs("-", stdout);
-    struct stat output;
-    inTime &= comesTrue([&] { return fstat(1, &output) == 0 && output.st_size > limit + 1; });
+    changes.StopThrow();
+    EXPECT_EQ(written(), "");
   }
-  changes.StartThrow(3);
-  inTime &= comesTrue([&] { return queued(changes) == 0; });
+  changes.StartThrow(4);
+  EXPECT_TRUE(comesTrue([&] { return queued(changes) == 0; }));
   changes.StopThrow();
   changes.AppendOutput("late", false);
   changes.StopThrow();
-  const size_t left = queued(changes);
+  EXPECT_EQ(queued(changes), 1U);
   changes.StartThrow(1);
-  inTime &= comesTrue([&] { return queued(changes) == 0; });
+  EXPECT_TRUE(comesTrue([&] { return queued(changes) == 0; }));
   changes.StopThrow();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "--first\n<folder action=\"rootcreate\" inode=\"42\">"
+  EXPECT_EQ(written(),
+            "first\n<folder action=\"rootcreate\" inode=\"42\">"
             "%2fw%2f50%25s%20%3cb%3e%2ec</folder>\n\nlast\nlate\n");
-  EXPECT_EQ(left, 1U);
-  EXPECT_TRUE(inTime);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(Queue, IsWrittenInCyclesOfSoManyLines) {
+  for (int i = 0; i < 7500; ++i) changes.AppendOutput(std::string(300, 'x'), false);
+  const auto start = std::chrono::steady_clock::now();
+  changes.StartThrow(3000);
+  for (const size_t lines : {3000U, 6000U, 7500U}) {
+    EXPECT_TRUE(comesTrue([&] { return writtenLines() >= lines; }));
+    EXPECT_EQ(writtenLines(), lines);
+    EXPECT_EQ(queued(changes), 7500 - lines);
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+// Nothing is lost or torn when a disk is full for a while. A limit on the size of files does as
+// well.
+TEST_F(Queue, KeepsWhatIsRefused) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  std::string all;
+  for (int i = 0; i < 100; ++i) {
+    changes.AppendOutput("line " + std::to_string(i), false);
+    all += "line " + std::to_string(i) + "\n";
+  }
+  for (const rlim_t limit : {rlim_t{0}, rlim_t{100}, rlim_t{350}, before.rlim_cur}) {
+    const rlimit now{limit, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &now);
+    changes.StartThrow(3000);
+    EXPECT_TRUE(comesTrue([&] { return written().size() >= std::min<rlim_t>(limit, all.size()); }));
+    changes.StopThrow();
+    EXPECT_EQ(written(), all.substr(0, limit));
+    const auto complete = static_cast<size_t>(std::ranges::count(all.substr(0, limit), '\n'));
+    EXPECT_EQ(queued(changes), 100 - complete);
+  }
+}
+
+TEST_F(Queue, EndsTheProcessWhenNobodyCanReadIt) {
+  changes.AppendOutput("lost", false);
+  const auto closeAndStart = [&] {
+    close(STDOUT_FILENO);
+    changes.StartThrow(3000);
+    comesTrue([] { return false; });
+  };
+  EXPECT_EXIT(closeAndStart(), testing::KilledBySignal(SIGPIPE), "");
 }
 
 TEST(DebugLog, HoldsUnencodedRecordsAndIsMadeAgain) {

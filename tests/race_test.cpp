@@ -6,15 +6,17 @@
 
 #include <cstdarg>
 #include <functional>
-#include <map>
 #include <random>
+#include <set>
 
 #include "WatchTable.h"
+#include "reader.h"
 #include "watcher_test.h"
 
 namespace {
 
 std::function<void()> beforeOpening;
+bool isInCallback = false;
 
 // Environment variable RACE_SEEDS: how many seeds to try.
 int seeds() {
@@ -24,7 +26,7 @@ int seeds() {
 
 class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
  protected:
-  using Kinds = std::map<std::string, bool>;  // whether it is a folder, by path below the root
+  using Entries = Reader::Entries;
 
   ~RaceTest() override {
     beforeOpening = nullptr;
@@ -45,60 +47,40 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     if (verb == "touch") command += " " + std::to_string(++clock_);
     if (verb == "out") command = "mv " + name + " " + outside(random());
     if (verb == "in") command = "mv " + outside(random()) + " " + name;
-    if (folder.tryToRun(command)) done += command + "; ";
+    if (!folder.tryToRun(command)) return;
+    done += command + "; ";
+    if (verb == "ln") {
+      const FSResourcePtr file = FSTree::GetResource(folder / name);
+      linked.emplace(file->inode, file->generation);
+    }
   }
 
-  Kinds disk() const {
-    Kinds found;
+  static int64_t asEntry(const FSResource& resource) {
+    return resource.isFolder ? Reader::kFolder : resource.modified.tv_sec;
+  }
+
+  // What is there now. A write through another name of a file is not told for this one, so of files
+  // that have or had several, the second is the reader's.
+  Entries disk() const {
+    Entries found;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
-      found[shortened(entry.path().string())] = entry.is_directory();
+      const FSResourcePtr now = FSTree::GetResource(entry.path());
+      const std::string path = shortened(entry.path().string());
+      const auto told = reader.entries.find(path);
+      const bool isLinked = linked.contains({now->inode, now->generation});
+      const bool isFile = told != reader.entries.end() && told->second != Reader::kFolder;
+      found[path] = isLinked && isFile ? told->second : asEntry(*now);
     }
     return found;
   }
 
-  // Takes the path and all below it out of the picture.
-  void drop(const std::string& path) {
-    const bool isFolder = picture.contains(path) && picture[path];
-    std::erase_if(picture, [&](const auto& entry) {
-      return entry.first == path || (isFolder && entry.first.starts_with(path + "/"));
-    });
-  }
-
-  void follow(const std::string& record) {
-    const Texts words = pieces(record);
-    const std::string &action = words[0], &old = words[2], &name = words.back();
-    const bool isFolder = words[1] == "folder";
-    if (action == "create" && picture.contains(name) && picture[name] == isFolder) return;
-    Kinds below;
-    if (action == "rename" && isFolder) {
-      for (const auto& [path, kind] : picture) {
-        if (path.starts_with(old + "/")) below[name + path.substr(old.size())] = kind;
-      }
-    }
-    if (action == "rename") drop(old);
-    if (action != "change") drop(name);
-    if (action == "create" || action == "rename") picture[name] = isFolder;
-    picture.merge(below);
-  }
-
-  // The picture without what has been told of folders that the reader does not know yet.
-  Kinds known() const {
-    Kinds found = picture;
-    std::erase_if(found, [](const auto& entry) {
-      const size_t slash = entry.first.rfind('/');
-      return slash != std::string::npos &&
-             tree().SavedList(_path + "/" + entry.first.substr(0, slash)) == nullptr;
-    });
-    return found;
-  }
-
-  // What the snapshot says that the reader has been told.
-  Kinds told() const {
-    Kinds found;
-    for (const auto& [key, list] : tree().snapshot) {
-      for (const FSResourcePtr& entry : list) {
+  // What the snapshot says that the reader has.
+  Entries snapshot() const {
+    Entries found;
+    for (const auto& [key, ignored] : tree().snapshot) {
+      for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
         const std::string path = shortened(entry->path);
-        if (!found.emplace(path, entry->isFolder).second) found["twice: " + path] = true;
+        if (!found.emplace(path, asEntry(*entry)).second) found["twice: " + path] = 0;
       }
     }
     return found;
@@ -111,10 +93,10 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     for (const std::string& path : paths) batches += " " + shortened(path);
     batches += ";";
     table.BeginDelivery();
-    for (const std::string& record : batch(paths)) {
-      if (!record.starts_with("error")) follow(record);
-      seen += record + "; ";
-    }
+    isInCallback = true;
+    for (const std::string& record : batch(paths)) seen += record + "; ";
+    isInCallback = false;
+    for (const std::string& line : lines) reader.follow(line);
     table.Read();
     table.EndDelivery();
   }
@@ -132,7 +114,8 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
 
   WatchTable table;
   std::mt19937 random;
-  Kinds picture;
+  Reader reader;
+  std::set<std::pair<uint64_t, uint64_t>> linked;  // files that have or had several names
   std::string done, seen, batches;
 
  private:
@@ -145,7 +128,9 @@ INSTANTIATE_TEST_SUITE_P(OnceWrong, RaceTest, testing::Values(48));
 TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
   random.seed(static_cast<unsigned>(GetParam()));
   watch();
-  table.WatchRoot(folder.path(), openFolder(AT_FDCWD, folder.path()));
+  reader = Reader(_path);
+  table.WatchRoot(folder.path(), OpenFolder(folder.path()));
+  int injected = 0;
   for (int round = 1; round <= 1000; ++round) {
     done = seen = batches = "";
     for (auto count = random() % 8; count > 0; --count) change();
@@ -154,29 +139,27 @@ TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
     beforeOpening = [&] {
       if (often == 0 || most == 0 || random() % (often * often) != 0) return;
       --most;
+      ++injected;
       change();
     };
     for (int deliveries = 1; deliveries == 1 || table.HasChanges(); ++deliveries) {
       if (deliveries == 5) most = 0;
       ASSERT_LT(deliveries, 20) << state(round);
       deliver();
-      ASSERT_EQ(known(), told()) << state(round);
+      ASSERT_EQ(reader.entries, snapshot()) << state(round);
     }
-    ASSERT_EQ(picture, disk()) << state(round);
+    ASSERT_EQ(reader.entries, disk()) << state(round);
   }
+  EXPECT_GT(injected, 500);
 }
 
 }  // namespace
 
 extern "C" {
-int __real_open(const char* path, int flags, ...);
+int __real_openat(int folder, const char* path, int flags, ...);
 
-int __wrap_open(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
-  va_end(arguments);
-  if (beforeOpening && (flags & O_DIRECTORY) != 0) beforeOpening();
-  return __real_open(path, flags, mode);
+int __wrap_openat(int folder, const char* path, int flags, ...) {
+  if (beforeOpening && isInCallback && (flags & O_DIRECTORY) != 0) beforeOpening();
+  return __real_openat(folder, path, flags);
 }
 }

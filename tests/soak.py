@@ -2,7 +2,11 @@
 """Random changes to a tree that the real tool watches; the picture kept from its records must come to equal the
 disk whenever the tree has been quiet for a few seconds.
 
-usage: soak.py TOOL SECONDS [SEED] [MODE ...]
+usage: soak.py [--on PLACE] [--rounds ROUNDS] TOOL SECONDS [SEED] [MODE ...]
+
+PLACE is a folder, or the name of a file system that is made for it (tests/places.py): tmpfs, ext4-128, xfs, btrfs (with
+subvolumes and snapshots), overlay, bindfs, binds (parts of the tree are mounted at other places of it too) and mounts
+(file systems come, go and move in it). Exit status 77: it cannot be had here.
 
 Modes (all of them in turn when none is named): mixed, burst (more lines than the emitter's pace), stopped (the tool
 is stopped while the kernel's queue overflows), stalled (nobody reads for a while), root (the watched folder itself
@@ -10,6 +14,7 @@ goes, comes and is replaced). A failure prints the seed, the first differences a
 and the exit status is 1.
 """
 
+import argparse
 import os
 import random
 import shutil
@@ -18,7 +23,8 @@ import sys
 import tempfile
 import time
 
-from picture import difference, disk
+import places
+from picture import FOLDER, difference, disk
 from tool import Tool
 
 MODES = ["mixed", "burst", "stopped", "stalled", "root"]
@@ -30,19 +36,24 @@ NAMES = [b"a", b"b", b"c", b"d", b"e", b"f g", b"h.txt", b"i.tmp", b"\xff\xfe", 
 class Mutator:
     """Random operations below one folder, and a spare folder beside it that entries move out to and back from."""
 
-    def __init__(self, chance, base):
+    def __init__(self, chance, base, place):
         self.chance = chance
         self.root = os.path.join(base, b"watched")
         self.spare = os.path.join(base, b"spare")
-        os.mkdir(self.root)
-        os.mkdir(self.spare)
+        os.makedirs(self.root, exist_ok=True)
+        os.makedirs(self.spare, exist_ok=True)
         self.done = []
+        self.linked = set()  # (device, inode) of the files that have or had several names
         self.clock = 1_000_000_000
         self.operations = [
             (8, self.write), (6, self.make_folder), (3, self.make_nested), (8, self.rename), (6, self.rename_folder),
             (4, self.remove), (2, self.remove_tree), (3, self.link), (2, self.symlink), (3, self.swap_kind),
             (2, self.move_out), (3, self.move_in), (3, self.unpack), (2, self.exchange), (2, self.save_atomically),
             (2, self.replace_at_once)]
+        self.operations += {"btrfs": [(3, self.subvolume), (2, self.snapshot)],
+                            "binds": [(2, self.bind_within), (1, self.unmount)],
+                            "mounts": [(3, self.mount), (2, self.bind_within), (2, self.move_mount), (3, self.unmount),
+                                       (2, self.mount_instead)]}.get(place, [])
         self.weights = [weight for weight, _ in self.operations]
 
     def folders(self, top=None):
@@ -143,6 +154,8 @@ class Mutator:
     def link(self):
         old, new = self.entry(self.is_file), self.fresh()
         os.link(old, new)
+        status = os.lstat(new)
+        self.linked.add((status.st_dev, status.st_ino))
         return "link", old, new
 
     def symlink(self):
@@ -213,6 +226,55 @@ class Mutator:
         self.fill(new)
         return "rm and touch", path, new
 
+    def subvolume(self):
+        path = self.fresh()
+        places.run("btrfs", "subvolume", "create", path)
+        return "subvolume", path
+
+    def snapshot(self):
+        """Of a subvolume, with the inode numbers and times of the one it is taken of."""
+        path, new = self.chance.choice(self.folders()), self.fresh()
+        places.run("btrfs", "subvolume", "snapshot", path, new)
+        return "snapshot", path, new
+
+    def mount(self):
+        path = self.chance.choice(self.folders()[1:] or [b""])
+        places.run("mount", "-t", "tmpfs", "none", path)
+        self.fill(os.path.join(path, self.name()))
+        return "mount", path
+
+    def bind_within(self):
+        """Some folder, of the tree or beside it, at some place of the tree."""
+        if len(places.mounts_below(self.root)) > 5:
+            raise OSError
+        what, path = [self.chance.choice(self.folders()[1:] or [b""]) for _ in range(2)]
+        if self.chance.random() < 0.2:
+            what = self.spare
+        if (path + b"/").startswith(what + b"/"):
+            raise OSError
+        places.run("mount", "--bind", what, path)
+        return "bind", what, path
+
+    def mounted(self):
+        return self.chance.choice(places.mounts_below(self.root) or [b""])
+
+    def unmount(self):
+        path = self.mounted()
+        places.run("umount", *self.chance.choice([[], ["-l"]]), path)
+        return "unmount", path
+
+    def move_mount(self):
+        path, new = self.mounted(), self.chance.choice(self.folders())
+        places.run("mount", "--move", path, new)
+        return "move mount", path, new
+
+    def mount_instead(self):
+        """What is mounted gives way to something else at once: the kernel uses the free number again."""
+        path, what = self.mounted(), self.chance.choice(self.folders(self.spare))
+        places.run("umount", path)
+        places.run("mount", "--bind", what, path)
+        return "mount instead", path, what
+
     def replace_root(self):
         away = self.root + b".away"
         os.rename(self.root, away)
@@ -236,7 +298,7 @@ class Mutator:
 
 def settle(tool, mutator):
     """Waits until the picture equals the disk; the differences that are left when it does not come to that."""
-    now = disk(mutator.root)
+    now = disk(mutator.root, mutator.linked)
     backlog = len(difference(tool.picture.entries, now))
     deadline = time.monotonic() + PATIENCE + 3 * backlog / LINES_PER_SECOND
     while True:
@@ -290,19 +352,20 @@ def disturb(mode, tool, mutator, chance):
             mutator.step()
 
 
+def remove(entries):
+    for entry in entries:
+        if entry.is_dir(follow_symlinks=False):
+            shutil.rmtree(entry.path, ignore_errors=True)  # mounts in it stay
+        else:
+            os.unlink(entry.path)
+
+
 def shrink(mutator):
     """Keeps the tree small enough for many rounds."""
     if len(mutator.folders()) > 250:
-        for entry in list(os.scandir(mutator.root)):
-            if entry.is_dir(follow_symlinks=False):
-                shutil.rmtree(entry.path)
-            else:
-                os.unlink(entry.path)
-    for entry in list(os.scandir(mutator.spare))[20:]:
-        if entry.is_dir(follow_symlinks=False):
-            shutil.rmtree(entry.path)
-        else:
-            os.unlink(entry.path)
+        places.unmount_below(mutator.root)
+        remove(list(os.scandir(mutator.root)))
+    remove(list(os.scandir(mutator.spare))[20:])
 
 
 def report(seed, rounds, mode, left, tool, mutator):
@@ -317,26 +380,48 @@ def report(seed, rounds, mode, left, tool, mutator):
     for line in [line for line in tool.lines if any(
             n in line or n.replace(b".", b"%2e") in line for n in names[-1:])][-15:]:
         print("  ", line.decode(errors="replace").rstrip())
-    folders = 1 + list(disk(mutator.root).values()).count("folder")
+    folders = 1 + list(disk(mutator.root).values()).count(FOLDER)
     print(f"{folders} folders, {tool.watches()} watches")
     for line in tool.picture.oddities[:5]:
         print("   odd:", line.decode(errors="replace").rstrip())
 
 
+def arguments():
+    parser = argparse.ArgumentParser(usage="soak.py [--on PLACE] [--rounds ROUNDS] TOOL SECONDS [SEED] [MODE ...]")
+    parser.add_argument("--on", default=tempfile.gettempdir())
+    parser.add_argument("--rounds", type=int, default=sys.maxsize)
+    parser.add_argument("tool")
+    parser.add_argument("seconds", type=float)
+    parser.add_argument("seed", type=int, nargs="?", default=random.randrange(1 << 32))
+    parser.add_argument("modes", nargs="*", metavar="MODE")
+    return parser.parse_args()
+
+
 def main():
-    binary, seconds = sys.argv[1], float(sys.argv[2])
-    seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 32)
-    modes = sys.argv[4:] or MODES
+    given = arguments()
+    is_own = given.on in places.FILE_SYSTEMS
+    if is_own:
+        places.enter_namespace()
+    base = tempfile.mkdtemp(prefix="soak", dir=None if is_own else given.on).encode()
+    try:
+        return soak(given, places.prepare(given.on, base))
+    finally:
+        for watching in Tool.all:
+            watching.process.kill()
+        places.clear(base)
+
+
+def soak(given, base):
+    seed, modes = given.seed, given.modes or MODES
     chance = random.Random(seed)
-    base = tempfile.mkdtemp(prefix="soak").encode()
-    mutator = Mutator(chance, base)
+    mutator = Mutator(chance, base, given.on)
     for _ in range(50):
         mutator.step()
-    tool = Tool(binary, mutator.root)
-    end = time.monotonic() + seconds
+    tool = Tool(given.tool, mutator.root)
+    end = time.monotonic() + given.seconds
     rounds, failed = 0, False
     memory = []
-    while time.monotonic() < end and not failed:
+    while time.monotonic() < end and rounds < given.rounds and not failed:
         mode = modes[rounds % len(modes)]
         rounds += 1
         disturb(mode, tool, mutator, chance)
@@ -346,8 +431,6 @@ def main():
             report(seed, rounds, mode, left, tool, mutator)
         memory.append(tool.memory() if tool.process.poll() is None else 0)
         shrink(mutator)
-    tool.process.kill()
-    shutil.rmtree(base, ignore_errors=True)
     print(f"seed {seed}: {rounds} rounds, {len(mutator.done)} operations, {len(tool.lines)} records, "
           f"{len(tool.picture.oddities)} odd ones, memory {memory[0]} to {memory[-1]} KiB")
     return 1 if failed else 0

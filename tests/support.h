@@ -107,6 +107,12 @@ class TempFolder {
     }
   }
 
+  // Exchanges two names. Returns whether it was done.
+  bool swap(const std::string& one, const std::string& other) const {
+    return renameat2(AT_FDCWD, (*this / one).c_str(), AT_FDCWD, (*this / other).c_str(),
+                     RENAME_EXCHANGE) == 0;
+  }
+
   // Runs one command, which may be impossible. Returns whether it was done.
   bool tryToRun(const std::string& command) const try {
     run(command);

@@ -51,11 +51,11 @@ class Tool:
 
     def watches(self):
         """The watches that the kernel counts for the instance that follows the tree."""
-        counts = []
-        for name in os.listdir(f"/proc/{self.process.pid}/fdinfo"):
-            try:
+        counts = [0]
+        try:
+            for name in os.listdir(f"/proc/{self.process.pid}/fdinfo"):
                 with open(f"/proc/{self.process.pid}/fdinfo/{name}", encoding="ascii") as info:
                     counts.append(info.read().count("inotify wd:"))
-            except FileNotFoundError:
-                pass  # closed meanwhile
+        except (FileNotFoundError, PermissionError):
+            pass  # it has been closed, or the tool has ended
         return max(counts)

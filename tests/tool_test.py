@@ -51,11 +51,12 @@ class PipedTool(Tool):
     """A running tool whose lines wait in the pipe until they are taken; killed at the end. Its standard error has to
     stay empty."""
 
-    def __init__(self, case, arguments, before=(), env=None):
+    def __init__(self, case, arguments, before=(), **options):
         self.rest = b""  # read, not taken yet
         self.errors = tempfile.TemporaryFile()
-        self.process = subprocess.Popen([*before, case.binary, *arguments], cwd=case.path("w"), env=env, bufsize=0,
-                                        stdout=subprocess.PIPE, stderr=self.errors)
+        self.process = subprocess.Popen([*before, case.binary, *arguments], bufsize=0,
+                                        **{"cwd": case.path("w"), "stdout": subprocess.PIPE, "stderr": self.errors,
+                                           **options})
 
     def __enter__(self):
         return self
@@ -228,7 +229,7 @@ def changes(case, encoded=True):
             tool,
             ("touch w/n", ["create file w/n"]),
             ("touch -cd @1000000000.25 w/n", ["change file w/n"]),
-            ("touch -cd @1000000000.75 w/n; touch w/i.tmp w/A/.DS_Store", []),
+            ("echo longer >>w/n; touch -cd @1000000000.75 w/n; touch w/i.tmp w/A/.DS_Store", []),
             ("mv w/n w/m", ["rename file w/n -> w/m"]),
             ('mv w/m "$odd"', [f"rename file w/m -> {ODD}"]),
             ('touch -cd @-1 "$odd"', [f"change file {ODD}"]),
@@ -290,8 +291,8 @@ def root_missing(case):
 
 
 def reader_stalls_and_ends(case):
-    """Nothing is lost meanwhile, and the tool ends with its reader."""
-    with PipedTool(case, [case.root]) as tool:
+    """Nothing is lost meanwhile, and the tool ends with its reader, although its parent ignores the signal."""
+    with PipedTool(case, [case.root], ["sh", "-c", 'trap "" PIPE; exec "$@"', "sh"]) as tool:
         expect("lines at the start", len(tool.take(8)), 8)
         tool.must_watch()
         long = "x" * 200
@@ -304,6 +305,63 @@ def reader_stalls_and_ends(case):
         tool.process.stdout.close()
         case.run("touch w/a")
         expect("status", tool.status(), -signal.SIGPIPE)
+
+
+def output_refuses(case):
+    """A pipe that does not block, and a reader that comes late; an output that is closed."""
+    case.run("cd w; touch $(seq -f 'a-long-name-of-which-a-pipe-does-not-hold-many-%g' 4000)")
+    into, out_of = os.pipe()[::-1]
+    os.set_blocking(into, False)
+    with PipedTool(case, [case.root], stdout=into) as tool:
+        tool.process.stdout = open(out_of, "rb", buffering=0)
+        os.close(into)
+        expect("a full pipe", comes_true(lambda: tool.unread() > 30000), True)
+        lines = tool.take(4008)
+        expect("lines", len(lines), 4008)
+        expect("entries", len({line for line in lines if re.fullmatch(r'<file action="sync".*</file>', line)}), 4000)
+    with PipedTool(case, [case.root], ["sh", "-c", 'exec "$@" >&-', "sh"]) as tool:
+        expect("closed", (tool.take(), tool.status()), ([], -signal.SIGPIPE))
+
+
+def refused_folder(case):
+    """Below /var nothing is told, but by a relative path."""
+    with tempfile.TemporaryDirectory(prefix="dirwarden-", dir="/var/tmp") as folder:
+        os.mkdir(folder + "/w")
+        open(folder + "/w/file", "w", encoding="ascii").close()
+        with PipedTool(case, [folder]) as tool:
+            wanted = case.start(folder, ["true", "false", "", "true"])
+            expect("at the start", tool.take(len(wanted)), wanted)
+            tool.must_watch()
+            os.mkdir(folder + "/w/new")
+            # Nothing can be waited for; a change that is told comes within a second and a half.
+            expect("told", select.select([tool.process.stdout], [], [], 2.5)[0], [])
+        case.folder, case.root = folder, "."
+        with PipedTool(case, ["."]) as tool:
+            expect("lines", len(tool.take(10)), 10)
+            case.play(tool, ("touch w/new/it", ["create file w/new/it"]))
+
+
+def little_memory(case):
+    """Whatever there is room for: the tool runs, or ends in order."""
+    ended = []
+    limits = range(14000, 60000, 500)
+    tools = [PipedTool(case, [case.root], ["sh", "-c", f'ulimit -v {limit}; exec "$@"', "sh"], stderr=subprocess.DEVNULL)
+             for limit in limits]
+    for limit, tool in zip(limits, tools):
+        with tool:
+            select.select([tool.process.stdout], [], [], PATIENCE)
+            if tool.process.poll() is None and not comes_true(lambda t=tool: t.process.poll() is not None or t.watches()):
+                raise AssertionError(f"with {limit} KiB it neither ends nor watches")
+            if tool.process.poll() is None:
+                break  # more is enough too
+            if tool.process.returncode != 127:  # or there was no room for its libraries
+                expect(f"status with {limit} KiB", tool.process.returncode, 0)
+                ended.append(os.fsdecode(tool.rest + tool.process.stdout.read()).endswith("watcher not started."))
+    else:
+        sys.exit(SKIPPED)  # with a sanitizer, say
+    for tool in tools:
+        tool.process.kill()
+    expect("last words", any(ended), True)
 
 
 def cannot_watch(case):
@@ -322,7 +380,7 @@ def cannot_watch(case):
 
 
 CASES = [answers, settings_and_snapshot, log, changes, changes_not_encoded, root_goes_and_comes, root_missing,
-         reader_stalls_and_ends, cannot_watch]
+         reader_stalls_and_ends, output_refuses, refused_folder, little_memory, cannot_watch]
 
 
 def main():

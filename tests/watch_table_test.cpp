@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 // The watched folder is "t"; what else stands beside it is outside.
 class WatchTableTest : public testing::Test {
  protected:
-  void watch() { table.WatchRoot(folder / "t", openFolder(AT_FDCWD, folder / "t")); }
+  void watch() { table.WatchRoot(folder / "t", OpenFolder(folder / "t")); }
 
   // TempFolder's commands, and:
   //   write FILE       appends to it
@@ -34,9 +34,9 @@ class WatchTableTest : public testing::Test {
       } else if (verb == "link") {
         fs::create_symlink(name, folder / other);
       } else if (verb == "swap") {
-        swap(folder / name, folder / other);
+        folder.swap(name, other);
       } else if (verb == "hold") {
-        held = openFolder(AT_FDCWD, folder / name);
+        held = OpenFolder(folder / name);
       } else if (verb == "read") {
         table.Read();
       } else if (verb == "drop") {
@@ -48,10 +48,6 @@ class WatchTableTest : public testing::Test {
         folder.run(command);
       }
     }
-  }
-
-  static void swap(const std::string& a, const std::string& b) {
-    renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
   }
 
   void drop() {
@@ -93,7 +89,7 @@ class WatchTableTest : public testing::Test {
 
   TempFolder folder;
   WatchTable table;
-  Descriptor held;
+  OpenFolder held;
   std::string named;  // by all batches
 };
 
@@ -135,15 +131,17 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Case{"", "mkdir t/a; cut; touch t/a/f; cut", "t/ | t/a/"},
         Case{"", "mkdir t/1/2/3/4/5/6/7/8; cut; touch t/1/2/3/4/5/6/7/8/f; cut",
-             "t/ t/1/ t/1/2/ t/1/2/3/ t/1/2/3/4/ t/1/2/3/4/5/ t/1/2/3/4/5/6/ t/1/2/3/4/5/6/7/ | "
-             "t/1/2/3/4/5/6/7/8/"},
-        Case{"mkdir out/b/c; touch out/b/f", "mv out t/a; cut", "t/ t/a/ t/a/b/"},
+             "t/ t/1/ t/1/2/ t/1/2/3/ t/1/2/3/4/ t/1/2/3/4/5/ t/1/2/3/4/5/6/ t/1/2/3/4/5/6/7/ "
+             "t/1/2/3/4/5/6/7/8/ | t/1/2/3/4/5/6/7/8/"},
+        Case{"mkdir out/b/c; touch out/b/f", "mv out t/a; cut",
+             "t/ t/a/ t/a/ t/a/b/ t/a/b/ t/a/b/c/ t/a/b/c/"},
+        Case{"mkdir out", "mv out t/a; cut", "t/ t/a/ t/a/"},
         Case{"mkdir t/a/b; touch t/a/b/f", "rm t/a; mkdir t/a; cut; touch t/a/f; cut",
              "t/ t/ t/a/ t/a/ | t/a/"},
         Case{"mkdir t/a", "hold t/a; rm t/a; mkdir t/a/b; hold t; cut; touch t/a/b/f; cut",
              "t/ t/ t/a/ t/a/ t/a/b/ t/a/b/ | t/a/b/"},
         Case{"mkdir t/a/b", "hold t/a/b; rm t/a; cut; hold t; cut", "t/ | "},
-        Case{"touch t/a", "rm t/a; mkdir t/a/b; cut", "t/ t/ t/a/"}));
+        Case{"touch t/a", "rm t/a; mkdir t/a/b; cut", "t/ t/ t/a/ t/a/b/"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Moves, WatchTableCases,
@@ -155,7 +153,7 @@ INSTANTIATE_TEST_SUITE_P(
              "touch t/a/b/f; mv t/a t/c/a; touch t/c/a/g; cut; touch t/c/a/h; cut",
              "t/c/ t/ | t/c/a/ t/c/a/b/"},
         Case{"mkdir t/a/b; mkdir t/c", "read; mkdir t/a/b/n/m; mv t/a t/c/a; cut; cut",
-             "t/c/ t/ | t/c/a/b/ t/c/a/b/n/"},
+             "t/c/ t/ | t/c/a/b/ t/c/a/b/n/ t/c/a/b/n/ t/c/a/b/n/m/ t/c/a/b/n/m/"},
         Case{"mkdir t/a; mkdir t/c", "mv t/a t/c/a; mv t/c t/d; cut; touch t/d/a/f; cut; cut",
              "t/ t/ | t/d/ | t/d/a/"},
         Case{"mkdir t/a/x; mkdir t/b/y", "swap t/a t/b; cut; touch t/a/y/f; touch t/b/x/f; cut",
@@ -165,7 +163,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"mkdir t/a/x; mkdir t/b", "mv t/a t/b; cut; touch t/b/x/f; cut",
              "t/ t/ t/b/ t/b/ t/b/x/ t/b/x/ | t/b/x/"},
         Case{"mkdir t/a/b/c", "mv t/a out; cut; touch out/b/f; cut; mv out t/a; cut",
-             "t/ |  | t/ t/a/ t/a/b/"},
+             "t/ |  | t/ t/a/ t/a/ t/a/b/ t/a/b/ t/a/b/c/ t/a/b/c/"},
         Case{"mkdir t/a/b", "mv t/a out; touch out/f; mkdir out/c; mv out t/a; cut; cut",
              "t/ t/ t/a/ | "}));
 
@@ -209,10 +207,10 @@ TEST_F(WatchTableTest, TellsHalfAMoveAndItsRootFromOthers) {
   run("mv t/b out/b; read");
   EXPECT_TRUE(table.EndsInMove());
   EXPECT_FALSE(table.TakeRootDoubt());
-  EXPECT_TRUE(table.IsRoot(openFolder(AT_FDCWD, folder / "t")));
-  EXPECT_FALSE(table.IsRoot(openFolder(AT_FDCWD, folder / "out")));
+  EXPECT_TRUE(table.IsRoot(OpenFolder(folder / "t")));
+  EXPECT_FALSE(table.IsRoot(OpenFolder(folder / "out")));
   run("mv t out/t; mkdir t/c; cut");
-  EXPECT_FALSE(table.IsRoot(openFolder(AT_FDCWD, folder / "t")));
+  EXPECT_FALSE(table.IsRoot(OpenFolder(folder / "t")));
   watch();
   run("rm out; touch t/c/f; cut");
   EXPECT_EQ(named, "t/ | t/c/");

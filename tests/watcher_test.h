@@ -46,9 +46,11 @@ class WatcherTest : public testing::Test {
   // The snapshot as "/: A f | A: A/g A/h".
   std::string saved(bool sort = false) const {
     std::string text;
-    for (const auto& [key, list] : tree().snapshot) {
+    for (const auto& [key, ignored] : tree().snapshot) {
       Texts names;
-      for (const FSResourcePtr& entry : list) names.push_back(" " + entry->path.str());
+      for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
+        names.push_back(" " + entry->path);
+      }
       if (sort) std::sort(names.begin(), names.end());
       text += (text.empty() ? "" : " | ") + key + ":";
       for (const std::string& name : names) text += name;

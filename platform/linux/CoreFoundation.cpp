@@ -1,6 +1,7 @@
 #include "CoreFoundation.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <new>
 
@@ -8,6 +9,16 @@
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
 const CFRunLoopMode kCFRunLoopDefaultMode = nullptr;
+
+namespace {
+
+std::chrono::steady_clock::time_point asTime(CFAbsoluteTime time) {
+  const std::chrono::duration<double> seconds(std::min(time, 9e9));  // within the clock's range
+  return std::chrono::steady_clock::time_point(
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(seconds));
+}
+
+}  // namespace
 
 CFStringRef CFStringCreateWithCString(CFAllocatorRef /*allocator*/, const char* text,
                                       CFStringEncoding /*encoding*/) {
@@ -51,6 +62,13 @@ void __CFRunLoop::Signal(const std::shared_ptr<RunLoopSource>& source) {
   changed_.notify_all();
 }
 
+void __CFRunLoop::SignalAt(const std::shared_ptr<RunLoopSource>& source,
+                           std::chrono::steady_clock::time_point due) {
+  const MutexLock lock(lock_);
+  source->due = due;
+  changed_.notify_all();
+}
+
 void __CFRunLoop::Stop() {
   const MutexLock lock(lock_);
   isStopped_ = true;
@@ -65,16 +83,51 @@ void __CFRunLoop::Run() {
 std::shared_ptr<RunLoopSource> __CFRunLoop::NextReady() {
   const MutexLock lock(lock_);
   while (!isStopped_ && !sources_.empty()) {
-    const auto ready = std::find_if(sources_.begin(), sources_.end(),
-                                    [](const auto& source) { return source->isReady; });
-    if (ready != sources_.end()) {
-      (*ready)->isReady = false;
-      return *ready;
+    const auto now = std::chrono::steady_clock::now();
+    std::optional<std::chrono::steady_clock::time_point> next;
+    for (const std::shared_ptr<RunLoopSource>& source : sources_) {
+      if (source->isReady || (source->due && *source->due <= now)) {
+        source->isReady = false;
+        source->due.reset();
+        return source;
+      }
+      if (source->due) next = std::min(next.value_or(*source->due), *source->due);
     }
-    changed_.wait(lock_);
+    if (next) {
+      changed_.wait_until(lock_, *next);
+    } else {
+      changed_.wait(lock_);
+    }
   }
   isStopped_ = false;
   return nullptr;
+}
+
+CFAbsoluteTime CFAbsoluteTimeGetCurrent() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef /*allocator*/, CFAbsoluteTime fireDate,
+                                       CFTimeInterval /*interval*/, CFOptionFlags /*flags*/,
+                                       CFIndex /*order*/, CFRunLoopTimerCallBack callback,
+                                       CFRunLoopTimerContext* /*context*/) {
+  try {
+    auto timer = std::make_unique<__CFRunLoopTimer>();
+    timer->source->perform = [timer = timer.get(), callback] { callback(timer, nullptr); };
+    timer->source->due = asTime(fireDate);
+    return timer.release();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void CFRunLoopTimerSetNextFireDate(CFRunLoopTimerRef timer, CFAbsoluteTime fireDate) {
+  if (timer->loop != nullptr) timer->loop->SignalAt(timer->source, asTime(fireDate));
+}
+
+void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode /*mode*/) {
+  timer->loop = loop;
+  loop->Add(timer->source);
 }
 
 CFRunLoopRef CFRunLoopGetCurrent() {

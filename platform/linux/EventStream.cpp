@@ -17,7 +17,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,6 +24,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <filesystem>
 #include <future>
 #include <memory>
@@ -38,11 +38,14 @@
 
 #include "CoreFoundation.h"
 #include "CoreServices/CoreServices.h"
+#include "FileStatus.h"
+#include "Folder.h"
 #include "Inotify.h"
 #include "Latency.h"
 #include "MountTable.h"
 #include "RootChain.h"
 #include "RunLoop.h"
+#include "StreamExtension.h"
 #include "ThreadSafety.h"
 #include "WatchTable.h"
 
@@ -63,26 +66,33 @@ std::string withoutFinalSlash(std::string path) {
   return path;
 }
 
-// What stands at the root's path.
+// What stands at the root's path; unknown when that cannot be told now.
 struct Root {
-  enum class Kind { missing, folder, unreadable, other };
+  enum class Kind { missing, folder, unreadable, other, unknown };
   Kind kind = Kind::missing;
-  FolderIdentity identity;
-  Descriptor folder;
+  FileIdentity identity;
+  OpenFolder folder;
 };
 
 Root lookAt(const std::string& path) {
   Root root;
-  root.folder = openFolder(AT_FDCWD, path, true);
+  root.folder = OpenFolder(path, true);
   if (root.folder.isOpen()) {
-    root.kind = Root::Kind::folder;
     root.identity = identityOf(root.folder);
+    root.kind = root.identity == FileIdentity() ? Root::Kind::unknown : Root::Kind::folder;
     return root;
   }
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0) return root;
-  root.kind = S_ISDIR(status.st_mode) ? Root::Kind::unreadable : Root::Kind::other;
-  root.identity = {status.st_dev, status.st_ino, 0};
+  // Whatever it is can be told without being read.
+  const Descriptor there(open(path.c_str(), O_PATH | O_CLOEXEC));
+  const std::optional<FileStatus> status =
+      there.isOpen() ? readStatus(there.number(), "") : std::nullopt;
+  if (root.folder.failure() == Failure::passing ||
+      (!status && failureOf(errno) == Failure::passing)) {
+    root.kind = Root::Kind::unknown;
+  } else if (status) {
+    root.kind = status->isFolder ? Root::Kind::unreadable : Root::Kind::other;
+    root.identity = status->identity;
+  }
   return root;
 }
 
@@ -113,6 +123,9 @@ struct __FSEventStream {
   void Stop();
   void Invalidate();
 
+  // The run loop's thread.
+  void NameAgain(const std::string& path) EXCLUDES(lock_);
+
  private:
   struct Batch {
     std::vector<NamedFolder> folders;
@@ -121,17 +134,22 @@ struct __FSEventStream {
 
   // The run loop's thread.
   void Deliver() EXCLUDES(lock_);
+  void ThrowFailure() EXCLUDES(lock_);
 
   // The reader thread.
+  void RunReader() EXCLUDES(lock_);
   void Read() EXCLUDES(lock_);
   void WatchAll();
   void Wait();
   void ReadEvents();
   void VisitUnwatched();
+  void RetryUnopened();
   void ReadMounts();
+  void ExamineMounts();
   void CutIfDue() EXCLUDES(lock_);
   bool IsRootSame(const Root& now);
   void WatchRoot(Root now);
+  std::vector<std::string> TakeAgain() EXCLUDES(lock_);
   bool IsDelivering() EXCLUDES(lock_);
   void HandOver(Batch batch) EXCLUDES(lock_);
   void Wake();
@@ -148,7 +166,7 @@ struct __FSEventStream {
   RootChain chain_;
   Latency latency_;
   Root::Kind rootKind_ = Root::Kind::missing;
-  FolderIdentity rootIdentity_;
+  FileIdentity rootIdentity_;
   bool isRootInDoubt_ = false;
   bool isRootAstray_ = false;   // perhaps: its path may have led elsewhere for a while
   bool isRootOther_ = false;    // than when the stream was made
@@ -156,7 +174,9 @@ struct __FSEventStream {
   bool wasRootAway_ = false;    // perhaps, and while a callback ran
   Clock::time_point nextRootLook_;
   std::optional<Clock::time_point> nextVisit_;
+  Clock::time_point nextRetry_;  // at the earliest
   MountTable mounts_;
+  std::set<std::string> mounted_;  // where something was mounted or unmounted, to be looked at
 
   Descriptor wake_;
   std::promise<void> watchesSet_;
@@ -168,6 +188,8 @@ struct __FSEventStream {
   Mutex lock_;
   Batch batch_ GUARDED_BY(lock_);
   bool isDelivering_ GUARDED_BY(lock_) = false;
+  std::vector<std::string> again_ GUARDED_BY(lock_);  // paths to name, the other way round
+  std::exception_ptr failure_ GUARDED_BY(lock_);  // what ended the reader, such as want of memory
 
   FSEventStreamEventId lastId_ = 0;  // the run loop's thread only
 };
@@ -187,7 +209,7 @@ __FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::stri
   wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!table_.isOpen() || !wake_.isOpen()) return;
   try {
-    reader_ = std::thread(&__FSEventStream::Read, this);
+    reader_ = std::thread(&__FSEventStream::RunReader, this);
   } catch (const std::system_error&) {
     return;  // not to be started
   }
@@ -202,8 +224,9 @@ void __FSEventStream::Schedule(CFRunLoopRef loop) {
 
 bool __FSEventStream::Start() {
   if (!reader_.joinable() || isStarted_) return false;
-  watchesSet_.get_future().wait();
+  watchesSet_.get_future().get();
   isStarted_ = true;
+  ThrowFailure();
   Wake();
   return true;
 }
@@ -219,7 +242,13 @@ void __FSEventStream::Invalidate() {
   if (loop_ != nullptr) std::exchange(loop_, nullptr)->Remove(source_);
 }
 
+void __FSEventStream::ThrowFailure() {
+  const MutexLock lock(lock_);
+  if (failure_ != nullptr) std::rethrow_exception(failure_);
+}
+
 void __FSEventStream::Deliver() {
+  ThrowFailure();
   Batch batch;
   {
     const MutexLock lock(lock_);
@@ -245,20 +274,40 @@ void __FSEventStream::Deliver() {
 void __FSEventStream::WatchAll() {
   chain_.Watch();
   Root now = lookAt(path_);
+  if (now.kind == Root::Kind::unknown) now.kind = Root::Kind::missing;
   isRootOther_ = now.kind != rootKind_ || now.identity != rootIdentity_;
   isRootInDoubt_ = isRootOther_;
   WatchRoot(std::move(now));
   nextRootLook_ = Clock::now() + kRootPolling;
-  watchesSet_.set_value();
+}
+
+// The thread that runs the loop is the one to end the program.
+void __FSEventStream::RunReader() {
+  try {
+    WatchAll();
+  } catch (...) {
+    watchesSet_.set_exception(std::current_exception());
+    return;
+  }
+  try {
+    watchesSet_.set_value();
+    Read();
+  } catch (...) {
+    {
+      const MutexLock lock(lock_);
+      failure_ = std::current_exception();
+    }
+    if (isStarted_ && loop_ != nullptr) loop_->Signal(source_);
+  }
 }
 
 void __FSEventStream::Read() {
-  WatchAll();
   bool hasLookedBack = false;
   while (!isStopping_) {
     if (isStarted_ && !std::exchange(hasLookedBack, true)) table_.LookBack(created_);
     ReadEvents();
     VisitUnwatched();
+    RetryUnopened();
     CutIfDue();
     Wait();
   }
@@ -288,9 +337,13 @@ void __FSEventStream::VisitUnwatched() {
 // Sleeps until the kernel has something, a batch is due, or the run loop is done with one.
 void __FSEventStream::Wait() {
   std::optional<Clock::time_point> until;
-  if (!wasDelivering_ && isStarted_) until = latency_.Due();
-  if (nextVisit_) until = std::min(until.value_or(*nextVisit_), *nextVisit_);
-  if (chain_.NeedsPolling()) until = std::min(until.value_or(nextRootLook_), nextRootLook_);
+  const auto atTheLatest = [&until](std::optional<Clock::time_point> time) {
+    if (time) until = std::min(until.value_or(*time), *time);
+  };
+  if (!wasDelivering_ && isStarted_) atTheLatest(latency_.Due());
+  atTheLatest(nextVisit_);
+  if (const auto retry = table_.NextRetry()) atTheLatest(std::max(*retry, nextRetry_));
+  if (chain_.NeedsPolling()) atTheLatest(nextRootLook_);
   int timeout = -1;
   if (until) {
     const auto left = std::chrono::ceil<milliseconds>(*until - Clock::now());
@@ -313,15 +366,45 @@ void __FSEventStream::Wait() {
   }
 }
 
+// Tries again to open some of the folders that could not be opened.
+void __FSEventStream::RetryUnopened() {
+  const Clock::time_point now = Clock::now();
+  if (now < nextRetry_) return;
+  while (Clock::now() < now + kVisitBudget && table_.RetryNext(now)) {
+  }
+  nextRetry_ = Clock::now() + kVisitPause;
+  if (table_.HasChanges()) latency_.Want(Clock::now());
+}
+
 void __FSEventStream::ReadMounts() {
-  const std::set<std::string> changed = mounts_.ReadChanges();
+  mounted_.merge(mounts_.ReadChanges());
+  isRootInDoubt_ = true;
+}
+
+// Looks at the places where something has been mounted or unmounted; again, while folders move, for
+// they may not have been where the table has them.
+void __FSEventStream::ExamineMounts() {
+  if (mounted_.empty()) return;
   std::error_code error;
   const std::string root = std::filesystem::canonical(path_, error).string();
   const std::string below = root == "/" ? root : root + "/";
-  for (const std::string& path : changed) {
+  for (const std::string& path : mounted_) {
     if (!error && path.starts_with(below)) table_.ExamineBelow(path.substr(below.size()));
   }
-  isRootInDoubt_ = true;
+  if (!table_.HaveFoldersMoved()) mounted_.clear();
+}
+
+void __FSEventStream::NameAgain(const std::string& path) {
+  {
+    const MutexLock lock(lock_);
+    again_.push_back(path);
+  }
+  Wake();
+}
+
+std::vector<std::string> __FSEventStream::TakeAgain() {
+  const MutexLock lock(lock_);
+  return std::exchange(again_, {});
 }
 
 void __FSEventStream::ReadEvents() {
@@ -332,6 +415,7 @@ void __FSEventStream::ReadEvents() {
     wasDelivering_ = false;
     table_.EndDelivery();
   }
+  for (const std::string& path : TakeAgain()) table_.NameAgain(path);
   const bool isWayChanged = chain_.Read();
   if (table_.TakeRootDoubt() || isWayChanged) isRootInDoubt_ = isRootAstray_ = true;
   if (chain_.NeedsPolling() && now >= nextRootLook_) {
@@ -348,20 +432,24 @@ void __FSEventStream::CutIfDue() {
   if (std::exchange(isRootInDoubt_, false)) {
     chain_.Watch();
     Root now = lookAt(path_);
-    if (std::exchange(isRootOther_, false) || !IsRootSame(now)) {
+    if (now.kind == Root::Kind::unknown) {
+      isRootInDoubt_ = true;
+    } else if (std::exchange(isRootOther_, false) || !IsRootSame(now)) {
       WatchRoot(std::move(now));
       latency_.Reset();
       HandOver({{{path_, kFSEventStreamEventFlagRootChanged}}, true});
       return;
+    } else {
+      table_.NoteRoot(std::move(now.folder), std::exchange(isRootAstray_, false));
+      // A callback that found it gone has to look again.
+      if (std::exchange(wasRootAway_, false)) table_.NameRoot();
     }
-    table_.NoteRoot(std::move(now.folder), std::exchange(isRootAstray_, false));
-    // A callback that found it gone has to look again.
-    if (std::exchange(wasRootAway_, false)) table_.NameRoot();
   }
+  ExamineMounts();
   Batch batch{table_.Cut(), false};
   latency_.Reset();
   if (!batch.folders.empty()) HandOver(std::move(batch));
-  if (table_.HasChanges()) latency_.Want(Clock::now());
+  if (isRootInDoubt_ || !mounted_.empty() || table_.HasChanges()) latency_.Want(Clock::now());
 }
 
 // Whether the root is the one that the callback knows. A folder that cannot be read any more is
@@ -371,8 +459,9 @@ bool __FSEventStream::IsRootSame(const Root& now) {
     return table_.IsRoot(now.folder);
   }
   if (now.kind == Root::Kind::unreadable && rootKind_ == Root::Kind::folder) {
-    return now.identity.device == rootIdentity_.device && now.identity.inode == rootIdentity_.inode;
+    return now.identity == rootIdentity_;
   }
+  if (now.kind == Root::Kind::unknown) return true;
   return now.kind == rootKind_ && now.identity == rootIdentity_;
 }
 
@@ -429,6 +518,11 @@ void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop
 }
 
 Boolean FSEventStreamStart(FSEventStreamRef stream) { return stream->Start(); }
+
+bool nameAgain(FSEventStreamRef stream, const std::string& path) {
+  stream->NameAgain(path);
+  return true;
+}
 
 void FSEventStreamStop(FSEventStreamRef stream) { stream->Stop(); }
 

@@ -37,7 +37,7 @@ std::set<std::string> MountTable::ReadChanges() {
                                 std::back_inserter(changed));
   mounts_ = std::move(now);
   std::set<std::string> paths;
-  for (const auto& [path, number] : changed) paths.insert(path);
+  for (const auto& [path, mounted] : changed) paths.insert(path);
   return paths;
 }
 
@@ -52,9 +52,9 @@ MountTable::Mounts MountTable::Read() {
   std::istringstream lines(table);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
-    std::string number, parent, device, source, path;
-    if (words >> number >> parent >> device >> source >> path) {
-      mounts.emplace(unescaped(path), number);
+    std::string number, parent, device, root, path;
+    if (words >> number >> parent >> device >> root >> path) {
+      mounts.emplace(unescaped(path), number + " " + device + " " + root);
     }
   }
   return mounts;

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "Inotify.h"
+#include "Descriptor.h"
 
 class MountTable {
  public:
@@ -23,7 +23,9 @@ class MountTable {
   std::set<std::string> ReadChanges();
 
  private:
-  using Mounts = std::set<std::pair<std::string, std::string>>;  // path and number
+  // The path, and what is mounted there: the number of the mount, the device and the folder in it.
+  // The number alone is given to another mount as soon as it is free.
+  using Mounts = std::set<std::pair<std::string, std::string>>;
   Mounts Read();
 
   Descriptor file_;

@@ -1,6 +1,5 @@
 #include "RootChain.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,9 +92,9 @@ void RootChain::Watch() {
 void RootChain::WatchSteps() {
   needsPolling_ = !inotify_.isOpen();
   for (Step& step : steps_) {
-    const Descriptor folder = openFolder(AT_FDCWD, step.folder, true);
+    const OpenFolder folder(step.folder, true);
     step.watch = folder.isOpen() ? inotify_.Add(folder, kMask) : -1;
-    if (step.watch < 0 && errno != ENOENT && errno != ENOTDIR) needsPolling_ = true;
+    if (step.watch < 0 && folder.failure() != Failure::absent) needsPolling_ = true;
   }
 }
 

@@ -3,16 +3,29 @@
 // holding its lock.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "CoreFoundation.h"
 #include "ThreadSafety.h"
 
 struct RunLoopSource {
   std::function<void()> perform;  // called on the loop's thread
-  bool isReady = false;           // guarded by the loop's lock
+
+  // Guarded by the loop's lock.
+  bool isReady = false;
+  std::optional<std::chrono::steady_clock::time_point> due;  // when it becomes ready by itself
+};
+
+struct __CFRunLoop;
+
+struct __CFRunLoopTimer : CFObject {
+  std::shared_ptr<RunLoopSource> source = std::make_shared<RunLoopSource>();
+  __CFRunLoop* loop = nullptr;  // once it is added
 };
 
 struct __CFRunLoop {
@@ -21,6 +34,8 @@ struct __CFRunLoop {
   void Add(const std::shared_ptr<RunLoopSource>& source) EXCLUDES(lock_);
   void Remove(const std::shared_ptr<RunLoopSource>& source) EXCLUDES(lock_);
   void Signal(const std::shared_ptr<RunLoopSource>& source) EXCLUDES(lock_);
+  void SignalAt(const std::shared_ptr<RunLoopSource>& source,
+                std::chrono::steady_clock::time_point due) EXCLUDES(lock_);
   void Stop() EXCLUDES(lock_);
 
   // The loop's own thread. Returns when stopped or when no source is left.

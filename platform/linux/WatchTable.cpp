@@ -63,7 +63,7 @@ bool WatchTable::ByName::operator()(std::string_view a, const std::unique_ptr<Fo
 
 WatchTable::~WatchTable() = default;
 
-void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
+void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
   Clear();
   root_ = std::make_unique<Folder>();
   root_->name = path;
@@ -71,7 +71,10 @@ void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
   root_->born = epoch_;
   rootIdentity_ = identityOf(folder);
   SetWatch(*root_, inotify_.Add(folder, kMask));
-  if (root_->watch < 0) unwatched_[root_->serial].fingerprint = fingerprintOf(folder);
+  if (root_->watch < 0) {
+    unwatched_[root_->serial].fingerprint = fingerprintOf(folder);
+    toVisit_.insert(root_->serial);
+  }
   List(*root_, std::move(folder), Walk{.length = path.size()});
   for (Folder* marked : marked_) marked->marks = 0;
   marked_.clear();
@@ -82,19 +85,19 @@ void WatchTable::WatchRoot(const std::string& path, Descriptor folder) {
 
 void WatchTable::LookBack(const timespec& since) {
   if (root_ == nullptr) return;
-  Descriptor folder = openFolder(AT_FDCWD, root_->name, true);
+  OpenFolder folder(root_->name, true);
   if (folder.isOpen()) LookBack(*root_, std::move(folder), since, 0);
 }
 
-void WatchTable::LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth) {
+void WatchTable::LookBack(Folder& folder, OpenFolder handle, const timespec& since, int depth) {
   ReadDuringWalk();
   const FolderChange change = changedSince(handle, since);
   if (change.hasOtherEntries) MarkFolder(folder, kLost | kGained);
   if (change.hasWrittenEntries) MarkFolder(folder, kWritten);
-  if (depth >= kMostOpen) handle = Descriptor();
+  if (depth >= kMostOpen) handle.Close();
   for (const std::unique_ptr<Folder>& child : folder.children) {
-    Descriptor below = handle.isOpen() ? openFolder(handle.number(), child->name)
-                                       : openFolder(AT_FDCWD, PathOf(*child));
+    OpenFolder below =
+        handle.isOpen() ? OpenFolder(handle, child->name) : OpenFolder(PathOf(*child));
     if (below.isOpen()) LookBack(*child, std::move(below), since, depth + 1);
   }
 }
@@ -109,19 +112,19 @@ void WatchTable::Clear() {
   unread_.clear();
 }
 
-bool WatchTable::IsRoot(const Descriptor& folder) {
+bool WatchTable::IsRoot(const OpenFolder& folder) {
   if (root_ == nullptr || isRootLost_) return false;
   if (root_->watch < 0) return identityOf(folder) == rootIdentity_;
   return IsWatchedAs(*root_, folder);
 }
 
-void WatchTable::NoteRoot(Descriptor folder, bool wasAstray) {
+void WatchTable::NoteRoot(OpenFolder folder, bool wasAstray) {
   if (root_ == nullptr) return;
   if (!folder.isOpen()) {
     root_->isUnreadable = true;
   } else if (std::exchange(root_->isUnreadable, false)) {
     List(*root_, std::move(folder), Walk{.isReplaced = true, .length = root_->name.size()});
-  } else if (wasAstray) {
+  } else if (wasAstray || root_->isInDoubt) {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
   }
 }
@@ -181,11 +184,19 @@ void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, std::string
     NoteDeparture(folder, name, 0);
     Touch(folder);
   } else if ((event.mask & (kNameMask | IN_ATTRIB)) != 0) {
-    Examine(folder, name);
+    Examine(folder, name, (event.mask & IN_CREATE) != 0);
   }
-  const bool isArrival =
-      (event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
-  if (isArrival && isDelivering_) NoteArrival(folder, name);
+  if ((event.mask & IN_ISDIR) == 0) return;
+  if ((event.mask & IN_MOVED_TO) != 0) NoteComer(folder, name);
+  if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0 && isDelivering_) NoteArrival(folder, name);
+}
+
+// A folder that was moved here from outside the tree, or so it seems, may be one that the reader
+// knows, of which nothing is left.
+void WatchTable::NoteComer(const Folder& parent, const std::string& name) {
+  Folder* const child = ChildOf(parent, name);
+  if (child == nullptr || child->born != epoch_ || moved_.contains(child)) return;
+  MarkAll(*child, kLost | kGained);
 }
 
 // Where two folders took the name during a callback, it may have seen the first.
@@ -218,13 +229,25 @@ void WatchTable::LoseWatch(int watch, uint8_t marksAbove) {
 void WatchTable::Repair() {
   if (root_ == nullptr) return;
   repaired_ = epoch_;
-  Descriptor folder = openFolder(AT_FDCWD, root_->name, true);
+  OpenFolder folder(root_->name, true);
   if (folder.isOpen() && IsRoot(folder)) {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
     MarkAll(*root_, kLost | kGained);
   } else {
     isRootInDoubt_ = needsRepair_ = true;  // again, if it turns out to be there
   }
+}
+
+void WatchTable::NameAgain(const std::string& path) {
+  if (root_ == nullptr) return;
+  Folder* folder = root_.get();
+  size_t start = root_->name == "/" ? 1 : root_->name.size() + 1;
+  while (folder != nullptr && start < path.size()) {
+    const size_t end = std::min(path.find('/', start), path.size());
+    folder = ChildOf(*folder, std::string_view(path).substr(start, end - start));
+    start = end + 1;
+  }
+  if (folder != nullptr) MarkFolder(*folder, kLost | kGained);
 }
 
 void WatchTable::NameRoot() {

@@ -29,6 +29,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -37,7 +38,9 @@
 #include <utility>
 #include <vector>
 
+#include "Backoff.h"
 #include "CoreServices/CoreServices.h"
+#include "Folder.h"
 #include "Inotify.h"
 
 // One event of a batch: the folder's path with its final "/".
@@ -48,6 +51,8 @@ struct NamedFolder {
 
 class WatchTable {
  public:
+  using Time = Backoff<uint64_t>::Time;
+
   WatchTable() = default;
   ~WatchTable();
   WatchTable(const WatchTable&) = delete;
@@ -60,7 +65,7 @@ class WatchTable {
   // Watches the open folder as the root of the tree, under `path` (without a final "/", but for
   // "/"), and all below it. Nothing of what was there before stays; nothing of what is there now is
   // named.
-  void WatchRoot(const std::string& path, Descriptor folder);
+  void WatchRoot(const std::string& path, OpenFolder folder);
 
   // Marks the folders in which something changed since the time, for what happened before their
   // watches stood.
@@ -70,16 +75,19 @@ class WatchTable {
   void Clear();
 
   // Whether the open folder is the one that WatchRoot was given, going by its watch.
-  bool IsRoot(const Descriptor& folder);
+  bool IsRoot(const OpenFolder& folder);
 
   // The root is the same and can be read, or cannot (a handle that is not open). When it can be
   // read again, everything is named. `wasAstray`: its path may have led elsewhere while names below
   // it were looked at.
-  void NoteRoot(Descriptor folder, bool wasAstray = false);
+  void NoteRoot(OpenFolder folder, bool wasAstray = false);
 
   // Looks at what stands at the path, relative to the root, now. For what happens to a folder
   // without an event: a mount.
   void ExamineBelow(const std::string& path);
+
+  // Names the folder at the path, if it is known, in the next batch, for both sides.
+  void NameAgain(const std::string& path);
 
   // Names the root in the next batch, though nothing in it is known to have changed.
   void NameRoot();
@@ -94,6 +102,9 @@ class WatchTable {
   // Whether the last event was the first half of a move. The second half follows at once, but not
   // always in the same read.
   bool EndsInMove() const { return endsInMove_; }
+
+  // Whether folders have moved since the last batch was cut.
+  bool HaveFoldersMoved() const { return haveFoldersMoved_; }
 
   bool HasChanges() const { return !marked_.empty() || !unsettled_.empty() || isOverflown_; }
 
@@ -114,9 +125,14 @@ class WatchTable {
   // visit.
   bool VisitNext();
 
-  // How many folders have a watch, and how many could not be given one.
+  // Tries again to open the next of the folders that could not be opened or listed, if its turn has
+  // come. Whether it had.
+  bool RetryNext(Time now);
+  std::optional<Time> NextRetry() const { return unopened_.Next(); }
+
+  // How many folders have a watch, and how many of those that can be opened could not be given one.
   size_t WatchedCount() const { return byWatch_.size(); }
-  size_t UnwatchedCount() const { return unwatched_.size(); }
+  size_t UnwatchedCount() const { return toVisit_.size(); }
 
  private:
   static constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
@@ -153,8 +169,8 @@ class WatchTable {
     uint32_t touched = 0;   // the last epoch with an event about a subfolder, here or below
     uint32_t replaced = 0;  // the last epoch in which it took another one's place
     uint8_t marks = 0;
-    bool isUnreadable = false;
-    bool isInDoubt = false;  // could not be opened for want of descriptors; is visited until it can
+    bool isUnreadable = false;  // for want of permission
+    bool isInDoubt = false;     // could not be opened or listed, by a failure that passes
   };
 
   // Where a folder stood when the last batch was cut.
@@ -167,7 +183,7 @@ class WatchTable {
   // A folder without a watch, as it was when it was last visited.
   struct Unwatched {
     Folder* folder = nullptr;
-    FolderIdentity identity;
+    FileIdentity identity;
     uint64_t fingerprint = 0;
   };
 
@@ -179,6 +195,7 @@ class WatchTable {
 
   // How a walk goes about the folders it meets.
   struct Walk {
+    bool isNew = false;        // begins with a folder that has been made here
     bool isRepair = false;     // list every folder, known or not
     bool isReplaced = false;   // everything met stands in another folder's place
     bool isRelocated = false;  // list known folders that have been touched
@@ -191,32 +208,36 @@ class WatchTable {
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
 
-  void Examine(Folder& parent, const std::string& name);
-  void Missing(Folder& parent, const std::string& name, int error);
-  void Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk);
+  void Examine(Folder& parent, const std::string& name, bool isNew = false);
+  void Missing(Folder& parent, const std::string& name, Failure failure);
+  void Doubt(Folder& folder, bool isListed);
+  void Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk);
   bool NeedsListing(const Folder& folder, const Walk& walk) const;
-  bool IsUnwatched(const Folder& folder, int watch, const Descriptor& handle) const;
-  Folder* FindUnwatched(const FolderIdentity& identity) const;
-  bool HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch);
-  Folder* Relocate(int watch, Folder& parent, const std::string& name, const Descriptor& handle);
+  bool IsUnwatched(const Folder& folder, int watch, const OpenFolder& handle) const;
+  Folder* FindUnwatched(const FileIdentity& identity) const;
+  bool HasChangedUnwatched(Folder& folder, const OpenFolder& handle, int watch);
+  Folder* Relocate(int watch, Folder& parent, const std::string& name, const OpenFolder& handle);
+  bool CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle);
+  bool IsListed(const Folder& parent, const std::string& name) const;
   void ListRobbed();
-  void List(Folder& folder, Descriptor handle, const Walk& walk);
-  void LookBack(Folder& folder, Descriptor handle, const timespec& since, int depth);
+  void List(Folder& folder, OpenFolder handle, const Walk& walk);
+  void LookBack(Folder& folder, OpenFolder handle, const timespec& since, int depth);
   void DetachUnlisted(Folder& folder, std::vector<std::string>& listed);
-  void AdoptChild(Folder& folder, const Descriptor& handle, const std::string& name,
+  void AdoptChild(Folder& folder, const OpenFolder& handle, const std::string& name,
                   const Walk& walk);
 
   Folder* ChildOf(const Folder& parent, std::string_view name) const;
-  Folder& Enter(Folder& parent, const std::string& name, int watch, const Descriptor& handle);
+  Folder& Enter(Folder& parent, const std::string& name, int watch, const OpenFolder& handle);
   void Detach(Folder& folder);
   void Attach(std::unique_ptr<Folder> extracted, Folder& parent, const std::string& name);
   std::unique_ptr<Folder> Extract(Folder& folder);
   void NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial);
+  void NoteComer(const Folder& parent, const std::string& name);
   void NoteArrival(const Folder& parent, const std::string& name);
   bool WasTaken(const Folder& parent, const std::string& name, const Folder* by) const;
   void Bury(Folder& folder);
 
-  bool IsWatchedAs(const Folder& folder, const Descriptor& handle);
+  bool IsWatchedAs(const Folder& folder, const OpenFolder& handle);
   Folder* FindByWatch(int watch) const;
   void SetWatch(Folder& folder, int watch);
   bool UnsetWatch(Folder& folder);
@@ -238,7 +259,7 @@ class WatchTable {
 
   Inotify inotify_;
   std::unique_ptr<Folder> root_;
-  FolderIdentity rootIdentity_;
+  FileIdentity rootIdentity_;
   std::unordered_map<int, Folder*> byWatch_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> orphans_;  // by the top of each subtree
 
@@ -251,7 +272,11 @@ class WatchTable {
   std::unordered_set<Folder*> announced_;              // new when it was cut, or moved just before
   std::unordered_set<Folder*> unsettled_;              // to be named again
   std::map<uint64_t, Unwatched> unwatched_;            // by serial
-  uint64_t visited_ = 0;                               // the last of them
+  std::set<uint64_t> toVisit_;                         // those of them that can be opened
+  uint64_t visited_ = 0;                               // the last of these
+  std::unordered_map<uint64_t, Folder*> doubted_;      // unreadable or in doubt, by serial
+  Backoff<uint64_t> unopened_;                         // the same, and when they are tried again
+  Time now_{};                                         // as of the last of these tries
   std::unordered_map<const Folder*, Origin> origins_;  // of folders that moved since the last batch
 
   std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name

@@ -2,19 +2,17 @@
 // is, and the walk over what is not known yet.
 
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 
+#include "FileStatus.h"
 #include "WatchTable.h"
 
 namespace {
 
 constexpr int kFoldersPerRead = 64;  // of a walk
-
-bool isPermission(int error) { return error == EACCES || error == EPERM; }
 
 // A folder must be nameable with its final "/".
 bool isTooLong(size_t length) { return length + 2 > PATH_MAX; }
@@ -27,16 +25,16 @@ constexpr size_t kSafeLength = PATH_MAX - NAME_MAX - 2;
 // Looks what the name in the folder is now. The path may be out of date when the folder has moved
 // and the event of that is still to come: `touched` sees to it that the folder is listed again
 // then.
-void WatchTable::Examine(Folder& parent, const std::string& name) {
+void WatchTable::Examine(Folder& parent, const std::string& name, bool isNew) {
   Touch(parent);
   if (!IsInTree(parent)) return;
   const std::string path = Join(PathOf(parent), name);
   if (isTooLong(path.size())) return;
-  Descriptor handle = openFolder(AT_FDCWD, path);
+  OpenFolder handle(path);
   if (handle.isOpen()) {
-    Adopt(parent, name, std::move(handle), Walk{.length = path.size()});
+    Adopt(parent, name, std::move(handle), Walk{.isNew = isNew, .length = path.size()});
   } else {
-    Missing(parent, name, errno);
+    Missing(parent, name, handle.failure());
   }
 }
 
@@ -47,30 +45,41 @@ void WatchTable::ExamineBelow(const std::string& path) {
        start = end + 1) {
     parent = ChildOf(*parent, path.substr(start, end - start));
   }
-  if (parent != nullptr) Examine(*parent, path.substr(start));
+  if (parent == nullptr) return;
+  MarkFolder(*parent, kLost | kGained);  // the name is another folder's or file's now
+  Examine(*parent, path.substr(start));
 }
 
 // The name could not be opened as a folder. Where that may be one all the same, it stays or becomes
 // known without a watch; else whatever had the name has left it.
-void WatchTable::Missing(Folder& parent, const std::string& name, int error) {
+void WatchTable::Missing(Folder& parent, const std::string& name, Failure failure) {
   Folder* folder = ChildOf(parent, name);
-  const bool isExhausted = error == EMFILE || error == ENFILE || error == ENOMEM;
-  if (isPermission(error) || isExhausted) {
-    struct stat status;
-    if (lstat(Join(PathOf(parent), name).c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-      if (folder == nullptr) folder = &Enter(parent, name, -1, Descriptor());
-      folder->isUnreadable = folder->isUnreadable || isPermission(error);
-      if (isExhausted) {
-        folder->isInDoubt = true;
-        unwatched_[folder->serial].folder = folder;
-      }
-      return;
-    }
+  std::optional<FileStatus> status;
+  if (failure != Failure::absent) {
+    status = readStatus(AT_FDCWD, Join(PathOf(parent), name).c_str());
+    if (!status) failure = failureOf(errno);
   }
-  if (folder != nullptr) Detach(*folder);
+  if (failure == Failure::absent || (status && !status->isFolder)) {
+    if (folder != nullptr) Detach(*folder);
+  } else if (status) {
+    if (folder == nullptr) folder = &Enter(parent, name, -1, OpenFolder());
+    if (folder->watch < 0) unwatched_[folder->serial].identity = status->identity;
+    folder->isUnreadable = folder->isUnreadable || failure == Failure::denied;
+    Doubt(*folder, failure == Failure::passing);
+  } else {
+    Doubt(folder != nullptr ? *folder : parent, true);
+  }
 }
 
-void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handle, Walk walk) {
+// The folder is to be tried again. `isListed`: and to be listed then.
+void WatchTable::Doubt(Folder& folder, bool isListed) {
+  folder.isInDoubt = folder.isInDoubt || isListed;
+  toVisit_.erase(folder.serial);
+  doubted_[folder.serial] = &folder;
+  unopened_.Add(folder.serial, now_);
+}
+
+void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk) {
   if (walk.length > kSafeLength) haveLongPaths_ = true;
   const int watch = inotify_.Add(handle, kMask);
   Folder* folder = ChildOf(parent, name);
@@ -91,58 +100,81 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, Descriptor handl
       MarkAll(*folder, kLost | kGained);
     }
     if (folder == nullptr) {
+      const bool isSecondPath = watch >= 0 && FindByWatch(watch) != nullptr;
       folder = &Enter(parent, name, watch, handle);
+      // The reader may know other contents of it: from the other path, from what was here before,
+      // or, below a new folder, from where it was before it came here unseen.
+      if (isSecondPath || !walk.isNew) {
+        MarkFolder(*folder, kLost | kGained);
+      } else if (walk.depth > 0) {
+        MarkFolder(*folder, kGained);
+      }
     } else if (!NeedsListing(*folder, walk)) {
       return;
     }
   }
+  walk.isNew = walk.isNew && folder->born == epoch_;
   if (std::exchange(folder->isUnreadable, false)) walk.isReplaced = true;
-  if (std::exchange(folder->isInDoubt, false)) {
-    walk.isRepair = true;
-    MarkFolder(*folder, kLost | kGained);
-    if (folder->watch >= 0) unwatched_.erase(folder->serial);
-  }
+  if (folder->isInDoubt) walk.isRepair = true;
   List(*folder, std::move(handle), walk);
 }
 
 // Whether the folder had no watch until now and is the one that is there.
-bool WatchTable::IsUnwatched(const Folder& folder, int watch, const Descriptor& handle) const {
+bool WatchTable::IsUnwatched(const Folder& folder, int watch, const OpenFolder& handle) const {
   if (folder.watch >= 0 || FindByWatch(watch) != nullptr) return false;
-  const FolderIdentity& known = unwatched_.at(folder.serial).identity;
-  return folder.isUnreadable || known == identityOf(handle);
+  const FileIdentity known = unwatched_.at(folder.serial).identity;
+  return known == FileIdentity() || known == identityOf(handle);
 }
 
 // Compares the folder with what it was at the last visit. The watch it may have got stands already,
 // so that nothing falls between.
-bool WatchTable::HasChangedUnwatched(Folder& folder, const Descriptor& handle, int watch) {
+bool WatchTable::HasChangedUnwatched(Folder& folder, const OpenFolder& handle, int watch) {
   Unwatched& known = unwatched_.at(folder.serial);
   known.identity = identityOf(handle);
   const uint64_t fingerprint = fingerprintOf(handle);
   const bool hasChanged = std::exchange(known.fingerprint, fingerprint) != fingerprint;
   if (hasChanged) MarkFolder(folder, kLost | kGained);
-  if (watch >= 0) SetWatch(folder, watch);
+  if (watch >= 0) {
+    SetWatch(folder, watch);
+  } else {
+    toVisit_.insert(folder.serial);
+  }
   return hasChanged;
 }
 
 bool WatchTable::VisitNext() {
-  if (unwatched_.empty()) return false;
-  auto next = unwatched_.upper_bound(visited_);
-  if (next == unwatched_.end()) next = unwatched_.begin();
-  visited_ = next->first;
-  Folder& folder = *next->second.folder;
+  if (toVisit_.empty()) return false;
+  auto next = toVisit_.upper_bound(visited_);
+  if (next == toVisit_.end()) next = toVisit_.begin();
+  visited_ = *next;
+  Folder& folder = *unwatched_.at(visited_).folder;
   if (!IsInTree(folder)) return false;
-  const size_t before = unwatched_.size();
+  const size_t before = toVisit_.size();
   if (folder.parent != nullptr) {
     Examine(*folder.parent, std::string(folder.name));
-    return unwatched_.size() < before;
+    return toVisit_.size() < before;
   }
-  Descriptor handle = openFolder(AT_FDCWD, folder.name, true);
+  OpenFolder handle(folder.name, true);
   if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
     isRootInDoubt_ = true;
   } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle, kMask))) {
     List(folder, std::move(handle), Walk{.length = folder.name.size()});
   }
-  return unwatched_.size() < before;
+  return toVisit_.size() < before;
+}
+
+bool WatchTable::RetryNext(Time now) {
+  now_ = now;
+  const std::optional<uint64_t> serial = unopened_.Take(now);
+  if (!serial) return false;
+  Folder& folder = *doubted_.at(*serial);
+  if (!IsInTree(folder)) return true;
+  if (folder.parent == nullptr) {
+    isRootInDoubt_ = true;
+  } else {
+    Examine(*folder.parent, std::string(folder.name));
+  }
+  return true;
 }
 
 // Whether a folder whose watch never lapsed is to be listed all the same.
@@ -152,18 +184,14 @@ bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
 }
 
 // Takes the folder that has the watch to a new place, from among the orphans or from a path that it
-// has left. Null when there is none, or when it is a second path to a folder that stands where it
-// stood.
+// has left. Null when there is none, or when it is a second path to a folder that is still where it
+// was.
 WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::string& name,
-                                         const Descriptor& handle) {
+                                         const OpenFolder& handle) {
   Folder* folder = watch >= 0 ? FindByWatch(watch) : FindUnwatched(identityOf(handle));
-  if (folder == nullptr || folder == root_.get()) return nullptr;
-  for (const Folder* above = &parent; above != nullptr; above = above->parent) {
-    if (above == folder) return nullptr;
-  }
+  while (folder != nullptr && !CanMove(*folder, parent, handle)) folder = folder->twin;
+  if (folder == nullptr) return nullptr;
   if (IsInTree(*folder)) {
-    const Descriptor there = openFolder(AT_FDCWD, PathOf(*folder));
-    if (there.isOpen() && identityOf(there) == identityOf(handle)) return nullptr;
     robbed_.insert(folder->parent);
     Detach(*folder);
   }
@@ -172,9 +200,30 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
   return folder;
 }
 
-// The orphan without a watch that is this folder, where birth times make sure of it.
-WatchTable::Folder* WatchTable::FindUnwatched(const FolderIdentity& identity) const {
-  if (identity.birth == 0) return nullptr;
+// Whether the known folder can be the open one in the parent, and so is not where it was.
+bool WatchTable::CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle) {
+  if (&folder == root_.get()) return false;
+  for (const Folder* above = &parent; above != nullptr; above = above->parent) {
+    if (above == &folder) return false;
+  }
+  if (!IsInTree(folder)) return true;
+  const OpenFolder there(PathOf(folder));
+  if (!there.isOpen() || !isSameFolder(there, handle)) return true;
+  // Where the file system does not tell capital letters from small ones, it has been opened by the
+  // name that it had.
+  return folder.parent == &parent && !IsListed(parent, folder.name);
+}
+
+bool WatchTable::IsListed(const Folder& parent, const std::string& name) const {
+  const OpenFolder handle(PathOf(parent));
+  if (!handle.isOpen()) return true;
+  const FolderListing listing = listFolder(handle);
+  return !listing.isWhole || std::ranges::count(listing.subfolders, name) > 0;
+}
+
+// The orphan without a watch that is this folder.
+WatchTable::Folder* WatchTable::FindUnwatched(const FileIdentity& identity) const {
+  if (identity == FileIdentity()) return nullptr;
   for (const auto& [top, orphan] : orphans_) {
     const auto found = unwatched_.find(top->serial);
     if (found != unwatched_.end() && found->second.identity == identity) return top;
@@ -188,7 +237,7 @@ void WatchTable::ListRobbed() {
   for (Folder* folder : std::exchange(robbed_, {})) {
     if (!IsInTree(*folder)) continue;
     const std::string path = PathOf(*folder);
-    Descriptor handle = openFolder(AT_FDCWD, path, folder == root_.get());
+    OpenFolder handle(path, folder == root_.get());
     if (!handle.isOpen()) continue;
     if (IsWatchedAs(*folder, handle)) {
       List(*folder, std::move(handle), Walk{.length = path.size()});
@@ -198,11 +247,18 @@ void WatchTable::ListRobbed() {
 
 // Enters what the folder holds. A folder is closed before those below it are opened only where the
 // tree is so deep that the handles might run out.
-void WatchTable::List(Folder& folder, Descriptor handle, const Walk& walk) {
+void WatchTable::List(Folder& folder, OpenFolder handle, const Walk& walk) {
   ReadDuringWalk();
   FolderListing listing = listFolder(handle);
-  if (listing.isWhole) DetachUnlisted(folder, listing.subfolders);
-  if (walk.depth >= kMostOpen) handle = Descriptor();
+  if (listing.isWhole) {
+    DetachUnlisted(folder, listing.subfolders);
+    if (std::exchange(folder.isInDoubt, false)) MarkFolder(folder, kLost | kGained);
+    doubted_.erase(folder.serial);
+    unopened_.Remove(folder.serial);
+  } else {
+    Doubt(folder, true);
+  }
+  if (walk.depth >= kMostOpen) handle.Close();
   for (const std::string& name : listing.subfolders) AdoptChild(folder, handle, name, walk);
   if (walk.isReplaced) {
     MarkFolder(folder, kLost | kGained | kReplaced);
@@ -226,18 +282,18 @@ void WatchTable::DetachUnlisted(Folder& folder, std::vector<std::string>& listed
   for (Folder* child : unlisted) Detach(*child);
 }
 
-void WatchTable::AdoptChild(Folder& folder, const Descriptor& handle, const std::string& name,
+void WatchTable::AdoptChild(Folder& folder, const OpenFolder& handle, const std::string& name,
                             const Walk& walk) {
   Walk below = walk;
   below.depth = walk.depth + 1;
   below.length = walk.length + 1 + name.size();
   if (isTooLong(below.length)) return;
-  Descriptor child = handle.isOpen() ? openFolder(handle.number(), name)
-                                     : openFolder(AT_FDCWD, Join(PathOf(folder), name));
+  OpenFolder child =
+      handle.isOpen() ? OpenFolder(handle, name) : OpenFolder(Join(PathOf(folder), name));
   if (child.isOpen()) {
     Adopt(folder, name, std::move(child), below);
   } else {
-    Missing(folder, name, errno);
+    Missing(folder, name, child.failure());
   }
 }
 
@@ -257,7 +313,7 @@ WatchTable::Folder* WatchTable::ChildOf(const Folder& parent, std::string_view n
 }
 
 WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, int watch,
-                                      const Descriptor& handle) {
+                                      const OpenFolder& handle) {
   auto entered = std::make_unique<Folder>();
   Folder& folder = *entered;
   folder.serial = ++serials_;
@@ -267,6 +323,7 @@ WatchTable::Folder& WatchTable::Enter(Folder& parent, const std::string& name, i
   SetWatch(folder, watch);
   if (watch < 0 && handle.isOpen()) {
     unwatched_[folder.serial] = {&folder, identityOf(handle), fingerprintOf(handle)};
+    toVisit_.insert(folder.serial);
   }
   return folder;
 }
@@ -340,11 +397,14 @@ void WatchTable::Bury(Folder& folder) {
     folders->erase(&folder);
   }
   unwatched_.erase(folder.serial);
+  toVisit_.erase(folder.serial);
+  doubted_.erase(folder.serial);
+  unopened_.Remove(folder.serial);
   origins_.erase(&folder);
 }
 
 // Whether the open folder has this one's watch.
-bool WatchTable::IsWatchedAs(const Folder& folder, const Descriptor& handle) {
+bool WatchTable::IsWatchedAs(const Folder& folder, const OpenFolder& handle) {
   const int watch = inotify_.Add(handle, kMask);
   if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
   return watch == folder.watch;
@@ -362,6 +422,7 @@ void WatchTable::SetWatch(Folder& folder, int watch) {
     return;
   }
   unwatched_.erase(folder.serial);
+  toVisit_.erase(folder.serial);
   Folder*& first = byWatch_[watch];
   folder.twin = first;
   first = &folder;

@@ -8,13 +8,16 @@
 #include <string_view>
 
 // Calls `visit(entry)` for each entry of the open folder from where it stands, "." and ".." left
-// out; `entry.d_name` is its name. False when the folder could not be read to its end. Any thread.
+// out; `entry.d_name` is its name. False when the folder could not be read to its end; errno then
+// tells why. Any thread.
 template <typename Visit>
 bool eachEntry(int folder, Visit visit) {
   const int own = dup(folder);
   DIR* entries = own < 0 ? nullptr : fdopendir(own);
   if (entries == nullptr) {
+    const int error = errno;
     if (own >= 0) close(own);
+    errno = error;
     return false;
   }
   const dirent* entry = nullptr;
@@ -22,7 +25,8 @@ bool eachEntry(int folder, Visit visit) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") visit(*entry);
   }
-  const bool isWhole = errno == 0;
+  const int error = errno;
   closedir(entries);
-  return isWhole;
+  errno = error;
+  return error == 0;
 }

@@ -18,12 +18,15 @@ typedef uint32_t UInt32;
 typedef unsigned long long UInt64;
 typedef long CFIndex;
 typedef double CFTimeInterval;  // seconds
+typedef double CFAbsoluteTime;  // seconds; on Linux of a clock that nobody sets
+typedef unsigned long CFOptionFlags;
 
 typedef const void* CFTypeRef;
 typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
 typedef const struct __CFArray* CFArrayRef;
 typedef struct __CFRunLoop* CFRunLoopRef;
+typedef struct __CFRunLoopTimer* CFRunLoopTimerRef;
 typedef CFStringRef CFRunLoopMode;
 typedef UInt32 CFStringEncoding;
 struct CFArrayCallBacks;  // no value but null is of use here
@@ -52,6 +55,21 @@ CFRunLoopRef CFRunLoopGetCurrent();
 // is left or CFRunLoopStop is called; a stop that comes before the loop runs counts.
 void CFRunLoopRun();
 void CFRunLoopStop(CFRunLoopRef loop);
+
+typedef void (*CFRunLoopTimerCallBack)(CFRunLoopTimerRef timer, void* info);
+struct CFRunLoopTimerContext;  // no value but null is of use here
+
+CFAbsoluteTime CFAbsoluteTimeGetCurrent();
+
+// A timer that calls back at the date, on the thread of the run loop that it is added to, and then
+// at each date that is set. The interval has no effect here: give one that never passes. Null when
+// there is no memory. The caller owns the result.
+CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef allocator, CFAbsoluteTime fireDate,
+                                       CFTimeInterval interval, CFOptionFlags flags, CFIndex order,
+                                       CFRunLoopTimerCallBack callback,
+                                       CFRunLoopTimerContext* context);
+void CFRunLoopTimerSetNextFireDate(CFRunLoopTimerRef timer, CFAbsoluteTime fireDate);
+void CFRunLoopAddTimer(CFRunLoopRef loop, CFRunLoopTimerRef timer, CFRunLoopMode mode);
 
 typedef struct __FSEventStream* FSEventStreamRef;
 typedef const struct __FSEventStream* ConstFSEventStreamRef;
@@ -87,6 +105,8 @@ void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop
 
 // Waits until the tree is watched, and starts delivering. False when no inotify instance or thread
 // can be had, or at a second start; a missing folder is no failure, its appearance is an event.
+// Throws std::bad_alloc for want of memory, and so does CFRunLoopRun when the stream's thread has
+// ended for that.
 Boolean FSEventStreamStart(FSEventStreamRef stream);
 
 // Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its

@@ -11,6 +11,8 @@ typedef unsigned int UInt32;
 typedef unsigned long long UInt64;
 typedef long CFIndex;
 typedef double CFTimeInterval;
+typedef double CFAbsoluteTime;
+typedef unsigned long CFOptionFlags;
 typedef UInt32 CFStringEncoding;
 typedef const struct __CFAllocator* CFAllocatorRef;
 typedef const struct __CFString* CFStringRef;
@@ -27,6 +29,16 @@ CFStringRef CFStringCreateWithCString(CFAllocatorRef, const char* text, CFString
 CFArrayRef CFArrayCreate(CFAllocatorRef, const void** values, CFIndex, const CFArrayCallBacks*);
 CFRunLoopRef CFRunLoopGetCurrent(void);
 void CFRunLoopRun(void);
+
+struct CFRunLoopTimerContext;
+typedef struct __CFRunLoopTimer* CFRunLoopTimerRef;
+typedef void (*CFRunLoopTimerCallBack)(CFRunLoopTimerRef, void* info);
+CFAbsoluteTime CFAbsoluteTimeGetCurrent(void);
+CFRunLoopTimerRef CFRunLoopTimerCreate(CFAllocatorRef, CFAbsoluteTime, CFTimeInterval,
+                                       CFOptionFlags, CFIndex, CFRunLoopTimerCallBack,
+                                       CFRunLoopTimerContext*);
+void CFRunLoopTimerSetNextFireDate(CFRunLoopTimerRef, CFAbsoluteTime);
+void CFRunLoopAddTimer(CFRunLoopRef, CFRunLoopTimerRef, CFStringRef mode);
 
 struct FSEventStreamContext;
 typedef struct __FSEventStream* FSEventStreamRef;

@@ -1,5 +1,0 @@
-// Makes a growing heap cheaper. This header has a namesake for each system.
-#pragma once
-
-// Nothing to do here.
-inline void populateHeapGrowth() {}
