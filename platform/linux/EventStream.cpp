@@ -146,6 +146,8 @@ struct __FSEventStream {
   void RetryUnopened();
   void ReadMounts();
   void ExamineMounts();
+  void NoteMounts();
+  std::string BelowRoot() const;
   void CutIfDue() EXCLUDES(lock_);
   bool IsRootSame(const Root& now);
   void WatchRoot(Root now);
@@ -176,7 +178,7 @@ struct __FSEventStream {
   std::optional<Clock::time_point> nextVisit_;
   Clock::time_point nextRetry_;  // at the earliest
   MountTable mounts_;
-  std::set<std::string> mounted_;  // where something was mounted or unmounted, to be looked at
+  MountTable::Mounts mounted_;  // and unmounted, to be looked at
 
   Descriptor wake_;
   std::promise<void> watchesSet_;
@@ -385,13 +387,29 @@ void __FSEventStream::ReadMounts() {
 // they may not have been where the table has them.
 void __FSEventStream::ExamineMounts() {
   if (mounted_.empty()) return;
-  std::error_code error;
-  const std::string root = std::filesystem::canonical(path_, error).string();
-  const std::string below = root == "/" ? root : root + "/";
-  for (const std::string& path : mounted_) {
-    if (!error && path.starts_with(below)) table_.ExamineBelow(path.substr(below.size()));
+  const std::string below = BelowRoot();
+  for (const auto& [path, what] : mounted_) {
+    if (path.starts_with(below)) table_.ExamineMount(path.substr(below.size()), what);
   }
   if (!table_.HaveFoldersMoved()) mounted_.clear();
+  NoteMounts();
+}
+
+void __FSEventStream::NoteMounts() {
+  mounted_.merge(mounts_.ReadChanges());
+  if (mounted_.empty()) table_.ForgetMounts();
+  const std::string below = BelowRoot();
+  for (const auto& [path, what] : mounts_.mounts()) {
+    if (path.starts_with(below)) table_.NoteMount(path.substr(below.size()), what);
+  }
+}
+
+// What paths without links begin with below the watched folder; none does where that is missing.
+std::string __FSEventStream::BelowRoot() const {
+  std::error_code error;
+  const std::string root = std::filesystem::canonical(path_, error).string();
+  if (error) return "//";
+  return root.ends_with('/') ? root : root + "/";
 }
 
 void __FSEventStream::NameAgain(const std::string& path) {
@@ -472,6 +490,7 @@ void __FSEventStream::WatchRoot(Root now) {
   isRootAstray_ = false;
   if (now.kind == Root::Kind::folder) {
     table_.WatchRoot(path_, std::move(now.folder));
+    NoteMounts();
   } else {
     table_.Clear();
   }

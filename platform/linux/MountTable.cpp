@@ -7,7 +7,7 @@
 #include <array>
 #include <iterator>
 #include <sstream>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -30,15 +30,13 @@ std::string unescaped(const std::string& text) {
 MountTable::MountTable()
     : file_(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)), mounts_(Read()) {}
 
-std::set<std::string> MountTable::ReadChanges() {
+MountTable::Mounts MountTable::ReadChanges() {
   Mounts now = Read();
-  std::vector<Mounts::value_type> changed;
+  Mounts changed;
   std::set_symmetric_difference(mounts_.begin(), mounts_.end(), now.begin(), now.end(),
-                                std::back_inserter(changed));
+                                std::inserter(changed, changed.end()));
   mounts_ = std::move(now);
-  std::set<std::string> paths;
-  for (const auto& [path, mounted] : changed) paths.insert(path);
-  return paths;
+  return changed;
 }
 
 MountTable::Mounts MountTable::Read() {
@@ -54,7 +52,7 @@ MountTable::Mounts MountTable::Read() {
     std::istringstream words(line);
     std::string number, parent, device, root, path;
     if (words >> number >> parent >> device >> root >> path) {
-      mounts.emplace(unescaped(path), number + " " + device + " " + root);
+      mounts.insert({unescaped(path), number + " " + device + " " + root});
     }
   }
   return mounts;

@@ -4,9 +4,9 @@
 // Owned by the stream; used by one thread at a time.
 #pragma once
 
+#include <compare>
 #include <set>
 #include <string>
-#include <utility>
 
 #include "Descriptor.h"
 
@@ -18,14 +18,24 @@ class MountTable {
   // The descriptor to wait on for POLLPRI; -1 when there is no such table.
   int number() const { return file_.number(); }
 
-  // Reads the table again. The paths, without links in them, where something was mounted or
-  // unmounted since the last time.
-  std::set<std::string> ReadChanges();
+  // One line of the table: the path, without links in it, and what is mounted there, namely the
+  // number of the mount, the device and the folder in it. The number alone is given to another
+  // mount as soon as it is free.
+  struct Mount {
+    std::string path;
+    std::string what;
+    auto operator<=>(const Mount& other) const = default;
+  };
+  using Mounts = std::set<Mount>;
+
+  // Reads the table again. What has been mounted or unmounted since the last time; what has moved
+  // with a folder above it is both.
+  Mounts ReadChanges();
+
+  // As last read.
+  const Mounts& mounts() const { return mounts_; }
 
  private:
-  // The path, and what is mounted there: the number of the mount, the device and the folder in it.
-  // The number alone is given to another mount as soon as it is free.
-  using Mounts = std::set<std::pair<std::string, std::string>>;
   Mounts Read();
 
   Descriptor file_;

@@ -82,9 +82,14 @@ class WatchTable {
   // it were looked at.
   void NoteRoot(OpenFolder folder, bool wasAstray = false);
 
-  // Looks at what stands at the path, relative to the root, now. For what happens to a folder
-  // without an event: a mount.
-  void ExamineBelow(const std::string& path);
+  // A mount or an unmount at the path, relative to the root, of which no event tells: examines what
+  // is there now, and in the place that was noted for the mount, whatever has been renamed above it
+  // since. `what` tells mounts apart.
+  void ExamineMount(const std::string& path, const std::string& what);
+
+  // Notes where something is mounted. And the reverse, for all mounts.
+  void NoteMount(const std::string& path, const std::string& what);
+  void ForgetMounts() { mounts_.clear(); }
 
   // Names the folder at the path, if it is known, in the next batch, for both sides.
   void NameAgain(const std::string& path);
@@ -173,6 +178,12 @@ class WatchTable {
     bool isInDoubt = false;     // could not be opened or listed, by a failure that passes
   };
 
+  // A name in a folder.
+  struct Place {
+    Folder* parent = nullptr;
+    std::string name;
+  };
+
   // Where a folder stood when the last batch was cut.
   struct Origin {
     uint64_t parent = 0;
@@ -208,6 +219,7 @@ class WatchTable {
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
 
+  Place PlaceOf(const std::string& path) const;
   void Examine(Folder& parent, const std::string& name, bool isNew = false);
   void Missing(Folder& parent, const std::string& name, Failure failure);
   void Doubt(Folder& folder, bool isListed);
@@ -277,6 +289,7 @@ class WatchTable {
   std::unordered_map<uint64_t, Folder*> doubted_;      // unreadable or in doubt, by serial
   Backoff<uint64_t> unopened_;                         // the same, and when they are tried again
   Time now_{};                                         // as of the last of these tries
+  std::map<std::string, Place> mounts_;                // by what is mounted there
   std::unordered_map<const Folder*, Origin> origins_;  // of folders that moved since the last batch
 
   std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name

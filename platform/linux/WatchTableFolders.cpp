@@ -38,16 +38,30 @@ void WatchTable::Examine(Folder& parent, const std::string& name, bool isNew) {
   }
 }
 
-void WatchTable::ExamineBelow(const std::string& path) {
+// No parent when that is not known. The path is relative to the root.
+WatchTable::Place WatchTable::PlaceOf(const std::string& path) const {
   Folder* parent = root_.get();
   size_t start = 0;
   for (size_t end; parent != nullptr && (end = path.find('/', start)) != std::string::npos;
        start = end + 1) {
     parent = ChildOf(*parent, path.substr(start, end - start));
   }
-  if (parent == nullptr) return;
-  MarkFolder(*parent, kLost | kGained);  // the name is another folder's or file's now
-  Examine(*parent, path.substr(start));
+  return {parent, path.substr(start)};
+}
+
+void WatchTable::ExamineMount(const std::string& path, const std::string& what) {
+  const auto noted = mounts_.find(what);
+  const Place before = noted != mounts_.end() ? noted->second : Place();
+  for (const Place& place : {before, PlaceOf(path)}) {
+    if (place.parent == nullptr) continue;
+    MarkFolder(*place.parent, kLost | kGained);  // the name is another folder's or file's now
+    Examine(*place.parent, place.name);
+  }
+}
+
+void WatchTable::NoteMount(const std::string& path, const std::string& what) {
+  const Place place = PlaceOf(path);
+  if (place.parent != nullptr) mounts_[what] = place;
 }
 
 // The name could not be opened as a folder. Where that may be one all the same, it stays or becomes
@@ -401,6 +415,7 @@ void WatchTable::Bury(Folder& folder) {
   doubted_.erase(folder.serial);
   unopened_.Remove(folder.serial);
   origins_.erase(&folder);
+  std::erase_if(mounts_, [&](const auto& mount) { return mount.second.parent == &folder; });
 }
 
 // Whether the open folder has this one's watch.
