@@ -229,8 +229,7 @@ void FSEventWatcher::EmitAndCheck(FSTransit& transit) {
 void FSEventWatcher::PrintChangedFiles(const std::string& folder, FSChangeList& batch) {
   FSTransit transit(*sTree);
   compare(keyOf(folder), transit);
-  batch.insert(batch.end(), transit.records.begin(), transit.records.end());
-  transit.Settle();
+  for (FSChangedResource& record : transit.Settle()) batch.push_back(std::move(record));
 }
 
 int32_t FSEventWatcher::IndexOfByINode(const FSChangedResource& record, const FSChangeList& list) {

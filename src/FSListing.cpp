@@ -174,7 +174,7 @@ FSListingDraft::FSListingDraft(FSListingPtr base)
 
 std::optional<FileStatus> FSListingDraft::Find(std::string_view name) const {
   if (const auto put = putByName_.find(name); put != putByName_.end()) {
-    return put_[put->second].second;
+    return put->second->second;
   }
   const uint32_t position = byName_.FirstNamed(name);
   if (position == FSListingIndex::kNone || isTaken_[position]) return std::nullopt;
@@ -183,21 +183,25 @@ std::optional<FileStatus> FSListingDraft::Find(std::string_view name) const {
 
 void FSListingDraft::Put(std::string_view name, const FileStatus& status) {
   Take(name);
-  const auto at = putByName_.try_emplace(std::string(name), put_.size()).first;
-  at->second = put_.size();
-  put_.emplace_back(name, status);
+  Entry& entry = put_.emplace_back(name, status);
+  putByName_.insert_or_assign(entry.first, &entry);
   ++count_;
 }
 
-void FSListingDraft::Take(std::string_view name) {
+std::optional<FileStatus> FSListingDraft::Take(std::string_view name) {
+  std::optional<FileStatus> taken;
   if (const auto put = putByName_.find(name); put != putByName_.end()) {
-    if (std::exchange(put_[put->second].second, std::nullopt)) --count_;
+    taken = std::exchange(put->second->second, std::nullopt);
+    if (taken) --count_;
   }
   for (uint32_t at = byName_.FirstNamed(name); at != FSListingIndex::kNone;
        at = byName_.NextNamed(at)) {
-    if (!isTaken_[at]) --count_;
+    if (isTaken_[at]) continue;
+    if (!taken) taken = base_->entries().status(at);
     isTaken_[at] = true;
+    --count_;
   }
+  return taken;
 }
 
 FSListingPtr FSListingDraft::Finish() const {

@@ -12,7 +12,7 @@
 
 #include <cstdint>
 #include <ctime>
-#include <functional>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -170,22 +170,18 @@ class FSListingDraft {
   // Puts the entry in, in the place of what has its name.
   void Put(std::string_view name, const FileStatus& status);
 
-  // Takes out what has the name, if anything.
-  void Take(std::string_view name);
+  // Takes out what has the name, and gives it; nothing when there is nothing.
+  std::optional<FileStatus> Take(std::string_view name);
 
   uint32_t count() const { return count_; }
   FSListingPtr Finish() const;
 
  private:
-  struct Hash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
-  };
-
   FSListingPtr base_;
   FSListingIndex byName_;
-  std::vector<bool> isTaken_;                                           // by position in the base
-  std::vector<std::pair<std::string, std::optional<FileStatus>>> put_;  // nothing: taken out again
-  std::unordered_map<std::string, size_t, Hash, std::equal_to<>> putByName_;
+  std::vector<bool> isTaken_;                                       // by position in the base
+  using Entry = std::pair<std::string, std::optional<FileStatus>>;  // nothing: taken out again
+  std::deque<Entry> put_;
+  std::unordered_map<std::string_view, Entry*> putByName_;  // the last of each name
   uint32_t count_;
 };

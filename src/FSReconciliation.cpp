@@ -121,7 +121,7 @@ void FSReconciliation::KeepName(Position c, Position s) {
 // and so on, the renames go from the last to the first, so that none replaces what still moves.
 // REQUIRES: NewNameOf(first) is not kNone.
 void FSReconciliation::MoveChain(Position first) {
-  std::vector<std::pair<Position, Position>> moves;  // current and saved position
+  Moves moves;
   bool isRing = false;
   for (Position s = first; s != kNone && !isRing;) {
     const Position c = NewNameOf(s);
@@ -145,7 +145,7 @@ void FSReconciliation::MoveChain(Position first) {
 // Each of the entries has the name of the next, and the last that of the first. As renames, the
 // first would replace another; so that is possible only where one of them is taken away before and
 // put again after. A folder would lose its contents by that.
-void FSReconciliation::Ring(const std::vector<std::pair<Position, Position>>& ring) {
+void FSReconciliation::Ring(const Moves& ring) {
   const auto isFolder = [&](const auto& move) { return saved_.isFolder(move.second); };
   const auto file = std::find_if_not(ring.begin(), ring.end(), isFolder);
   if (file == ring.end() || std::none_of(ring.begin(), ring.end(), isFolder)) {
@@ -274,12 +274,18 @@ void FSReconciliation::Leave(std::string_view name) {
   for (Position s = SavedByName().FirstNamed(name); s != kNone; s = SavedByName().NextNamed(s)) {
     edits_[s] = kNone;
   }
-  for (Position& c : appended_) {
-    if (c != kNone && current_.name(c) == name) c = kNone;
+  if (appended_.empty()) return;
+  for (Position c = CurrentByName().FirstNamed(name); c != kNone;
+       c = CurrentByName().NextNamed(c)) {
+    appendedAt_[c] = kNone;
   }
 }
 
-void FSReconciliation::Append(Position c) { appended_.push_back(c); }
+void FSReconciliation::Append(Position c) {
+  if (appendedAt_.empty()) appendedAt_.resize(current_.count(), kNone);
+  appendedAt_[c] = static_cast<Position>(appended_.size());
+  appended_.push_back(c);
+}
 
 FSListingPtr FSReconciliation::MakeListing() const {
   FSListingBuilder builder;
@@ -291,8 +297,8 @@ FSListingPtr FSReconciliation::MakeListing() const {
       builder.Add(current_, edit);
     }
   }
-  for (const Position c : appended_) {
-    if (c != kNone) builder.Add(current_, c);
+  for (Position i = 0; i < appended_.size(); ++i) {
+    if (appendedAt_[appended_[i]] == i) builder.Add(current_, appended_[i]);
   }
   return builder.Finish();
 }

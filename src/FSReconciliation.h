@@ -51,7 +51,8 @@ class FSReconciliation {
   void SameNameOtherFile(Position c, Position s);
   void KeepName(Position c, Position s);
   void MoveChain(Position first);
-  void Ring(const std::vector<std::pair<Position, Position>>& ring);
+  using Moves = std::vector<std::pair<Position, Position>>;  // current and saved position
+  void Ring(const Moves& ring);
   void Changed(Position c, Position s);
   void Renamed(Position c, Position s);
   void Arrived(Position c);
@@ -105,7 +106,8 @@ class FSReconciliation {
   // current one of this position, or leaves.
   static constexpr Position kStays = kNone - 1;
   std::vector<Position> edits_;
-  std::vector<Position> appended_;  // current positions; kNone where taken back
+  std::vector<Position> appended_;    // current positions,
+  std::vector<Position> appendedAt_;  // and by current position where it is among them, or kNone
   void Edit();
 
   std::optional<FSListingIndex> currentByName_, currentFiles_, savedByName_, savedFiles_;

@@ -150,8 +150,11 @@ void FSTransit::Clear() {
   compared_.clear();
 }
 
-void FSTransit::Settle() {
-  for (const FSChangedResource& record : std::exchange(records, {})) {
+FSChangeList FSTransit::Settle() {
+  for (const FSChangedResource& record : records) {
+    // Files are in the listing that is taken over below.
+    const auto own = own_.find(FSTree::ParentOf(record.path));
+    if (!record.isFolder && own != own_.end() && own->second.isFound) continue;
     if (record.action == "delete") {
       tree_.Take(record.path);
     } else if (record.action == "rename") {
@@ -167,6 +170,7 @@ void FSTransit::Settle() {
     tree_.doubt.erase(key);
   }
   Clear();
+  return std::exchange(records, {});
 }
 
 std::vector<std::string> FSTransit::Check() {

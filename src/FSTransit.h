@@ -11,6 +11,7 @@
 // callback; main thread only.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -70,9 +71,9 @@ class FSTransit {
 
   // ---- When the records are out.
 
-  // For a comparison by itself: does at once in the snapshot what its records say, and takes its
-  // listing over.
-  void Settle();
+  // For a comparison by itself: does at once in the snapshot what its records say, takes its
+  // listing over, and gives the records.
+  FSChangeList Settle();
 
   // Takes the listings over with which the snapshot agrees, and gives the folders that have to be
   // compared in the next pass, parents first.
@@ -94,11 +95,11 @@ class FSTransit {
   FSTree& tree_;
 
   // The overlay of one pass.
-  std::map<std::string, Own> own_;  // by key: what comparisons and scans have made
+  std::map<std::string, Own, std::less<>> own_;  // by key: what comparisons and scans have made
   std::map<std::string, std::optional<std::string>> place_;  // by prefix: where the snapshot has
                                                              // it; nothing: nowhere
-  std::map<std::string, Own> detached_;  // of unknown folders, compared with nothing
-  std::vector<std::string> compared_;    // keys, at the time
+  std::map<std::string, Own, std::less<>> detached_;  // of unknown folders, compared with nothing
+  std::vector<std::string> compared_;                 // keys, at the time
 
   // Of the callback: folders that are not to be compared again in it.
   std::set<std::string> waiting_;

@@ -183,15 +183,13 @@ void FSTree::Put(const std::string& path, const FileStatus& status) {
 
 void FSTree::Take(const std::string& path) {
   const MutexLock lock(treeMutex);
-  TakeEntry(path);
-  EraseAtAndBelow(path);
+  TakeAllAt(path);
 }
 
 void FSTree::Rename(const std::string& oldPath, const std::string& path, const FileStatus& status) {
   const MutexLock lock(treeMutex);
   TakeEntry(oldPath);
-  TakeEntry(path);
-  EraseAtAndBelow(path);
+  TakeAllAt(path);
   if (status.isFolder) MoveAtAndBelow(oldPath, path);
   PutEntry(path, status);
 }
@@ -221,9 +219,15 @@ void FSTree::PutEntry(const std::string& path, const FileStatus& status) {
   if (isFirst && Utility::isAllowedPath(path + "/")) doubt.insert(path);
 }
 
-void FSTree::TakeEntry(const std::string& path) {
+std::optional<FileStatus> FSTree::TakeEntry(const std::string& path) {
   const auto parent = snapshot.find(ParentOf(path));
-  if (parent != snapshot.end()) DraftOf(parent->second).Take(NameOf(path));
+  return parent == snapshot.end() ? std::nullopt : DraftOf(parent->second).Take(NameOf(path));
+}
+
+// Only a folder has anything below it, or what is below an unknown one.
+void FSTree::TakeAllAt(const std::string& path) {
+  const std::optional<FileStatus> taken = TakeEntry(path);
+  if ((taken && taken->isFolder) || !unknown_.empty()) EraseAtAndBelow(path);
 }
 
 void FSTree::EraseAtAndBelow(const std::string& path) {
@@ -264,6 +268,7 @@ void FSTree::MoveAtAndBelow(const std::string& from, const std::string& to) {
 
 std::vector<std::string> FSTree::PathsBelow(const std::string& key) const {
   std::vector<std::string> paths;
+  if (unknown_.empty()) return paths;
   eachAtAndBelow(snapshot, key, [&](auto at) {
     const FSListingPtr listing = KnownListing(at->first);
     const FSEntries entries = listing->entries();

@@ -228,7 +228,8 @@ class FSTree {
   FSListingPtr KnownListing(const std::string& key) const;
   FSListingDraft& DraftOf(Folder& folder);
   void PutEntry(const std::string& path, const FileStatus& status);
-  void TakeEntry(const std::string& path);
+  std::optional<FileStatus> TakeEntry(const std::string& path);
+  void TakeAllAt(const std::string& path);
   void EraseAtAndBelow(const std::string& path);
   void MoveAtAndBelow(const std::string& from, const std::string& to);
   void Rebuild(const std::string& key, const FSResourceList& entries);

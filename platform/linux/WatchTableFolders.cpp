@@ -211,6 +211,9 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
   }
   Attach(Extract(*folder), parent, name);
   moved_.insert(folder);
+  // The reader may know other contents of it, from another of its paths.
+  const Folder* const first = FindByWatch(folder->watch);
+  if (first != nullptr && first->twin != nullptr) MarkAll(*folder, kLost | kGained);
   return folder;
 }
 
