@@ -4,7 +4,7 @@ disk whenever the tree has been quiet for a few seconds.
 
 usage: soak.py [--on PLACE] [--rounds ROUNDS] TOOL SECONDS [SEED] [MODE ...]
 
-PLACE is a folder, or the name of a file system that is made for it (tests/places.py): tmpfs, ext4-128, xfs, btrfs (with
+PLACE is a folder, or the name of a file system that is made for it (places.py): tmpfs, ext4-128, xfs, btrfs (with
 subvolumes and snapshots), overlay, bindfs, binds (parts of the tree are mounted at other places of it too) and mounts
 (file systems come, go and move in it). Exit status 77: it cannot be had here.
 
