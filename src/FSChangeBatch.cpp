@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "FSPaths.h"
+
 namespace {
 
 bool isCreation(const FSChangedResource& record) { return record.action == "create"; }
@@ -183,9 +185,9 @@ void FSChangeBatch::DeleteBelow(const std::string& path) {
 // Whether the reader has a file at one of the paths above. A folder that it knows is in another,
 // and so on.
 bool FSChangeBatch::IsBelowFile(std::string_view path) {
-  for (std::string_view above = FSTree::ParentOf(path); above.size() > tree_.rootPath.size();
-       above = FSTree::ParentOf(above)) {
-    if (tree_.Listing(above) != nullptr && !tree_.IsUnknown(above)) return false;
+  for (std::string_view above = FSPaths::parentOf(path); above.size() > tree_.rootPath.size();
+       above = FSPaths::parentOf(above)) {
+    if (tree_.Has(above) && !tree_.IsUnknown(above)) return false;
     const std::optional<FileStatus> known = tree_.Find(std::string(above));
     if (known) return !known->isFolder;
   }

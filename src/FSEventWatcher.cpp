@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "FSChangeBatch.h"
+#include "FSPaths.h"
 #include "FSReconciliation.h"
 #include "FSTransit.h"
 #include "StreamExtension.h"
@@ -22,6 +23,7 @@ FSResourcePtr _pathResource;
 
 FSTree* FSEventWatcher::sTree = nullptr;
 FSChangeEvents* FSEventWatcher::sChanges = nullptr;
+bool (*FSEventWatcher::sNamesBehind)(ConstFSEventStreamRef, size_t, FSNames&) = namesBehind;
 
 namespace {
 
@@ -95,19 +97,31 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
-void compare(const std::string& key, FSTransit& transit) {
+// Whether anything was found, and so for the others.
+bool compare(const std::string& key, FSTransit& transit) {
   const MutexLock lock(mainlock);
-  FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges).Run();
+  return FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges).Run();
+}
+
+// The same for an event, which may be about a few names only.
+bool compareNamed(const std::string& key, ConstFSEventStreamRef stream, size_t event,
+                  FSTransit& transit) {
+  FSNames names;
+  if (!FSEventWatcher::sNamesBehind(stream, event, names)) {
+    return compare(key, transit);
+  }
+  const MutexLock lock(mainlock);
+  return FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges)
+      .RunOn(names);
 }
 
 void compareBothSides(const std::string& key, FSTransit& transit) {
-  compare(key, transit);
-  if (!FSEventWatcher::sTree->retries.contains(key)) compare(key, transit);
+  if (compare(key, transit)) compare(key, transit);
 }
 
 // The key of the folder that an event names.
 std::string keyOf(const std::string& folder) {
-  return folder.ends_with('/') ? FSTree::KeyOf(folder) : folder;
+  return folder.ends_with('/') ? FSPaths::keyOf(folder) : folder;
 }
 
 void retry(CFRunLoopTimerRef /*timer*/, void* /*info*/) {
@@ -118,9 +132,11 @@ void retry(CFRunLoopTimerRef /*timer*/, void* /*info*/) {
 void setRetryTimer() {
   if (retryTimer == nullptr) return;
   CFTimeInterval wait = kNever;
-  if (const auto next = FSEventWatcher::sTree->retries.Next()) {
+  FSTree& tree = *FSEventWatcher::sTree;
+  for (const auto& next : {tree.retries.Next(), tree.byNames.Next()}) {
+    if (!next) continue;
     const std::chrono::duration<double> left = *next - std::chrono::steady_clock::now();
-    wait = std::max(left.count(), kRetryPause);
+    wait = std::min(wait, std::max(left.count(), kRetryPause));
   }
   CFRunLoopTimerSetNextFireDate(retryTimer, CFAbsoluteTimeGetCurrent() + wait);
 }
@@ -154,10 +170,16 @@ void FSEventWatcher::start(std::string& path, bool& showAll, bool& debugMode, st
   echoSettings();
   queueLine("scan", "begin");
   sChanges->StartThrow(kLinesPerWake);
-  // The stream is there before the scan, so that what changes during the scan is told after it, and
-  // the watches are being set meanwhile.
+  // The stream watches each folder before the scan reads it, so that what changes during the scan
+  // is reported after it.
   const bool isCreated = CreateStream();
+  if (isCreated) {
+    sTree->beforeScanning = [this](const std::string& key, const OpenFolder& folder) {
+      watchFolder(eventStream, key, folder);
+    };
+  }
   sTree->InitWithPath(_path, *sChanges, _showAll);
+  sTree->beforeScanning = nullptr;
   queueLine("scan", "complete");
   if (!isCreated) return;
   FSEventStreamScheduleWithRunLoop(eventStream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
@@ -181,12 +203,13 @@ bool FSEventWatcher::CreateStream() {
   return eventStream != nullptr;
 }
 
-void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /*clientInfo*/,
+void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef stream, void* /*clientInfo*/,
                                        size_t count, const char* const* paths,
                                        const FSEventStreamEventFlags* flags,
                                        const FSEventStreamEventId* ids) {
   if (count == 0) return;
   FSTransit transit(*sTree);
+  std::string unchanged;
   for (size_t i = count; i-- > 0;) {
     const bool isRoot = (flags[i] & kFSEventStreamEventFlagRootChanged) != 0;
     if (!isRoot && !Utility::isAllowedPath(paths[i])) continue;
@@ -194,7 +217,9 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
     if (isRoot) {
       checkRoot(ids[i], transit.records);
     } else {
-      compare(keyOf(paths[i]), transit);
+      std::string key = keyOf(paths[i]);
+      if (key == unchanged) continue;
+      unchanged = compareNamed(key, stream, i, transit) ? "" : std::move(key);
     }
   }
   EmitAndCheck(transit);
@@ -203,7 +228,8 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef /*stream*/, void* /
 void FSEventWatcher::RetryUnread(std::chrono::steady_clock::time_point now) {
   FSTransit transit(*sTree);
   for (int i = 0; i < kMostRetries; ++i) {
-    const std::optional<std::string> folder = sTree->retries.Take(now);
+    std::optional<std::string> folder = sTree->retries.Take(now);
+    if (!folder) folder = sTree->byNames.Take(now);
     if (!folder) break;
     if (!Utility::isAllowedPath(*folder + "/")) continue;
     if (retryStream != nullptr && nameAgain(retryStream, *folder)) continue;

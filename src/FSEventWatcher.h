@@ -49,15 +49,19 @@ class FSEventWatcher {
   // are equal; a second call reports the other.
   static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
 
-  // Sees to it that the folders that could not be read, and whose turn it is by now, are compared
-  // again: the stream is asked to name them. Where it cannot, they are compared at once, and what
-  // differs is turned into records.
+  // Sees to it that the folders that could not be read, or of which only names were examined, are
+  // compared again when it is time: the stream is asked to name them. Where it cannot, they are
+  // compared at once, and what differs is turned into records.
   static void RetryUnread(std::chrono::steady_clock::time_point now) EXCLUDES(mainlock);
 
   // The position of the first record in the list with the record's inode, or -1.
   static int32_t IndexOfByINode(const FSChangedResource& record, const FSChangeList& list);
 
   FSEventStreamRef eventStream = nullptr;
+
+  // Gives the names that an event of the running callback is about, by its number in the batch, and
+  // whether they are known: the event stream's answer.
+  static bool (*sNamesBehind)(ConstFSEventStreamRef stream, size_t event, FSNames& names);
 
   // The two objects that the process shares; null until a watcher is made.
   static FSTree* sTree;

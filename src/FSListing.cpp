@@ -186,6 +186,7 @@ void FSListingDraft::Put(std::string_view name, const FileStatus& status) {
   Entry& entry = put_.emplace_back(name, status);
   putByName_.insert_or_assign(entry.first, &entry);
   ++count_;
+  ++changes_;
 }
 
 std::optional<FileStatus> FSListingDraft::Take(std::string_view name) {
@@ -200,6 +201,7 @@ std::optional<FileStatus> FSListingDraft::Take(std::string_view name) {
     if (!taken) taken = base_->entries().status(at);
     isTaken_[at] = true;
     --count_;
+    ++changes_;
   }
   return taken;
 }

@@ -174,6 +174,9 @@ class FSListingDraft {
   std::optional<FileStatus> Take(std::string_view name);
 
   uint32_t count() const { return count_; }
+
+  // How many entries it has been made to differ in, at most.
+  size_t changes() const { return changes_; }
   FSListingPtr Finish() const;
 
  private:
@@ -184,4 +187,5 @@ class FSListingDraft {
   std::deque<Entry> put_;
   std::unordered_map<std::string_view, Entry*> putByName_;  // the last of each name
   uint32_t count_;
+  size_t changes_ = 0;
 };

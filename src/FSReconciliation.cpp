@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "FSPaths.h"
+
 namespace {
 
 const FSListingIndex& made(std::optional<FSListingIndex>& index, const FSEntries& entries,
@@ -17,17 +19,35 @@ FSReconciliation::FSReconciliation(std::string key, FSTree& tree, FSTransit& tra
                                    FSChangeEvents& log)
     : tree_(tree), transit_(transit), log_(log), key_(std::move(key)) {}
 
-void FSReconciliation::Run() {
+bool FSReconciliation::Run() {
   const FSListingPtr before = transit_.ListingAt(key_);
-  const FSLook look =
-      tree_.Read(key_, before != nullptr ? before->entries() : FSEntries(), listed_);
+  FSListingBuilder listed;
+  const FSLook look = tree_.Read(key_, before != nullptr ? before->entries() : FSEntries(), listed);
   if (look.reading == FSReading::failed || (before == nullptr && !isReadable(look.reading))) {
     transit_.SetUnread(key_, look.reading);
-    return;
+    return false;
   }
-  known_ = transit_.LookUp(key_, look.reading != FSReading::absent);
-  current_ = listed_.entries();
-  saved_ = known_.listing->entries();
+  const FSTransit::Known known = transit_.LookUp(key_, look.reading != FSReading::absent);
+  current_ = listed.entries();
+  saved_ = known.listing->entries();
+  Walk();
+  transit_.SetCompared(key_, known, isEdited() ? MakeListing() : known.listing, look);
+  return hasReported_;
+}
+
+bool FSReconciliation::RunOn(const FSNames& names) {
+  const std::optional<FSTree::Named> named = transit_.LookUpNames(key_, names);
+  if (!named) {
+    return Run();
+  }
+  current_ = named->current->entries();
+  saved_ = named->saved->entries();
+  Walk();
+  transit_.SetComparedByNames(key_, names, isEdited() ? MakeListing() : named->saved, named->look);
+  return hasReported_;
+}
+
+void FSReconciliation::Walk() {
   isCurrentSettled_.resize(current_.count());
   isSavedSettled_.resize(saved_.count());
   if (current_.count() > saved_.count()) {
@@ -35,8 +55,6 @@ void FSReconciliation::Run() {
   } else {
     WalkSaved();
   }
-  const bool isEdited = !edits_.empty() || !appended_.empty();
-  transit_.SetCompared(key_, known_, isEdited ? MakeListing() : known_.listing, look);
 }
 
 void FSReconciliation::WalkCurrent() {
@@ -85,7 +103,7 @@ void FSReconciliation::SameName(Position c, Position s) {
     Changed(c, s);
   } else if (current.isFolder && (current.created.tv_sec != saved.created.tv_sec ||
                                   current.created.tv_nsec != saved.created.tv_nsec)) {
-    if (!tree_.ReadAgain(FSTree::Join(key_, current_.name(c)))) return;
+    if (!tree_.ReadAgain(FSPaths::join(key_, current_.name(c)))) return;
     Edit();
     edits_[s] = c;
   }
@@ -112,7 +130,7 @@ void FSReconciliation::KeepName(Position c, Position s) {
     Changed(c, s);
     return;
   }
-  if (current_.isFolder(c)) tree_.ReadAgain(FSTree::Join(key_, current_.name(c)));
+  if (current_.isFolder(c)) tree_.ReadAgain(FSPaths::join(key_, current_.name(c)));
   Edit();
   edits_[s] = c;
 }
@@ -181,7 +199,7 @@ void FSReconciliation::Renamed(Position c, Position s) {
   Leave(current_.name(c));
 
   Log("* RENAMED %s \"%s\"", current);
-  current.oldPath = FSTree::Join(key_, saved_.name(s));
+  current.oldPath = FSPaths::join(key_, saved_.name(s));
   Leave(saved_.name(s));
   Append(c);
   if (current.isFolder) transit_.MoveFolder(current.oldPath, current.path);
@@ -304,15 +322,16 @@ FSListingPtr FSReconciliation::MakeListing() const {
 }
 
 FSResource FSReconciliation::Current(Position c) const {
-  return {current_.status(c), FSTree::Join(key_, current_.name(c))};
+  return {current_.status(c), FSPaths::join(key_, current_.name(c))};
 }
 
 FSResource FSReconciliation::Saved(Position s) const {
-  return {saved_.status(s), FSTree::Join(key_, saved_.name(s))};
+  return {saved_.status(s), FSPaths::join(key_, saved_.name(s))};
 }
 
 void FSReconciliation::Report(const char* action, FSResource resource) {
   transit_.records.emplace_back(action, std::move(resource));
+  hasReported_ = true;
 }
 
 void FSReconciliation::Log(const char* format, const FSResource& resource) {

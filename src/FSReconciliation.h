@@ -37,12 +37,19 @@ class FSReconciliation {
  public:
   // `key` is the folder's path without a final "/".
   FSReconciliation(std::string key, FSTree& tree, FSTransit& transit, FSChangeEvents& log);
-  void Run();
+
+  // Whether anything was reported. If not, there is no other side to report either.
+  bool Run();
+
+  // The same where nothing but these names can have changed. They are examined, and the folder is
+  // not read, where that is sure to give the same.
+  bool RunOn(const FSNames& names);
 
  private:
   using Position = uint32_t;
   static constexpr Position kNone = FSListingIndex::kNone;
 
+  void Walk();
   void WalkCurrent();
   void WalkSaved();
 
@@ -73,11 +80,13 @@ class FSReconciliation {
   // names, then current entries.
   void Leave(std::string_view name);
   void Append(Position c);
+  bool isEdited() const { return !edits_.empty() || !appended_.empty(); }
   FSListingPtr MakeListing() const;
 
   FSResource Current(Position c) const;
   FSResource Saved(Position s) const;
   void Report(const char* action, FSResource resource);
+  bool hasReported_ = false;
   void Log(const char* format, const FSResource& resource);
 
   const FSListingIndex& CurrentByName();
@@ -90,10 +99,8 @@ class FSReconciliation {
   FSChangeEvents& log_;
   const std::string key_;
 
-  FSTransit::Known known_;
-  FSListingBuilder listed_;
-  FSEntries current_;  // of listed_
-  FSEntries saved_;    // of known_
+  // Of the folder's entries, or of those examined.
+  FSEntries current_, saved_;
 
   // By position: there is nothing more to find out about the entry. Of a saved one, because it has
   // left its name.

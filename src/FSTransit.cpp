@@ -3,23 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "FSPaths.h"
 #include "utility.h"
-
-namespace {
-
-// Calls `visit(at)` for the element of the path and those below it; `visit` may take its element
-// out.
-template <typename Map, typename Visit>
-void eachAtAndBelow(Map& map, const std::string& path, Visit visit) {
-  if (map.empty()) return;
-  if (const auto own = map.find(path); own != map.end()) visit(own);
-  const std::string below = path + "/";
-  for (auto at = map.lower_bound(below); at != map.end() && at->first.starts_with(below);) {
-    visit(at++);
-  }
-}
-
-}  // namespace
 
 // Where the snapshot has the folder, if anywhere.
 std::optional<std::string> FSTransit::PlaceOf(const std::string& key) const {
@@ -33,10 +18,35 @@ std::optional<std::string> FSTransit::PlaceOf(const std::string& key) const {
   return key;
 }
 
-FSListingPtr FSTransit::ListingAt(const std::string& key) const {
+FSListingPtr FSTransit::ListingAt(const std::string& key) {
+  MakeWhole(key);
   if (const auto own = own_.find(key); own != own_.end()) return own->second.listing;
   const std::optional<std::string> place = PlaceOf(key);
   return place ? tree_.Listing(*place) : nullptr;
+}
+
+bool FSTransit::IsThere(const std::string& path) const {
+  if (own_.contains(path)) return true;
+  const std::optional<std::string> place = PlaceOf(path);
+  return place && tree_.Has(*place);
+}
+
+// From the entries that were compared by their names, and the others as the snapshot has them.
+void FSTransit::MakeWhole(const std::string& key) {
+  const auto found = some_.find(key);
+  if (found == some_.end()) return;
+  const Some some = std::move(found->second);
+  some_.erase(found);
+  FSListingBuilder builder;
+  const FSListingPtr saved = tree_.Listing(key);
+  const FSEntries before = saved->entries(), entries = some.entries->entries();
+  for (uint32_t i = 0; i < before.count(); ++i) {
+    if (!std::binary_search(some.names.begin(), some.names.end(), before.name(i))) {
+      builder.Add(before, i);
+    }
+  }
+  for (uint32_t i = 0; i < entries.count(); ++i) builder.Add(entries, i);
+  own_[key] = {builder.Finish(), true, some.look};
 }
 
 FSListingPtr FSTransit::OwnListing(const std::string& key) const {
@@ -45,18 +55,19 @@ FSListingPtr FSTransit::OwnListing(const std::string& key) const {
 }
 
 // Whether the folder is one of its parent's.
-bool FSTransit::IsListedFolder(const std::string& key) const {
+bool FSTransit::IsListedFolder(const std::string& key) {
   if (key == tree_.rootPath) return true;
-  const FSListingPtr parent = ListingAt(std::string(FSTree::ParentOf(key)));
+  const FSListingPtr parent = ListingAt(std::string(FSPaths::parentOf(key)));
   if (parent == nullptr) return false;
   const FSEntries entries = parent->entries();
   for (uint32_t i = 0; i < entries.count(); ++i) {
-    if (entries.isFolder(i) && entries.name(i) == FSTree::NameOf(key)) return true;
+    if (entries.isFolder(i) && entries.name(i) == FSPaths::nameOf(key)) return true;
   }
   return false;
 }
 
-FSTransit::Known FSTransit::LookUp(const std::string& key, bool isPresent) const {
+FSTransit::Known FSTransit::LookUp(const std::string& key, bool isPresent) {
+  MakeWhole(key);
   if (const auto own = own_.find(key); own != own_.end()) return {own->second.listing, false};
   const std::optional<std::string> place = PlaceOf(key);
   const FSListingPtr listing = place ? tree_.Listing(*place) : nullptr;
@@ -64,6 +75,26 @@ FSTransit::Known FSTransit::LookUp(const std::string& key, bool isPresent) const
   if (listing == nullptr && IsListedFolder(key)) return {emptyListing(), false};
   const auto detached = detached_.find(key);
   return {detached != detached_.end() ? detached->second.listing : emptyListing(), true};
+}
+
+std::optional<FSTree::Named> FSTransit::LookUpNames(const std::string& key, const FSNames& names) {
+  const auto before = some_.find(key);
+  const bool isFirst = before == some_.end();
+  if (!isFirst && before->second.names != names) return std::nullopt;
+  if (own_.contains(key) || PlaceOf(key) != key || tree_.IsUnknown(key) ||
+      (isFirst && tree_.doubt.contains(key))) {
+    return std::nullopt;
+  }
+  std::optional<FSTree::Named> named = tree_.ReadNames(key, names);
+  if (named && !isFirst) named->saved = before->second.entries;
+  return named;
+}
+
+void FSTransit::SetComparedByNames(const std::string& key, const FSNames& names,
+                                   FSListingPtr entries, const FSLook& look) {
+  some_[key] = {names, std::move(entries), look};
+  compared_.push_back(key);
+  Doubt(key, key, look.reading);
 }
 
 void FSTransit::SetCompared(const std::string& key, const Known& known, FSListingPtr listing,
@@ -75,7 +106,7 @@ void FSTransit::SetCompared(const std::string& key, const Known& known, FSListin
   const std::optional<std::string> place = PlaceOf(key);
   if (!place) return;
   tree_.NoteReading(*place, reading);
-  if (tree_.Listing(*place) == nullptr) {
+  if (!tree_.Has(*place)) {
     // One whose record is still to be emitted is in doubt from then on.
     if (known.isDetached || isNew || !isReadable(reading)) return;
     tree_.SetListing(*place, emptyListing());
@@ -87,12 +118,11 @@ void FSTransit::SetUnread(const std::string& key, FSReading reading) {
   const std::optional<std::string> place = PlaceOf(key);
   if (!place) return;
   const bool isRetried = tree_.retries.contains(*place);
-  if (reading != FSReading::absent && !isRetried && tree_.Listing(*place) == nullptr &&
-      !IsListedFolder(key)) {
+  if (reading != FSReading::absent && !isRetried && !tree_.Has(*place) && !IsListedFolder(key)) {
     return;
   }
   tree_.NoteReading(*place, reading);
-  if (tree_.Listing(*place) != nullptr) Doubt(*place, key, reading);
+  if (tree_.Has(*place)) Doubt(*place, key, reading);
 }
 
 // The folder has been compared or scanned. What can be read stays in doubt until it is found to
@@ -113,9 +143,10 @@ void FSTransit::AddFolder(const std::string& path) {
 
 void FSTransit::RemoveFolder(const std::string& path) {
   for (auto* folders : {&own_, &detached_}) {
-    eachAtAndBelow(*folders, path, [&](auto at) { folders->erase(at); });
+    FSPaths::eachAtAndBelow(*folders, path, [&](auto at) { folders->erase(at); });
   }
-  eachAtAndBelow(place_, path, [&](auto at) { place_.erase(at); });
+  FSPaths::eachAtAndBelow(some_, path, [&](auto at) { some_.erase(at); });
+  FSPaths::eachAtAndBelow(place_, path, [&](auto at) { place_.erase(at); });
   place_[path] = std::nullopt;
 }
 
@@ -123,11 +154,12 @@ void FSTransit::RemoveFolder(const std::string& path) {
 void FSTransit::MoveFolder(const std::string& oldPath, const std::string& path) {
   const auto moved = [&](const std::string& key) { return path + key.substr(oldPath.size()); };
   const std::optional<std::string> place = PlaceOf(oldPath);
+  FSPaths::eachAtAndBelow(some_, oldPath, [&](auto at) { MakeWhole(std::string(at->first)); });
   std::vector<std::pair<std::string, FSListingPtr>> folders;
-  eachAtAndBelow(own_, oldPath,
-                 [&](auto at) { folders.emplace_back(moved(at->first), at->second.listing); });
+  FSPaths::eachAtAndBelow(
+      own_, oldPath, [&](auto at) { folders.emplace_back(moved(at->first), at->second.listing); });
   std::vector<std::pair<std::string, std::optional<std::string>>> places;
-  eachAtAndBelow(place_, oldPath, [&](auto at) {
+  FSPaths::eachAtAndBelow(place_, oldPath, [&](auto at) {
     if (at->first != oldPath) places.emplace_back(moved(at->first), at->second);
   });
   RemoveFolder(path);
@@ -147,13 +179,14 @@ void FSTransit::Clear() {
   own_.clear();
   place_.clear();
   detached_.clear();
+  some_.clear();
   compared_.clear();
 }
 
 FSChangeList FSTransit::Settle() {
   for (const FSChangedResource& record : records) {
     // Files are in the listing that is taken over below.
-    const auto own = own_.find(FSTree::ParentOf(record.path));
+    const auto own = own_.find(FSPaths::parentOf(record.path));
     if (!record.isFolder && own != own_.end() && own->second.isFound) continue;
     if (record.action == "delete") {
       tree_.Take(record.path);
@@ -165,8 +198,8 @@ FSChangeList FSTransit::Settle() {
   }
   tree_.FinishDrafts();
   for (const auto& [key, own] : own_) {
-    if (!own.isFound || tree_.Listing(key) == nullptr) continue;
-    tree_.SetListing(key, own.listing);
+    if (!own.isFound || !tree_.Has(key)) continue;
+    tree_.SetListing(key, own.listing, own.look.folder);
     tree_.doubt.erase(key);
   }
   Clear();
@@ -179,7 +212,7 @@ std::vector<std::string> FSTransit::Check() {
   std::vector<std::string> empty;  // unknown and gone
   for (const auto* folders : {&own_, &detached_}) {
     for (const auto& [key, own] : *folders) {
-      if (!own.isFound || tree_.Listing(key) == nullptr) continue;
+      if (!own.isFound || !tree_.Has(key)) continue;
       const bool agrees = tree_.Agrees(key, own.listing->entries(), replaced);
       if (agrees && isReadable(own.look.reading) && !tree_.IsUnknown(key)) {
         agreeing[key] = own.listing;
@@ -190,23 +223,37 @@ std::vector<std::string> FSTransit::Check() {
       }
     }
   }
+  std::vector<std::string> agreeingOnSome;
+  for (const auto& [key, some] : some_) {
+    if (!tree_.Has(key)) continue;
+    if (tree_.AgreesOn(key, some.names, some.entries->entries(), replaced)) {
+      agreeingOnSome.push_back(key);
+    } else {
+      tree_.doubt.insert(key);
+    }
+  }
   // The comparison was of a folder that has moved or gone since. Another may be here by now.
   for (const std::string& key : compared_) {
-    if (FindFound(key) == nullptr && tree_.Listing(key) != nullptr) tree_.doubt.insert(key);
+    if (FindFound(key) == nullptr && tree_.Has(key)) tree_.doubt.insert(key);
   }
   // Another folder in the place of one. Unless it has been read itself, it is compared with the
   // next events, which name it if anything is to be found.
   for (const auto& [key, identity] : replaced) {
-    const Own* const own = FindFound(key);
-    if (own != nullptr && own->look.folder == identity) continue;
+    const FSLook* const look = FindFound(key);
+    if (look != nullptr && look->folder == identity) continue;
     agreeing.erase(key);
+    std::erase(agreeingOnSome, key);
     if (!Utility::isAllowedPath(key + "/")) continue;
     tree_.doubt.insert(key);
     waiting_.insert(key);
   }
   for (auto& [key, listing] : agreeing) {
     tree_.doubt.erase(key);
-    tree_.SetListing(key, std::move(listing));
+    tree_.SetListing(key, std::move(listing), FindFound(key)->folder);
+  }
+  for (const std::string& key : agreeingOnSome) {
+    tree_.doubt.erase(key);
+    tree_.SetEntries(key, some_.at(key).entries->entries());
   }
   tree_.FinishDrafts();
   for (const std::string& key : empty) tree_.Forget(key);
@@ -214,12 +261,14 @@ std::vector<std::string> FSTransit::Check() {
   return NextPass();
 }
 
-const FSTransit::Own* FSTransit::FindFound(const std::string& key) const {
+// What came of reading the folder that is at the path; null when none is known to have been read.
+const FSLook* FSTransit::FindFound(const std::string& key) const {
   for (const auto* folders : {&own_, &detached_}) {
     const auto found = folders->find(key);
-    if (found != folders->end() && found->second.isFound) return &found->second;
+    if (found != folders->end() && found->second.isFound) return &found->second.look;
   }
-  return nullptr;
+  const auto found = some_.find(key);
+  return found == some_.end() ? nullptr : &found->second.look;
 }
 
 // An unknown folder that is there waits until the folder above tells of it.

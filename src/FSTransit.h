@@ -35,10 +35,18 @@ class FSTransit {
     bool isDetached;       // the folder is unknown, and is compared with nothing
   };
   // `isPresent`: it is on the disk.
-  Known LookUp(const std::string& key, bool isPresent) const;
+  Known LookUp(const std::string& key, bool isPresent);
 
   // The folder's listing for what cannot be read now; null when there is none.
-  FSListingPtr ListingAt(const std::string& key) const;
+  FSListingPtr ListingAt(const std::string& key);
+
+  // The same for a comparison of these names of the folder only. Nothing in any doubt: then the
+  // folder has to be read in full.
+  std::optional<FSTree::Named> LookUpNames(const std::string& key, const FSNames& names);
+
+  // What a comparison has made of the entries of these names.
+  void SetComparedByNames(const std::string& key, const FSNames& names, FSListingPtr entries,
+                          const FSLook& look);
 
   // What a comparison has made of the folder's listing.
   void SetCompared(const std::string& key, const Known& known, FSListingPtr listing,
@@ -58,7 +66,7 @@ class FSTransit {
   // ---- While records are emitted.
 
   // Whether the folder is still there after the last comparison.
-  bool IsThere(const std::string& path) const { return ListingAt(path) != nullptr; }
+  bool IsThere(const std::string& path) const;
 
   // The listing that comparisons have made of the folder; null when they have made none.
   FSListingPtr OwnListing(const std::string& key) const;
@@ -86,10 +94,18 @@ class FSTransit {
     FSLook look = {FSReading::whole, {}};
   };
 
+  // What comparisons have made of some entries.
+  struct Some {
+    FSNames names;
+    FSListingPtr entries;
+    FSLook look;
+  };
+
   std::optional<std::string> PlaceOf(const std::string& key) const;
-  bool IsListedFolder(const std::string& key) const;
+  bool IsListedFolder(const std::string& key);
+  void MakeWhole(const std::string& key);
   void Doubt(const std::string& place, const std::string& key, FSReading reading);
-  const Own* FindFound(const std::string& key) const;
+  const FSLook* FindFound(const std::string& key) const;
   std::vector<std::string> NextPass();
 
   FSTree& tree_;
@@ -99,6 +115,7 @@ class FSTransit {
   std::map<std::string, std::optional<std::string>> place_;  // by prefix: where the snapshot has
                                                              // it; nothing: nowhere
   std::map<std::string, Own, std::less<>> detached_;  // of unknown folders, compared with nothing
+  std::map<std::string, Some, std::less<>> some_;     // of folders that are not in own_
   std::vector<std::string> compared_;                 // keys, at the time
 
   // Of the callback: folders that are not to be compared again in it.

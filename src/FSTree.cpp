@@ -1,82 +1,30 @@
 #include "FSTree.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <climits>
-#include <iterator>
 #include <memory>
 #include <utility>
 
+#include "FSPaths.h"
 #include "FileStatus.h"
-#include "FolderEntries.h"
 #include "utility.h"
 
 namespace {
 
-constexpr const char* kProhibitedSuffixes[] = {".tmp",
-                                               ".temp",
-                                               ".log",
-                                               ".sys",
-                                               ".---",
-                                               ".###",
-                                               ".$$$",
-                                               ".cache",
-                                               ".cache-2",
-                                               ".cache-3",
-                                               ".db",
-                                               ".sqlite",
-                                               ".sqlite3",
-                                               ".db3",
-                                               ".db-shm",
-                                               ".db-wal",
-                                               ".db$",
-                                               ".db3-journal",
-                                               ".download",
-                                               ".downloaddownload",
-                                               ".indexArrays",
-                                               ".indexCompactDirectory",
-                                               ".indexDirectory",
-                                               ".indexPositions",
-                                               ".indexPositionTable",
-                                               ".sqlite3-journal",
-                                               ".TemporaryItems",
-                                               ".tmt"};
+constexpr size_t kMostKept = 8;  // drafts that stay, with an index of the folder's names each
 
-// Adds the saved entries of those names, where what has been read does not have them.
-template <typename Wanted>
-void keepSaved(const FSEntries& saved, Wanted isWanted, FSListingBuilder& current) {
-  const FSListingPtr read = current.Finish();
-  const FSListingIndex byName(read->entries(), FSListingIndex::Key::name);
-  for (uint32_t i = 0; i < saved.count(); ++i) {
-    const bool isRead = byName.FirstNamed(saved.name(i)) != FSListingIndex::kNone;
-    if (!isRead && isWanted(saved.name(i))) current.Add(saved, i);
-  }
+bool areEqual(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool areEqual(const FileStatus& a, const FileStatus& b) {
+  return a.identity == b.identity && a.isFolder == b.isFolder && a.size == b.size &&
+         areEqual(a.modified, b.modified) && areEqual(a.created, b.created);
 }
 
 // Whether the entries, and their counterparts by position or by name, say the same to a reader.
 bool sayTheSame(const FileStatus& a, const FileStatus& b) {
   return a.isFolder == b.isFolder && (a.isFolder || a.modified.tv_sec == b.modified.tv_sec);
-}
-
-// Calls `visit(at)` for the element at the folder's own key, if any, and for those at keys that
-// begin with it and "/". Keys sort by bytes, so those below are together, but not always next to
-// the folder's own. `visit` may take its element out.
-template <typename Container, typename Visit>
-void eachAtAndBelow(Container& container, const std::string& path, Visit visit) {
-  const auto keyOf = [](const auto& element) -> const std::string& {
-    if constexpr (requires { element.first; }) {
-      return element.first;
-    } else {
-      return element;
-    }
-  };
-  if (const auto own = container.find(path); own != container.end()) visit(own);
-  const std::string below = path + "/";
-  for (auto at = container.lower_bound(below);
-       at != container.end() && keyOf(*at).starts_with(below);) {
-    visit(at++);
-  }
 }
 
 }  // namespace
@@ -86,9 +34,7 @@ void FSTree::InitWithPath(const std::string& path, FSChangeEvents& queue, bool l
   while (rootPath.size() > 1 && rootPath.ends_with('/')) rootPath.pop_back();
   changes = &queue;
   showAll = listAll;
-  if (prohibitedSuffixes.empty()) {
-    prohibitedSuffixes.assign(std::begin(kProhibitedSuffixes), std::end(kProhibitedSuffixes));
-  }
+  if (prohibitedSuffixes.empty()) SetProhibitedSuffixes();
   ClearSnapshot();
   BuildSnapshot();
 }
@@ -97,83 +43,35 @@ void FSTree::ClearSnapshot() {
   const MutexLock lock(treeMutex);
   snapshot.clear();
   drafted_.clear();
+  kept_.clear();
   unknown_.clear();
   doubt.clear();
   retries.Clear();
+  byNames.Clear();
 }
 
 void FSTree::BuildSnapshot() { DirSearch(rootPath, showAll, false); }
 
-bool FSTree::isProhibited(std::string_view path) const {
-  const size_t dot = path.rfind('.');
-  if (dot == std::string_view::npos) return false;
-  return std::find(prohibitedSuffixes.begin(), prohibitedSuffixes.end(), path.substr(dot)) !=
-         prohibitedSuffixes.end();
-}
-
-FSResourcePtr FSTree::GetResource(const std::string& path) {
-  const std::optional<FileStatus> status = readStatus(AT_FDCWD, path.c_str());
-  return status ? std::make_shared<const FSResource>(*status, path) : nullptr;
-}
-
-FSLook FSTree::Read(const std::string& key, const FSEntries& saved,
-                    FSListingBuilder& current) const {
-  current.Clear();
-  const OpenFolder folder(key, key == rootPath);
-  if (!folder.isOpen()) return {readingOf(folder.failure()), {}};
-  return {ReadFolder(folder, key, saved, current), IdentityOf(folder)};
-}
-
-FileIdentity FSTree::IdentityOf(const OpenFolder& folder) {
-  const std::optional<FileStatus> status = readStatus(folder.number(), "");
-  return status ? status->identity : FileIdentity{};
-}
-
-FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
-                             const FSEntries& saved, FSListingBuilder& current) const {
-  bool isPartial = false;
-  std::set<std::string, std::less<>> unreadNames;
-  const bool isListed = eachEntry(folder.number(), [&](const auto& entry) {
-    const std::string_view name = entry.d_name;
-    if (name == ".DS_Store") return;
-    if (path.size() + 1 + name.size() >= PATH_MAX) return;
-    const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
-    if (!status) {
-      const Failure failure = failureOf(errno);
-      isPartial |= failure != Failure::absent;
-      if (failure == Failure::passing) unreadNames.emplace(name);
-    } else if (status->isFolder || !isProhibited(name)) {
-      current.Add(name, *status);
-    }
-  });
-  const bool isCutOff = !isListed && failureOf(errno) == Failure::passing;
-  if (isCutOff || !unreadNames.empty()) {
-    keepSaved(
-        saved, [&](std::string_view name) { return isCutOff || unreadNames.contains(name); },
-        current);
-  }
-  if (isCutOff || isPartial) return FSReading::partial;
-  // A folder that has gone meanwhile is empty.
-  const bool isGone = current.entries().count() == 0 && !readStatus(AT_FDCWD, path.c_str());
-  return isGone ? FSReading::absent : FSReading::whole;
-}
-
-FSListingPtr FSTree::Listing(std::string_view key) const {
-  const auto found = snapshot.find(key);
-  return found == snapshot.end() ? nullptr : found->second.listing;
-}
-
-// The listing with what records have changed in it.
-FSListingPtr FSTree::KnownListing(const std::string& key) const {
+FSListingPtr FSTree::Listing(std::string_view key) {
+  const MutexLock lock(treeMutex);
   const auto found = snapshot.find(key);
   if (found == snapshot.end()) return nullptr;
-  return found->second.draft != nullptr ? found->second.draft->Finish() : found->second.listing;
+  if (found->second.draft != nullptr && found->second.draft->changes() > 0) Finish(found->second);
+  return found->second.listing;
+}
+
+// The same without a change of its own.
+FSListingPtr FSTree::KnownListing(std::string_view key) const {
+  const auto found = snapshot.find(key);
+  if (found == snapshot.end()) return nullptr;
+  const FSListingDraft* const draft = found->second.draft.get();
+  return draft != nullptr && draft->changes() > 0 ? draft->Finish() : found->second.listing;
 }
 
 std::optional<FileStatus> FSTree::Find(const std::string& path) {
-  const auto parent = snapshot.find(ParentOf(path));
+  const auto parent = snapshot.find(FSPaths::parentOf(path));
   if (parent == snapshot.end()) return std::nullopt;
-  return DraftOf(parent->second).Find(NameOf(path));
+  return DraftOf(parent->second).Find(FSPaths::nameOf(path));
 }
 
 void FSTree::Put(const std::string& path, const FileStatus& status) {
@@ -203,25 +101,38 @@ FSListingDraft& FSTree::DraftOf(Folder& folder) {
   return *folder.draft;
 }
 
+void FSTree::Finish(Folder& folder) {
+  if (folder.draft->changes() > 0) folder.listing = folder.draft->Finish();
+  Drop(folder);
+}
+
+// Without its draft.
+void FSTree::Drop(Folder& folder) {
+  folder.draft.reset();
+  drafted_.erase(&folder);
+  std::erase(kept_, &folder);
+}
+
 void FSTree::PutEntry(const std::string& path, const FileStatus& status) {
-  const std::string parent(ParentOf(path));
+  const std::string parent(FSPaths::parentOf(path));
   auto folder = snapshot.find(parent);
   if (folder == snapshot.end()) {
     const std::optional<FileStatus> known = parent == rootPath ? std::nullopt : Find(parent);
-    folder = snapshot.emplace(parent, Folder{emptyListing(), nullptr}).first;
+    folder = snapshot.emplace(parent, Folder{emptyListing()}).first;
     if (parent != rootPath && !(known && known->isFolder)) unknown_.insert(parent);
   }
   if (unknown_.contains(parent)) doubt.insert(parent);
-  DraftOf(folder->second).Put(NameOf(path), status);
+  DraftOf(folder->second).Put(FSPaths::nameOf(path), status);
   if (!status.isFolder) return;
   unknown_.erase(path);
-  const bool isFirst = snapshot.try_emplace(path, Folder{emptyListing(), nullptr}).second;
+  const bool isFirst = snapshot.try_emplace(path, Folder{emptyListing()}).second;
   if (isFirst && Utility::isAllowedPath(path + "/")) doubt.insert(path);
 }
 
 std::optional<FileStatus> FSTree::TakeEntry(const std::string& path) {
-  const auto parent = snapshot.find(ParentOf(path));
-  return parent == snapshot.end() ? std::nullopt : DraftOf(parent->second).Take(NameOf(path));
+  const auto parent = snapshot.find(FSPaths::parentOf(path));
+  return parent == snapshot.end() ? std::nullopt
+                                  : DraftOf(parent->second).Take(FSPaths::nameOf(path));
 }
 
 // Only a folder has anything below it, or what is below an unknown one.
@@ -231,15 +142,16 @@ void FSTree::TakeAllAt(const std::string& path) {
 }
 
 void FSTree::EraseAtAndBelow(const std::string& path) {
-  eachAtAndBelow(snapshot, path, [&](auto at) {
-    drafted_.erase(&at->second);
+  FSPaths::eachAtAndBelow(snapshot, path, [&](auto at) {
+    Drop(at->second);
     snapshot.erase(at);
   });
+  FSPaths::eachAtAndBelow(byNames.uses(), path, [&](auto at) { byNames.uses().erase(at); });
   for (auto* keys : {&unknown_, &doubt}) {
-    eachAtAndBelow(*keys, path, [&](auto at) { keys->erase(at); });
+    FSPaths::eachAtAndBelow(*keys, path, [&](auto at) { keys->erase(at); });
   }
   std::vector<std::string> unread;
-  eachAtAndBelow(retries.tries(), path, [&](auto at) { unread.push_back(at->first); });
+  FSPaths::eachAtAndBelow(retries.tries(), path, [&](auto at) { unread.push_back(at->first); });
   for (const std::string& key : unread) retries.Remove(key);
 }
 
@@ -247,19 +159,27 @@ void FSTree::EraseAtAndBelow(const std::string& path) {
 void FSTree::MoveAtAndBelow(const std::string& from, const std::string& to) {
   const auto moved = [&](const std::string& key) { return to + key.substr(from.size()); };
   std::vector<Snapshot::node_type> folders;
-  eachAtAndBelow(snapshot, from, [&](auto at) { folders.push_back(snapshot.extract(at)); });
+  FSPaths::eachAtAndBelow(snapshot, from,
+                          [&](auto at) { folders.push_back(snapshot.extract(at)); });
   for (Snapshot::node_type& folder : folders) {
     folder.key() = moved(folder.key());
     snapshot.insert(std::move(folder));
   }
   for (auto* keys : {&unknown_, &doubt}) {
     std::vector<std::string> old;
-    eachAtAndBelow(*keys, from, [&](auto at) { old.push_back(*at); });
+    FSPaths::eachAtAndBelow(*keys, from, [&](auto at) { old.push_back(*at); });
     for (const std::string& key : old) keys->erase(key);
     for (const std::string& key : old) keys->insert(moved(key));
   }
+  std::vector<FSByNames::Uses::node_type> uses;
+  FSPaths::eachAtAndBelow(byNames.uses(), from,
+                          [&](auto at) { uses.push_back(byNames.uses().extract(at)); });
+  for (FSByNames::Uses::node_type& use : uses) {
+    use.key() = moved(use.key());
+    byNames.uses().insert(std::move(use));
+  }
   std::vector<std::string> unread;
-  eachAtAndBelow(retries.tries(), from, [&](auto at) { unread.push_back(at->first); });
+  FSPaths::eachAtAndBelow(retries.tries(), from, [&](auto at) { unread.push_back(at->first); });
   for (const std::string& key : unread) {
     retries.Remove(key);
     doubt.insert(moved(key));
@@ -269,11 +189,11 @@ void FSTree::MoveAtAndBelow(const std::string& from, const std::string& to) {
 std::vector<std::string> FSTree::PathsBelow(const std::string& key) const {
   std::vector<std::string> paths;
   if (unknown_.empty()) return paths;
-  eachAtAndBelow(snapshot, key, [&](auto at) {
+  FSPaths::eachAtAndBelow(snapshot, key, [&](auto at) {
     const FSListingPtr listing = KnownListing(at->first);
     const FSEntries entries = listing->entries();
     for (uint32_t i = 0; i < entries.count(); ++i) {
-      paths.push_back(Join(at->first, entries.name(i)));
+      paths.push_back(FSPaths::join(at->first, entries.name(i)));
     }
   });
   std::sort(paths.begin(), paths.end(), std::greater<>());
@@ -287,7 +207,7 @@ bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& 
   const auto agrees = [&](uint32_t position, const FileStatus& saved) {
     const FileStatus current = entries.status(position);
     if (current.isFolder && saved.isFolder && current.identity != saved.identity) {
-      replaced.emplace_back(Join(key, entries.name(position)), current.identity);
+      replaced.emplace_back(FSPaths::join(key, entries.name(position)), current.identity);
     }
     return sayTheSame(current, saved);
   };
@@ -315,29 +235,70 @@ bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& 
   return isSame;
 }
 
+bool FSTree::AgreesOn(const std::string& key, const FSNames& names, const FSEntries& entries,
+                      Replaced& replaced) {
+  const auto found = snapshot.find(key);
+  if (found == snapshot.end()) return false;
+  const FSListingIndex byName(entries, FSListingIndex::Key::name);
+  bool isSame = true;
+  for (const std::string& name : names) {
+    const uint32_t at = byName.FirstNamed(name);
+    const std::optional<FileStatus> saved = DraftOf(found->second).Find(name);
+    if (at == FSListingIndex::kNone || !saved) {
+      isSame = isSame && at == FSListingIndex::kNone && !saved;
+      continue;
+    }
+    const FileStatus current = entries.status(at);
+    isSame = isSame && sayTheSame(current, *saved);
+    if (current.isFolder && saved->isFolder && current.identity != saved->identity) {
+      replaced.emplace_back(FSPaths::join(key, name), current.identity);
+    }
+  }
+  return isSame;
+}
+
 void FSTree::Forget(const std::string& key) {
   const MutexLock lock(treeMutex);
   const auto found = snapshot.find(key);
   if (found == snapshot.end() || found->second.listing->entries().count() > 0) return;
-  drafted_.erase(&found->second);
+  Drop(found->second);
   snapshot.erase(found);
   unknown_.erase(key);
   doubt.erase(key);
 }
 
-void FSTree::SetListing(const std::string& key, FSListingPtr listing) {
+void FSTree::SetListing(const std::string& key, FSListingPtr listing,
+                        const FileIdentity& identity) {
   const MutexLock lock(treeMutex);
   Folder& folder = snapshot[key];
-  drafted_.erase(&folder);
-  folder = {std::move(listing), nullptr};
+  Drop(folder);
+  folder = {std::move(listing), nullptr, identity};
+  byNames.Remove(key);
+}
+
+void FSTree::SetEntries(const std::string& key, const FSEntries& entries) {
+  const MutexLock lock(treeMutex);
+  Folder& folder = snapshot.find(key)->second;
+  for (uint32_t i = 0; i < entries.count(); ++i) {
+    const FileStatus current = entries.status(i);
+    const std::optional<FileStatus> saved = DraftOf(folder).Find(entries.name(i));
+    if (!saved || !areEqual(*saved, current)) DraftOf(folder).Put(entries.name(i), current);
+  }
+  byNames.Note(key, folder.listing->entries().count(), FSByNames::Clock::now());
 }
 
 void FSTree::FinishDrafts() {
   const MutexLock lock(treeMutex);
-  for (Folder* folder : std::exchange(drafted_, {})) {
-    folder->listing = folder->draft->Finish();
-    folder->draft.reset();
+  const std::vector<Folder*> drafted(drafted_.begin(), drafted_.end());
+  for (Folder* folder : drafted) {
+    const uint32_t count = folder->listing->entries().count();
+    if (count < kLarge || !AreFew(folder->draft->changes(), count)) {
+      Finish(*folder);
+    } else if (std::find(kept_.begin(), kept_.end(), folder) == kept_.end()) {
+      kept_.push_back(folder);
+    }
   }
+  while (kept_.size() > kMostKept) Finish(*kept_.front());
 }
 
 void FSTree::NoteReading(const std::string& key, FSReading reading) {
@@ -355,95 +316,4 @@ bool FSTree::ReadAgain(const std::string& key) {
   retries.Remove(key);
   doubt.insert(key);
   return true;
-}
-
-std::string FSTree::KeyOf(const std::string& folderWithSlash) {
-  return folderWithSlash.size() == 1 ? folderWithSlash
-                                     : folderWithSlash.substr(0, folderWithSlash.size() - 1);
-}
-
-std::string FSTree::FolderOf(const std::string& key) { return key == "/" ? key : key + "/"; }
-
-std::string FSTree::Join(const std::string& key, std::string_view name) {
-  std::string path;
-  path.reserve(key.size() + 1 + name.size());
-  path += key;
-  if (key != "/") path += '/';
-  return path += name;
-}
-
-std::string_view FSTree::ParentOf(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
-}
-
-std::string_view FSTree::NameOf(std::string_view path) { return path.substr(path.rfind('/') + 1); }
-
-FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const {
-  const std::string key = folder.ends_with('/') ? KeyOf(folder) : folder;
-  FSListingBuilder current;
-  Read(key, {}, current);
-  FSResourceArray records;
-  const FSEntries entries = current.entries();
-  for (uint32_t i = 0; i < entries.count(); ++i) {
-    records.Append(std::make_shared<FSResource>(entries.status(i), Join(key, entries.name(i))));
-  }
-  return records;
-}
-
-FSResourceArray FSTree::GetSavedResourceList(const std::string& folderWithSlash) const {
-  if (!folderWithSlash.ends_with('/')) return {};
-  return GetSavedResourceList2(KeyOf(folderWithSlash));
-}
-
-FSResourceArray FSTree::GetSavedResourceList2(const std::string& folder) const {
-  FSResourceArray records;
-  const FSListingPtr listing = Listing(folder);
-  if (listing == nullptr) return records;
-  const FSEntries entries = listing->entries();
-  for (uint32_t i = 0; i < entries.count(); ++i) {
-    records.Append(std::make_shared<FSResource>(entries.status(i), Join(folder, entries.name(i))));
-  }
-  return records;
-}
-
-void FSTree::DeleteSavedResourceList(const std::string& path, bool recursive) {
-  const MutexLock lock(treeMutex);
-  TakeEntry(path);
-  if (const auto parent = snapshot.find(ParentOf(path)); parent != snapshot.end()) {
-    parent->second.listing = parent->second.draft->Finish();
-    parent->second.draft.reset();
-    drafted_.erase(&parent->second);
-  }
-  if (recursive) EraseAtAndBelow(path);
-}
-
-void FSTree::AddDirResource(const std::string& folder, const FSResourcePtr& resource) {
-  const MutexLock lock(treeMutex);
-  if (snapshot.contains(folder)) {
-    FSResourceList entries = GetSavedResourceList2(folder).items;
-    entries.push_back(resource);
-    Rebuild(folder, entries);
-  }
-  if (!resource->isFolder) return;
-  snapshot.try_emplace(resource->path, Folder{emptyListing(), nullptr});
-}
-
-void FSTree::UpdateDir(const std::string& folder, const FSResourceArray& entries) {
-  const MutexLock lock(treeMutex);
-  if (snapshot.contains(folder)) Rebuild(folder, entries.items);
-}
-
-void FSTree::DeleteDirResource(const std::string& folder, const FSResource& resource) {
-  FSResourceArray kept;
-  for (const FSResourcePtr& entry : GetSavedResourceList2(folder).items) {
-    if (entry->path != resource.path) kept.Append(entry);
-  }
-  UpdateDir(folder, kept);
-}
-
-void FSTree::Rebuild(const std::string& key, const FSResourceList& entries) {
-  FSListingBuilder builder;
-  for (const FSResourcePtr& entry : entries) builder.Add(NameOf(entry->path), entry->status());
-  snapshot[key].listing = builder.Finish();
 }

@@ -11,6 +11,7 @@
 // reported before the folder itself was.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,6 +24,7 @@
 #include <vector>
 
 #include "Backoff.h"
+#include "FSByNames.h"
 #include "FSChangeEvents.h"
 #include "FSListing.h"
 #include "FSResource.h"
@@ -53,6 +55,9 @@ struct FSLook {
   FileIdentity folder;  // of the folder that was read
 };
 
+// Names of a folder's entries, sorted, each once.
+using FSNames = std::vector<std::string>;
+
 // What a scan of a new folder asks and reports. The running callback's batch is one.
 class FSScanListener {
  public:
@@ -74,10 +79,12 @@ class FSScanListener {
 class FSTree {
  public:
   // One folder of the snapshot. What records change in it is in the draft until the callback has
-  // compared it with what was found.
+  // compared it with what was found. The draft of a large folder stays, so that a few changes cost
+  // no more than themselves.
   struct Folder {
     FSListingPtr listing;
-    std::unique_ptr<FSListingDraft> draft;
+    std::unique_ptr<FSListingDraft> draft = nullptr;
+    FileIdentity identity = {};  // of the folder that was read; unknown where it has not been
   };
   using Snapshot = std::map<std::string, Folder, std::less<>>;
 
@@ -114,10 +121,19 @@ class FSTree {
   // no path leads to it.
   FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
 
+  // Examines these names of the folder only, and gives those that are there, saved and current.
+  // Nothing in any doubt: then the folder has to be read in full.
+  struct Named {
+    FSListingPtr saved, current;
+    FSLook look;
+  };
+  std::optional<Named> ReadNames(const std::string& key, const FSNames& names) EXCLUDES(treeMutex);
+
   // ---- The snapshot as the reader's picture. Paths and keys are without a final "/", but for "/".
 
-  // The folder's listing; null when it has none.
-  FSListingPtr Listing(std::string_view key) const;
+  // Whether the folder has a listing, and the listing; null when it has none.
+  bool Has(std::string_view key) const { return snapshot.find(key) != snapshot.end(); }
+  FSListingPtr Listing(std::string_view key) EXCLUDES(treeMutex);
 
   // What the reader knows to be at the path; nothing when there is nothing.
   std::optional<FileStatus> Find(const std::string& path);
@@ -142,13 +158,21 @@ class FSTree {
   using Replaced = std::vector<std::pair<std::string, FileIdentity>>;
   bool Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) const;
 
+  // The same for these names of the folder only. `entries` has those of them that are there.
+  bool AgreesOn(const std::string& key, const FSNames& names, const FSEntries& entries,
+                Replaced& replaced);
+
   // Forgets an unknown folder of which nothing is known any more.
   void Forget(const std::string& key) EXCLUDES(treeMutex);
 
-  // Sets the folder's listing, whether or not it had one.
-  void SetListing(const std::string& key, FSListingPtr listing) EXCLUDES(treeMutex);
+  // Sets the folder's listing, whether or not it had one, and which folder it is of.
+  void SetListing(const std::string& key, FSListingPtr listing, const FileIdentity& identity = {})
+      EXCLUDES(treeMutex);
 
-  // Makes listings of all drafts.
+  // Takes these entries over, with which the folder's listing agrees.
+  void SetEntries(const std::string& key, const FSEntries& entries) EXCLUDES(treeMutex);
+
+  // Makes listings of the drafts, but for those of large folders with few changes.
   void FinishDrafts() EXCLUDES(treeMutex);
 
   // ---- What may be wrong, or cannot be read. Both go with the folders that Take and Rename move.
@@ -161,24 +185,16 @@ class FSTree {
   // be read again.
   Backoff<std::string> retries;
 
+  // Folders of which only some names have been examined since they were read in full. They are read
+  // in full when they have come to rest, or after a minute, because some changes give no event.
+  FSByNames byNames;
+
   // Notes how far the folder could be read.
   void NoteReading(const std::string& key, FSReading reading) EXCLUDES(treeMutex);
 
   // The folder's attributes have changed. If it could not be read, that may be otherwise now: it is
   // compared again. Whether that is so.
   bool ReadAgain(const std::string& key) EXCLUDES(treeMutex);
-
-  // ---- Paths.
-
-  // The key of a folder named with its final "/": without it, but for "/" itself. And the reverse.
-  static std::string KeyOf(const std::string& folderWithSlash);
-  static std::string FolderOf(const std::string& key);
-
-  // The path of an entry of the folder, and the key of the folder that has what has the path, and
-  // its name there.
-  static std::string Join(const std::string& key, std::string_view name);
-  static std::string_view ParentOf(std::string_view path);
-  static std::string_view NameOf(std::string_view path);
 
   // ---- Records of single folders, for programs that use the tree as a library. The tool itself
   // uses none of these.
@@ -209,6 +225,10 @@ class FSTree {
 
   // ---- Fields.
 
+  // Called with each folder, open, before the scan of the whole tree reads it; may be empty. What
+  // changes in the folder from then on is somebody else's to notice.
+  std::function<void(const std::string& key, const OpenFolder& folder)> beforeScanning;
+
   FSChangeEvents* changes = nullptr;
   bool showAll = false;
   std::vector<std::string> prohibitedSuffixes;
@@ -217,16 +237,25 @@ class FSTree {
   Mutex treeMutex;
 
  private:
+  // A folder of fewer entries is read in full, which costs less than to keep account of names.
+  static constexpr uint32_t kLarge = 256;
+
+  // Whether so many of a large folder's entries are few.
+  static bool AreFew(size_t some, uint32_t entries) { return some <= entries / 4; }
+
+  void SetProhibitedSuffixes();
   static FileIdentity IdentityOf(const OpenFolder& folder);
   FSReading ReadFolder(const OpenFolder& folder, const std::string& path, const FSEntries& saved,
                        FSListingBuilder& current) const;
-  void ScanFolder(const std::string& path, OpenFolder folder, bool listSync, int depth)
-      EXCLUDES(treeMutex);
+  void ScanFolder(const std::string& path, OpenFolder folder, const FileIdentity& identity,
+                  bool listSync, int depth) EXCLUDES(treeMutex);
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
   void QueueSync(const std::string& path, const FSEntries& entries) EXCLUDES(treeMutex);
 
-  FSListingPtr KnownListing(const std::string& key) const;
+  FSListingPtr KnownListing(std::string_view key) const;
   FSListingDraft& DraftOf(Folder& folder);
+  void Finish(Folder& folder);
+  void Drop(Folder& folder);
   void PutEntry(const std::string& path, const FileStatus& status);
   std::optional<FileStatus> TakeEntry(const std::string& path);
   void TakeAllAt(const std::string& path);
@@ -236,4 +265,5 @@ class FSTree {
 
   std::set<std::string, std::less<>> unknown_;  // keys of the snapshot whose folders are unknown
   std::unordered_set<Folder*> drafted_;         // those of the snapshot that have drafts
+  std::deque<Folder*> kept_;                    // those of them whose drafts stay, oldest first
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "FSPaths.h"
 #include "FSTree.h"
 #include "utility.h"
 
@@ -51,7 +52,7 @@ class QueueingListener : public FSScanListener {
   void OnRead(const std::string& key, const FSListingPtr& listing, const FSLook& look) override {
     tree_.NoteReading(key, look.reading);
     if (!isReadable(look.reading)) return;
-    if (tree_.Listing(key) == nullptr) tree_.SetListing(key, emptyListing());
+    if (!tree_.Has(key)) tree_.SetListing(key, emptyListing());
     FSTree::Replaced replaced;
     const bool agrees = tree_.Agrees(key, listing->entries(), replaced);
     tree_.FinishDrafts();
@@ -72,7 +73,9 @@ class QueueingListener : public FSScanListener {
 void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
   if (!Utility::isAllowedPath(path + "/")) return;
   if (!reportNew) {
-    ScanFolder(path, OpenFolder(path, path == rootPath), listSync, 0);
+    OpenFolder folder(path, path == rootPath);
+    const FileIdentity identity = folder.isOpen() ? IdentityOf(folder) : FileIdentity();
+    ScanFolder(path, std::move(folder), identity, listSync, 0);
     return;
   }
   QueueingListener listener(*this);
@@ -81,24 +84,26 @@ void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
 
 // The first folders on the way down stay open, so that those below them are quickly found. The
 // others do not, so that the depth of a tree is not bound by the number of open files.
-void FSTree::ScanFolder(const std::string& path, OpenFolder folder, bool listSync, int depth) {
+void FSTree::ScanFolder(const std::string& path, OpenFolder folder, const FileIdentity& identity,
+                        bool listSync, int depth) {
   if (!folder.isOpen()) {
     ReportUnreadable(path, folder.error());
     if (folder.failure() != Failure::absent) NoteReading(path, FSReading::failed);
     return;
   }
+  if (beforeScanning) beforeScanning(path, folder);
   FSListingBuilder current;
   const FSReading reading = ReadFolder(folder, path, {}, current);
   if (reading == FSReading::absent) return;
   NoteReading(path, reading);
   const FSListingPtr listing = current.Finish();
   if (listSync) QueueSync(path, listing->entries());
-  SetListing(path, listing);
+  SetListing(path, listing, identity);
   if (depth >= kMostOpen) folder.Close();
   const FSEntries entries = listing->entries();
   for (uint32_t i = 0; i < entries.count(); ++i) {
     if (!entries.isFolder(i)) continue;
-    const std::string subfolder = Join(path, entries.name(i));
+    const std::string subfolder = FSPaths::join(path, entries.name(i));
     if (!Utility::isAllowedPath(subfolder + "/")) continue;
     OpenFolder below =
         folder.isOpen() ? OpenFolder(folder, std::string(entries.name(i))) : OpenFolder(subfolder);
@@ -107,14 +112,14 @@ void FSTree::ScanFolder(const std::string& path, OpenFolder folder, bool listSyn
       folder.Close();
       below = OpenFolder(subfolder);
     }
-    ScanFolder(subfolder, std::move(below), listSync, depth + 1);
+    ScanFolder(subfolder, std::move(below), entries.identity(i), listSync, depth + 1);
   }
 }
 
 void FSTree::QueueSync(const std::string& path, const FSEntries& entries) {
   const MutexLock lock(treeMutex);
   for (uint32_t i = 0; i < entries.count(); ++i) {
-    changes->Append({"sync", FSResource(entries.status(i), Join(path, entries.name(i)))});
+    changes->Append({"sync", FSResource(entries.status(i), FSPaths::join(path, entries.name(i)))});
   }
 }
 
@@ -146,7 +151,7 @@ void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
     return known.HasKind(entries.name(position), !entries.isFolder(position));
   };
   for (uint32_t i = 0; i < entries.count(); ++i) {
-    const FSResource entry(entries.status(i), Join(path, entries.name(i)));
+    const FSResource entry(entries.status(i), FSPaths::join(path, entries.name(i)));
     if (listSync) changes->Append({"sync", entry});
     if (listener.IsPending(entry.path) || own.Has(entries, i) || known.Has(entries, i) ||
         isOtherKind(i)) {
@@ -157,7 +162,7 @@ void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
   listener.OnRead(path, listing, look);
   for (uint32_t i = 0; i < entries.count(); ++i) {
     if (!entries.isFolder(i) || isOtherKind(i)) continue;
-    const std::string subfolder = Join(path, entries.name(i));
+    const std::string subfolder = FSPaths::join(path, entries.name(i));
     if (listener.IsPending(subfolder) || !Utility::isAllowedPath(subfolder + "/")) continue;
     ScanNew(subfolder, listSync, known.HasKind(entries.name(i), true), listener);
   }

@@ -543,6 +543,9 @@ bool nameAgain(FSEventStreamRef stream, const std::string& path) {
   return true;
 }
 
+void watchFolder(FSEventStreamRef, const std::string&, const OpenFolder&) {}
+bool namesBehind(ConstFSEventStreamRef, size_t, std::vector<std::string>&) { return false; }
+
 void FSEventStreamStop(FSEventStreamRef stream) { stream->Stop(); }
 
 void FSEventStreamInvalidate(FSEventStreamRef stream) { stream->Invalidate(); }

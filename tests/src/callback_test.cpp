@@ -1,4 +1,5 @@
 #include "FSChangeBatch.h"
+#include "FSPaths.h"
 #include "FSReconciliation.h"
 #include "watcher_test.h"
 
@@ -87,7 +88,7 @@ class CallbackTest : public WatcherTest {
     FSTransit transit(tree());
     for (const auto& [command, name] : steps) {
       folder.run(command);
-      FSReconciliation(FSTree::KeyOf(folder / name), tree(), transit, changes()).Run();
+      FSReconciliation(FSPaths::keyOf(folder / name), tree(), transit, changes()).Run();
     }
     FSChangeBatch(tree(), changes(), transit).Emit();
     transit.Check();

@@ -1,0 +1,67 @@
+// When folders are read in full of which only some names have been examined. Reading them takes
+// about one hundredth of a processor at most, however large and busy they are.
+//
+// Owned by FSTree; main thread only. Times are arguments.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+
+class FSByNames {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Time = Clock::time_point;
+
+  struct Use {
+    Time first, last;      // time that names of it have been examined
+    uint32_t entries = 0;  // of the whole folder
+  };
+  using Uses = std::map<std::string, Use, std::less<>>;  // by folder
+
+  // Names of the folder have been examined.
+  void Note(const std::string& folder, uint32_t entries, Time now) {
+    const auto [at, isFirst] = uses_.try_emplace(folder, Use{now, now, entries});
+    at->second.last = now;
+    at->second.entries = entries;
+  }
+
+  // It has been read in full, or is gone.
+  void Remove(const std::string& folder) { uses_.erase(folder); }
+  void Clear() { uses_.clear(); }
+
+  // When the next folder has to be read; nothing when none has.
+  std::optional<Time> Next() const {
+    std::optional<Time> next;
+    for (const auto& [folder, use] : uses_) next = std::min(next.value_or(Time::max()), Due(use));
+    return next ? std::optional(std::max(*next, pause_)) : std::nullopt;
+  }
+
+  // A folder that has to be read by this time, which leaves; nothing when there is none.
+  std::optional<std::string> Take(Time now) {
+    if (now < pause_) return std::nullopt;
+    for (const auto& [folder, use] : uses_) {
+      if (now < Due(use)) continue;
+      pause_ = now + use.entries * kPausePerEntry;
+      return uses_.extract(uses_.find(folder)).key();
+    }
+    return std::nullopt;
+  }
+
+  // For whoever moves and removes folders.
+  Uses& uses() { return uses_; }
+
+ private:
+  static constexpr std::chrono::seconds kRest{20};
+  static constexpr std::chrono::seconds kAtTheLatest{60};
+  static constexpr std::chrono::microseconds kPausePerEntry{250};  // of which some 2.5 to read it
+
+  static Time Due(const Use& use) { return std::min(use.last + kRest, use.first + kAtTheLatest); }
+
+  Uses uses_;
+  Time pause_{};
+};

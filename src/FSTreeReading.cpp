@@ -1,0 +1,150 @@
+// The snapshot's view of the disk: which entries of a folder count, and what they are.
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <iterator>
+#include <set>
+
+#include "FSPaths.h"
+#include "FSTree.h"
+#include "FileStatus.h"
+#include "FolderEntries.h"
+
+namespace {
+
+constexpr const char* kProhibitedSuffixes[] = {".tmp",
+                                               ".temp",
+                                               ".log",
+                                               ".sys",
+                                               ".---",
+                                               ".###",
+                                               ".$$$",
+                                               ".cache",
+                                               ".cache-2",
+                                               ".cache-3",
+                                               ".db",
+                                               ".sqlite",
+                                               ".sqlite3",
+                                               ".db3",
+                                               ".db-shm",
+                                               ".db-wal",
+                                               ".db$",
+                                               ".db3-journal",
+                                               ".download",
+                                               ".downloaddownload",
+                                               ".indexArrays",
+                                               ".indexCompactDirectory",
+                                               ".indexDirectory",
+                                               ".indexPositions",
+                                               ".indexPositionTable",
+                                               ".sqlite3-journal",
+                                               ".TemporaryItems",
+                                               ".tmt"};
+
+// The name with the case of its ASCII letters changed.
+std::string inOtherCase(std::string name) {
+  for (char& c : name) {
+    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')) c ^= 'a' ^ 'A';
+  }
+  return name;
+}
+
+// Adds the saved entries of those names, where what has been read does not have them.
+template <typename Wanted>
+void keepSaved(const FSEntries& saved, Wanted isWanted, FSListingBuilder& current) {
+  const FSListingPtr read = current.Finish();
+  const FSListingIndex byName(read->entries(), FSListingIndex::Key::name);
+  for (uint32_t i = 0; i < saved.count(); ++i) {
+    const bool isRead = byName.FirstNamed(saved.name(i)) != FSListingIndex::kNone;
+    if (!isRead && isWanted(saved.name(i))) current.Add(saved, i);
+  }
+}
+
+}  // namespace
+
+void FSTree::SetProhibitedSuffixes() {
+  prohibitedSuffixes.assign(std::begin(kProhibitedSuffixes), std::end(kProhibitedSuffixes));
+}
+
+bool FSTree::isProhibited(std::string_view path) const {
+  const size_t dot = path.rfind('.');
+  if (dot == std::string_view::npos) return false;
+  return std::find(prohibitedSuffixes.begin(), prohibitedSuffixes.end(), path.substr(dot)) !=
+         prohibitedSuffixes.end();
+}
+
+FSResourcePtr FSTree::GetResource(const std::string& path) {
+  const std::optional<FileStatus> status = readStatus(AT_FDCWD, path.c_str());
+  return status ? std::make_shared<const FSResource>(*status, path) : nullptr;
+}
+
+FSLook FSTree::Read(const std::string& key, const FSEntries& saved,
+                    FSListingBuilder& current) const {
+  current.Clear();
+  const OpenFolder folder(key, key == rootPath);
+  if (!folder.isOpen()) return {readingOf(folder.failure()), {}};
+  return {ReadFolder(folder, key, saved, current), IdentityOf(folder)};
+}
+
+FileIdentity FSTree::IdentityOf(const OpenFolder& folder) {
+  const std::optional<FileStatus> status = readStatus(folder.number(), "");
+  return status ? status->identity : FileIdentity{};
+}
+
+FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
+                             const FSEntries& saved, FSListingBuilder& current) const {
+  bool isPartial = false;
+  std::set<std::string, std::less<>> unreadNames;
+  const bool isListed = eachEntry(folder.number(), [&](const auto& entry) {
+    const std::string_view name = entry.d_name;
+    if (name == ".DS_Store") return;
+    if (path.size() + 1 + name.size() >= PATH_MAX) return;
+    const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
+    if (!status) {
+      const Failure failure = failureOf(errno);
+      isPartial |= failure != Failure::absent;
+      if (failure == Failure::passing) unreadNames.emplace(name);
+    } else if (status->isFolder || !isProhibited(name)) {
+      current.Add(name, *status);
+    }
+  });
+  const bool isCutOff = !isListed && failureOf(errno) == Failure::passing;
+  if (isCutOff || !unreadNames.empty()) {
+    keepSaved(
+        saved, [&](std::string_view name) { return isCutOff || unreadNames.contains(name); },
+        current);
+  }
+  if (isCutOff || isPartial) return FSReading::partial;
+  // A folder that has gone meanwhile is empty.
+  const bool isGone = current.entries().count() == 0 && !readStatus(AT_FDCWD, path.c_str());
+  return isGone ? FSReading::absent : FSReading::whole;
+}
+
+std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSNames& names) {
+  const auto found = snapshot.find(key);
+  if (found == snapshot.end() || retries.contains(key)) return std::nullopt;
+  const uint32_t count = found->second.listing->entries().count();
+  if (count < kLarge || !AreFew(names.size(), count)) return std::nullopt;
+  const OpenFolder folder(key, key == rootPath);
+  if (!folder.isOpen()) return std::nullopt;
+  const FileIdentity identity = IdentityOf(folder);
+  if (identity == FileIdentity() || identity != found->second.identity) return std::nullopt;
+
+  FSListingBuilder saved, current;
+  for (const std::string& name : names) {
+    if (const auto status = DraftOf(found->second).Find(name)) saved.Add(name, *status);
+    if (name == ".DS_Store" || key.size() + 1 + name.size() >= PATH_MAX) continue;
+    const std::optional<FileStatus> status = readStatus(folder.number(), name.c_str());
+    if (!status && failureOf(errno) != Failure::absent) return std::nullopt;
+    if (!status || (!status->isFolder && isProhibited(name))) continue;
+    // The file system may not tell capital letters from small ones: then this is the name of
+    // another entry, or there is no such entry any more.
+    const std::optional<FileStatus> other = readStatus(folder.number(), inOtherCase(name).c_str());
+    if (name != inOtherCase(name) && other && other->identity == status->identity) {
+      return std::nullopt;
+    }
+    current.Add(name, *status);
+  }
+  return Named{saved.Finish(), current.Finish(), {FSReading::whole, identity}};
+}
