@@ -1,5 +1,5 @@
 // The lines that wait to be written. Their texts, each with its line feed, stand one after the
-// other in large blocks of memory that go back to the system as soon as they have been written,
+// other in large blocks that are freed as soon as they have been written,
 // whatever else the process keeps: a listing of a large tree can be queued whole.
 //
 // Not synchronised; its owner has a lock.
@@ -10,12 +10,9 @@
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "FreshMemory.h"
 
 class FSLineQueue {
  public:
@@ -75,18 +72,10 @@ class FSLineQueue {
   static constexpr size_t kFirstBlock = 16 << 10;
   static constexpr size_t kBlock = 256 << 10;
 
-  struct Unmap {
-    size_t size = 0;
-    void operator()(char* memory) const { unmapFresh(memory, size); }
-  };
   struct Block {
-    explicit Block(size_t size) : text(Map(size), Unmap{size}), capacity(size) {}
-    static char* Map(size_t size) {
-      void* memory = mapFresh(size);
-      if (memory == nullptr) throw std::bad_alloc();
-      return static_cast<char*>(memory);
-    }
-    std::unique_ptr<char, Unmap> text;
+    explicit Block(size_t size)
+        : text(std::make_unique_for_overwrite<char[]>(size)), capacity(size) {}
+    std::unique_ptr<char[]> text;
     size_t capacity;
     std::vector<size_t> ends;  // by line: behind its line feed
     size_t first = 0;          // the oldest line that is not complete
