@@ -2,13 +2,55 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 namespace {
+
+using Kind = Event::Kind;
+
+// Who asks for an event. The kernel sends those that nobody asks for with any watch.
+enum : uint8_t { kNobody = 0, kEntries = 1, kNames = 2 };
+
+constexpr struct {
+  uint32_t mask;
+  Kind kind;
+  uint8_t askedBy;
+} kMeanings[] = {
+    {IN_CREATE, Kind::created, kEntries | kNames},
+    {IN_MOVED_TO, Kind::movedHere, kEntries | kNames},
+    {IN_DELETE, Kind::deleted, kEntries | kNames},
+    {IN_MOVED_FROM, Kind::movedAway, kEntries | kNames},
+    {IN_MODIFY, Kind::written, kEntries},
+    {IN_CLOSE_WRITE, Kind::written, kEntries},  // a mapping's writes have no other event
+    {IN_ATTRIB, Kind::attributes, kEntries | kNames},
+    {IN_DELETE_SELF, Kind::itself, kNames},
+    {IN_MOVE_SELF, Kind::itself, kNames},
+    {IN_IGNORED, Kind::watchGone, kNobody},
+    {IN_UNMOUNT, Kind::unmounted, kNobody},
+    {IN_Q_OVERFLOW, Kind::overflow, kNobody},
+};
+
+constexpr uint32_t maskFor(Inotify::Interest interest) {
+  const bool isEntries = interest == Inotify::Interest::entries;
+  uint32_t mask = IN_ONLYDIR | (isEntries ? IN_EXCL_UNLINK : 0);
+  for (const auto& meaning : kMeanings) {
+    if ((meaning.askedBy & (isEntries ? kEntries : kNames)) != 0) mask |= meaning.mask;
+  }
+  return mask;
+}
+
+Kind kindOf(uint32_t mask) {
+  for (const auto& meaning : kMeanings) {
+    if ((mask & meaning.mask) != 0) return meaning.kind;
+  }
+  return Kind::itself;
+}
 
 // Without /proc there is no path to an open folder; but a thread with a working folder of its own
 // can go there.
@@ -26,13 +68,24 @@ int addFromWithin(int inotify, const OpenFolder& folder, uint32_t mask) {
 
 }  // namespace
 
-Inotify::Inotify() : descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+std::optional<Event> takeEvent(std::string_view& events) {
+  inotify_event event;
+  if (events.size() < sizeof event) return std::nullopt;
+  std::memcpy(&event, events.data(), sizeof event);
+  const char* const name = events.data() + sizeof event;
+  events.remove_prefix(sizeof event + event.len);
+  return Event{
+      event.wd, kindOf(event.mask), (event.mask & IN_ISDIR) != 0, {name, strnlen(name, event.len)}};
+}
 
-int Inotify::Add(const OpenFolder& folder, uint32_t mask) {
+Inotify::Inotify(Interest interest)
+    : mask_(maskFor(interest)), descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+
+int Inotify::Add(const OpenFolder& folder) {
   const std::string path = "/proc/self/fd/" + std::to_string(folder.number());
-  const int watch = inotify_add_watch(number(), path.c_str(), mask | IN_ONLYDIR);
+  const int watch = inotify_add_watch(number(), path.c_str(), mask_);
   if (watch >= 0 || errno != ENOENT) return watch;
-  return addFromWithin(number(), folder, mask | IN_ONLYDIR);
+  return addFromWithin(number(), folder, mask_);
 }
 
 void Inotify::Remove(int watch) { inotify_rm_watch(number(), watch); }

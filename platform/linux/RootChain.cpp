@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr uint32_t kMask =
-    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr int kMostLinks = 40;  // the kernel's own limit
 constexpr int kMostTries = 8;   // then whatever still changes will send another event
 constexpr size_t kMostBytes = 1 << 20;
@@ -93,7 +91,7 @@ void RootChain::WatchSteps() {
   needsPolling_ = !inotify_.isOpen();
   for (Step& step : steps_) {
     const OpenFolder folder(step.folder, true);
-    step.watch = folder.isOpen() ? inotify_.Add(folder, kMask) : -1;
+    step.watch = folder.isOpen() ? inotify_.Add(folder) : -1;
     if (step.watch < 0 && folder.failure() != Failure::absent) needsPolling_ = true;
   }
 }
@@ -102,11 +100,13 @@ bool RootChain::Read() {
   std::string events;
   if (!inotify_.isOpen() || !inotify_.Read(events, kMostBytes)) return false;
   bool isHit = false;
-  eachEvent(events, [&](const inotify_event& event, std::string_view name) {
-    if ((event.mask & IN_Q_OVERFLOW) != 0) isHit = true;
+  for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
+    if (event->kind == Event::Kind::overflow) isHit = true;
     for (const Step& step : steps_) {
-      if (step.watch == event.wd && (name.empty() || name == step.name)) isHit = true;
+      if (step.watch == event->watch && (event->name.empty() || event->name == step.name)) {
+        isHit = true;
+      }
     }
-  });
+  }
   return isHit;
 }

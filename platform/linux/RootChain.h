@@ -45,7 +45,7 @@ class RootChain {
   void WatchSteps();
 
   const std::string path_;
-  Inotify inotify_;
+  Inotify inotify_{Inotify::Interest::names};
   std::vector<Step> steps_;
   bool needsPolling_ = false;
 };

@@ -1,22 +1,10 @@
 #include "WatchTable.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 
 namespace {
 
-constexpr uint32_t kNameMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-
 constexpr uint32_t kMostHeldBack = 3;  // batches
-
-uint8_t marksOf(uint32_t mask, uint8_t lost, uint8_t gained, uint8_t written) {
-  uint8_t marks = 0;
-  if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) marks |= lost;
-  if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0) marks |= gained;
-  if ((mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) != 0) marks |= written;
-  return marks;
-}
 
 // One folder to name, once or twice in a row.
 struct Mention {
@@ -70,7 +58,7 @@ void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
   root_->serial = ++serials_;
   root_->born = epoch_;
   rootIdentity_ = identityOf(folder);
-  SetWatch(*root_, inotify_.Add(folder, kMask));
+  SetWatch(*root_, inotify_.Add(folder));
   if (root_->watch < 0) {
     unwatched_[root_->serial].fingerprint = fingerprintOf(folder);
     toVisit_.insert(root_->serial);
@@ -139,9 +127,9 @@ void WatchTable::Read() {
 
 void WatchTable::Apply(std::string events) {
   do {
-    eachEvent(events, [this](const inotify_event& event, std::string_view name) {
-      ApplyEvent(event, name);
-    });
+    for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
+      ApplyEvent(*event);
+    }
     events = std::exchange(unread_, {});
     if (events.empty() && std::exchange(needsRepair_, false)) {
       Repair();
@@ -150,45 +138,52 @@ void WatchTable::Apply(std::string events) {
   } while (!events.empty());
 }
 
-void WatchTable::ApplyEvent(const inotify_event& event, std::string_view name) {
-  endsInMove_ = (event.mask & IN_MOVED_FROM) != 0;
-  if ((event.mask & IN_Q_OVERFLOW) != 0) {
-    isOverflown_ = needsRepair_ = true;
-  } else if ((event.mask & (IN_IGNORED | IN_UNMOUNT)) != 0) {
-    // Of a deletion the folder above hears by itself, of an unmount it does not.
-    LoseWatch(event.wd, (event.mask & IN_UNMOUNT) != 0 ? kWritten : 0);
-  } else if (!name.empty()) {
-    Folder* const first = FindByWatch(event.wd);
-    if (first == nullptr) return;
-    // Adopting may change which folders share the watch.
-    std::vector<Folder*> twins;
-    for (Folder* twin = first->twin; twin != nullptr; twin = twin->twin) twins.push_back(twin);
-    ApplyTo(*first, event, name);
-    for (Folder* twin : twins) ApplyTo(*twin, event, name);
+void WatchTable::ApplyEvent(const Event& event) {
+  endsInMove_ = event.kind == Event::Kind::movedAway;
+  switch (event.kind) {
+    case Event::Kind::overflow:
+      isOverflown_ = needsRepair_ = true;
+      return;
+    case Event::Kind::watchGone:
+      LoseWatch(event.watch, 0);
+      return;
+    case Event::Kind::unmounted:
+      // Unlike a deletion, it sends no event to the folder above.
+      LoseWatch(event.watch, kWritten);
+      return;
+    default:
+      break;
   }
+  Folder* const first = FindByWatch(event.watch);
+  if (first == nullptr || event.name.empty()) return;
+  // Adopting may change which folders share the watch.
+  std::vector<Folder*> twins;
+  for (Folder* twin = first->twin; twin != nullptr; twin = twin->twin) twins.push_back(twin);
+  ApplyTo(*first, event);
+  for (Folder* twin : twins) ApplyTo(*twin, event);
 }
 
-void WatchTable::ApplyTo(Folder& folder, const inotify_event& event, std::string_view entry) {
-  MarkFolder(folder, marksOf(event.mask, kLost, kGained, kWritten));
-  const bool isKnown = ChildOf(folder, entry) != nullptr;
-  if ((event.mask & IN_ISDIR) == 0 && !isKnown) return;
-  const std::string name(entry);
-  if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_MOVED_FROM | IN_MOVED_TO)) != 0) {
+void WatchTable::ApplyTo(Folder& folder, const Event& event) {
+  MarkFolder(folder, event.HasGone() ? kLost : event.HasCome() ? kGained : kWritten);
+  const bool isKnown = ChildOf(folder, event.name) != nullptr;
+  if (!event.isFolder && !isKnown) return;
+  const std::string name(event.name);
+  if (event.isFolder && event.HasMoved()) {
     haveFoldersMoved_ = true;
     if (isDelivering_ && disturbed_.size() < kMostDepartures) {
       disturbed_.emplace(folder.serial, name);
     }
   }
-  if (!isKnown && (event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+  if (!isKnown && event.HasGone()) {
     // Whatever has taken the name since then has an event of its own.
     NoteDeparture(folder, name, 0);
     Touch(folder);
-  } else if ((event.mask & (kNameMask | IN_ATTRIB)) != 0) {
-    Examine(folder, name, (event.mask & IN_CREATE) != 0);
+  } else if (event.kind != Event::Kind::written) {
+    Examine(folder, name, event.kind == Event::Kind::created);
   }
-  if ((event.mask & IN_ISDIR) == 0) return;
-  if ((event.mask & IN_MOVED_TO) != 0) NoteComer(folder, name);
-  if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0 && isDelivering_) NoteArrival(folder, name);
+  if (!event.isFolder) return;
+  if (event.kind == Event::Kind::movedHere) NoteComer(folder, name);
+  if (event.HasCome() && isDelivering_) NoteArrival(folder, name);
 }
 
 // A folder that was moved here from outside the tree, or so it seems, may be one that the reader

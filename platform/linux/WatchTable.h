@@ -140,8 +140,6 @@ class WatchTable {
   size_t UnwatchedCount() const { return toVisit_.size(); }
 
  private:
-  static constexpr uint32_t kMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                    IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_EXCL_UNLINK;
   static constexpr int kMostOpen = 256;            // folders held open on the way down
   static constexpr size_t kMostUnread = 16 << 20;  // bytes of events kept during a walk
   static constexpr size_t kMostDepartures = 1 << 16;
@@ -214,8 +212,8 @@ class WatchTable {
     size_t length = 0;         // of the path, in bytes
   };
 
-  void ApplyEvent(const inotify_event& event, std::string_view name);
-  void ApplyTo(Folder& folder, const inotify_event& event, std::string_view entry);
+  void ApplyEvent(const Event& event);
+  void ApplyTo(Folder& folder, const Event& event);
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
 
@@ -269,7 +267,7 @@ class WatchTable {
   std::string PathOf(const Folder& folder) const;
   void ReadDuringWalk();
 
-  Inotify inotify_;
+  Inotify inotify_{Inotify::Interest::entries};
   std::unique_ptr<Folder> root_;
   FileIdentity rootIdentity_;
   std::unordered_map<int, Folder*> byWatch_;

@@ -95,7 +95,7 @@ void WatchTable::Doubt(Folder& folder, bool isListed) {
 
 void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk) {
   if (walk.length > kSafeLength) haveLongPaths_ = true;
-  const int watch = inotify_.Add(handle, kMask);
+  const int watch = inotify_.Add(handle);
   Folder* folder = ChildOf(parent, name);
   if (folder != nullptr && watch >= 0 && folder->watch == watch) {
     if (!NeedsListing(*folder, walk)) return;
@@ -171,7 +171,7 @@ bool WatchTable::VisitNext() {
   OpenFolder handle(folder.name, true);
   if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
     isRootInDoubt_ = true;
-  } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle, kMask))) {
+  } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle))) {
     List(folder, std::move(handle), Walk{.length = folder.name.size()});
   }
   return toVisit_.size() < before;
@@ -423,7 +423,7 @@ void WatchTable::Bury(Folder& folder) {
 
 // Whether the open folder has this one's watch.
 bool WatchTable::IsWatchedAs(const Folder& folder, const OpenFolder& handle) {
-  const int watch = inotify_.Add(handle, kMask);
+  const int watch = inotify_.Add(handle);
   if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
   return watch == folder.watch;
 }

@@ -1,6 +1,7 @@
 // The table of watched folders, the timing of batches and the way to the root, stepped by hand: no
 // thread and no clock.
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 
 #include "Latency.h"
 #include "RootChain.h"
