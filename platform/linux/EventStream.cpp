@@ -474,7 +474,7 @@ void __FSEventStream::CutIfDue() {
 // still the same.
 bool __FSEventStream::IsRootSame(const Root& now) {
   if (now.kind == Root::Kind::folder && rootKind_ == Root::Kind::folder) {
-    return table_.IsRoot(now.folder);
+    return table_.ProbeRoot(now.folder);
   }
   if (now.kind == Root::Kind::unreadable && rootKind_ == Root::Kind::folder) {
     return now.identity == rootIdentity_;

@@ -36,21 +36,6 @@ std::vector<NamedFolder> inBatchOrder(std::vector<Mention>& gaining, std::vector
 
 }  // namespace
 
-bool WatchTable::ByName::operator()(const std::unique_ptr<Folder>& a,
-                                    const std::unique_ptr<Folder>& b) const {
-  return a->name < b->name;
-}
-
-bool WatchTable::ByName::operator()(const std::unique_ptr<Folder>& a, std::string_view b) const {
-  return a->name < b;
-}
-
-bool WatchTable::ByName::operator()(std::string_view a, const std::unique_ptr<Folder>& b) const {
-  return a < b->name;
-}
-
-WatchTable::~WatchTable() = default;
-
 void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
   Clear();
   root_ = std::make_unique<Folder>();
@@ -67,7 +52,7 @@ void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
   for (Folder* marked : marked_) marked->marks = 0;
   marked_.clear();
   fresh_.clear();
-  isTreeNamed_ = true;
+  delivery_.NoteTree();
   ++epoch_;
 }
 
@@ -83,7 +68,7 @@ void WatchTable::LookBack(Folder& folder, OpenFolder handle, const timespec& sin
   if (change.hasOtherEntries) MarkFolder(folder, kLost | kGained);
   if (change.hasWrittenEntries) MarkFolder(folder, kWritten);
   if (depth >= kMostOpen) handle.Close();
-  for (const std::unique_ptr<Folder>& child : folder.children) {
+  for (const auto& child : folder.children) {
     OpenFolder below =
         handle.isOpen() ? OpenFolder(handle, child->name) : OpenFolder(PathOf(*child));
     if (below.isOpen()) LookBack(*child, std::move(below), since, depth + 1);
@@ -100,10 +85,10 @@ void WatchTable::Clear() {
   unread_.clear();
 }
 
-bool WatchTable::IsRoot(const OpenFolder& folder) {
+bool WatchTable::ProbeRoot(const OpenFolder& folder) {
   if (root_ == nullptr || isRootLost_) return false;
   if (root_->watch < 0) return identityOf(folder) == rootIdentity_;
-  return IsWatchedAs(*root_, folder);
+  return ProbeWatch(folder) == root_->watch;
 }
 
 void WatchTable::NoteRoot(OpenFolder folder, bool wasAstray) {
@@ -112,7 +97,7 @@ void WatchTable::NoteRoot(OpenFolder folder, bool wasAstray) {
     root_->isUnreadable = true;
   } else if (std::exchange(root_->isUnreadable, false)) {
     List(*root_, std::move(folder), Walk{.isReplaced = true, .length = root_->name.size()});
-  } else if (wasAstray || root_->isInDoubt) {
+  } else if (wasAstray || root_->isUnlisted) {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
   }
 }
@@ -170,9 +155,7 @@ void WatchTable::ApplyTo(Folder& folder, const Event& event) {
   const std::string name(event.name);
   if (event.isFolder && event.HasMoved()) {
     haveFoldersMoved_ = true;
-    if (isDelivering_ && disturbed_.size() < kMostDepartures) {
-      disturbed_.emplace(folder.serial, name);
-    }
+    delivery_.NoteMove(folder, name);
   }
   if (!isKnown && event.HasGone()) {
     // Whatever has taken the name since then has an event of its own.
@@ -183,7 +166,9 @@ void WatchTable::ApplyTo(Folder& folder, const Event& event) {
   }
   if (!event.isFolder) return;
   if (event.kind == Event::Kind::movedHere) NoteComer(folder, name);
-  if (event.HasCome() && isDelivering_) NoteArrival(folder, name);
+  if (event.HasCome() && delivery_.NoteArrival(folder, name)) {
+    if (Folder* const child = ChildOf(folder, name)) MarkAll(*child, kLost | kGained | kReplaced);
+  }
 }
 
 // A folder that was moved here from outside the tree, or so it seems, may be one that the reader
@@ -192,14 +177,6 @@ void WatchTable::NoteComer(const Folder& parent, const std::string& name) {
   Folder* const child = ChildOf(parent, name);
   if (child == nullptr || child->born != epoch_ || moved_.contains(child)) return;
   MarkAll(*child, kLost | kGained);
-}
-
-// Where two folders took the name during a callback, it may have seen the first.
-void WatchTable::NoteArrival(const Folder& parent, const std::string& name) {
-  const bool isFirst =
-      arrivals_.size() < kMostDepartures && arrivals_.emplace(parent.serial, name).second;
-  if (isFirst) return;
-  if (Folder* const child = ChildOf(parent, name)) MarkAll(*child, kLost | kGained | kReplaced);
 }
 
 // The watch is gone: its folder was deleted, or its file system unmounted. Its path shows what is
@@ -225,7 +202,7 @@ void WatchTable::Repair() {
   if (root_ == nullptr) return;
   repaired_ = epoch_;
   OpenFolder folder(root_->name, true);
-  if (folder.isOpen() && IsRoot(folder)) {
+  if (folder.isOpen() && ProbeRoot(folder)) {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
     MarkAll(*root_, kLost | kGained);
   } else {
@@ -258,7 +235,7 @@ void WatchTable::MarkFolder(Folder& folder, uint8_t marks) {
 
 void WatchTable::MarkAll(Folder& folder, uint8_t marks) {
   MarkFolder(folder, marks);
-  for (const std::unique_ptr<Folder>& child : folder.children) MarkAll(*child, marks);
+  for (const auto& child : folder.children) MarkAll(*child, marks);
 }
 
 void WatchTable::Touch(Folder& folder) {
@@ -314,39 +291,13 @@ void WatchTable::ForgetOrigins() {
 }
 
 void WatchTable::EndDelivery() {
-  isDelivering_ = false;
-  arrivals_.clear();
-  // A comparison tells one side. Where the folder changed before it was done, that may have been
+  // A comparison reports one side. Where the folder changed before it was done, that may have been
   // the wrong one.
   for (Folder* folder : marked_) {
-    const bool isCompared = haveFoldersMoved_ || named_.contains(folder);
+    const bool isCompared = haveFoldersMoved_ || delivery_.HasNamed(*folder);
     if (isCompared && (folder->marks & (kLost | kGained)) != 0) folder->marks |= kLost | kGained;
   }
-  if (haveFoldersMoved_) {
-    named_.merge(announced_);
-    for (Folder* folder : named_) {
-      if (IsDisturbed(*folder)) Unsettle(*folder);
-    }
-    if (isTreeNamed_ && root_ != nullptr) Unsettle(*root_);
-  }
-  disturbed_.clear();
-  named_.clear();
-  announced_.clear();
-  isTreeNamed_ = false;
-}
-
-// Whether the callback may have found another folder under the path.
-bool WatchTable::IsDisturbed(Folder& folder) const {
-  if (disturbed_.size() >= kMostDepartures) return true;
-  for (Folder* at = &folder; at->parent != nullptr; at = at->parent) {
-    if (moved_.contains(at) || disturbed_.contains({at->parent->serial, at->name})) return true;
-  }
-  return false;
-}
-
-void WatchTable::Unsettle(Folder& folder) {
-  unsettled_.insert(&folder);
-  for (const std::unique_ptr<Folder>& child : folder.children) Unsettle(*child);
+  delivery_.End(haveFoldersMoved_, moved_, root_.get());
 }
 
 std::vector<NamedFolder> WatchTable::Cut() {
@@ -357,15 +308,12 @@ std::vector<NamedFolder> WatchTable::Cut() {
       isOverflown_ ? kFSEventStreamEventFlagMustScanSubDirs | kFSEventStreamEventFlagKernelDropped
                    : kFSEventStreamEventFlagNone;
   if (!std::exchange(haveFoldersMoved_, false)) {
-    for (Folder* folder : std::exchange(unsettled_, {})) MarkFolder(*folder, kLost | kGained);
+    for (Folder* folder : delivery_.TakeUnsettled()) MarkFolder(*folder, kLost | kGained);
   }
-  named_.clear();
-  announced_ = std::exchange(fresh_, {});
-  announced_.merge(std::exchange(moved_, {}));
-  isTreeNamed_ = false;
+  KnownFolders named;
   std::vector<Mention> gaining;
   std::vector<Mention> others;
-  std::unordered_set<Folder*> heldBack;
+  KnownFolders heldBack;
   for (Folder* folder : marked_) {
     if (IsHeldBack(*folder)) heldBack.insert(folder);
   }
@@ -373,11 +321,13 @@ std::vector<NamedFolder> WatchTable::Cut() {
     if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
-    named_.insert(folder);
+    named.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;
     ((marks & kGained) != 0 ? gaining : others).push_back({Join(PathOf(*folder), ""), isTwice});
   }
   marked_ = std::move(heldBack);
+  fresh_.merge(std::exchange(moved_, {}));
+  delivery_.NoteCut(std::move(named), std::exchange(fresh_, {}));
   isOverflown_ = false;
   ForgetOrigins();
   std::erase_if(departures_,

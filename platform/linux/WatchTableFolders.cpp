@@ -64,35 +64,6 @@ void WatchTable::NoteMount(const std::string& path, const std::string& what) {
   if (place.parent != nullptr) mounts_[what] = place;
 }
 
-// The name could not be opened as a folder. Where that may be one all the same, it stays or becomes
-// known without a watch; else whatever had the name has left it.
-void WatchTable::Missing(Folder& parent, const std::string& name, Failure failure) {
-  Folder* folder = ChildOf(parent, name);
-  std::optional<FileStatus> status;
-  if (failure != Failure::absent) {
-    status = readStatus(AT_FDCWD, Join(PathOf(parent), name).c_str());
-    if (!status) failure = failureOf(errno);
-  }
-  if (failure == Failure::absent || (status && !status->isFolder)) {
-    if (folder != nullptr) Detach(*folder);
-  } else if (status) {
-    if (folder == nullptr) folder = &Enter(parent, name, -1, OpenFolder());
-    if (folder->watch < 0) unwatched_[folder->serial].identity = status->identity;
-    folder->isUnreadable = folder->isUnreadable || failure == Failure::denied;
-    Doubt(*folder, failure == Failure::passing);
-  } else {
-    Doubt(folder != nullptr ? *folder : parent, true);
-  }
-}
-
-// The folder is to be tried again. `isListed`: and to be listed then.
-void WatchTable::Doubt(Folder& folder, bool isListed) {
-  folder.isInDoubt = folder.isInDoubt || isListed;
-  toVisit_.erase(folder.serial);
-  doubted_[folder.serial] = &folder;
-  unopened_.Add(folder.serial, now_);
-}
-
 void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk) {
   if (walk.length > kSafeLength) haveLongPaths_ = true;
   const int watch = inotify_.Add(handle);
@@ -100,12 +71,13 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handl
   if (folder != nullptr && watch >= 0 && folder->watch == watch) {
     if (!NeedsListing(*folder, walk)) return;
   } else if (folder != nullptr && IsUnwatched(*folder, watch, handle)) {
-    if (!HasChangedUnwatched(*folder, handle, watch) && !NeedsListing(*folder, walk)) return;
+    if (!UpdateUnwatched(*folder, handle, watch) && !NeedsListing(*folder, walk)) return;
   } else {
     if (folder != nullptr) Detach(*folder);
     folder = Relocate(watch, parent, name, handle);
     walk.isReplaced = walk.isReplaced || IsRecent(parent.replaced) ||
-                      WasTaken(parent, name, folder) || (isDelivering_ && parent.born == epoch_);
+                      WasTaken(parent, name, folder) ||
+                      (delivery_.IsRunning() && parent.born == epoch_);
     walk.isRelocated = folder != nullptr;
     if (folder != nullptr &&
         (haveLongPaths_ || walk.length + LongestBelow(*folder) > kSafeLength)) {
@@ -129,71 +101,13 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handl
   }
   walk.isNew = walk.isNew && folder->born == epoch_;
   if (std::exchange(folder->isUnreadable, false)) walk.isReplaced = true;
-  if (folder->isInDoubt) walk.isRepair = true;
+  if (folder->isUnlisted) walk.isRepair = true;
   List(*folder, std::move(handle), walk);
-}
-
-// Whether the folder had no watch until now and is the one that is there.
-bool WatchTable::IsUnwatched(const Folder& folder, int watch, const OpenFolder& handle) const {
-  if (folder.watch >= 0 || FindByWatch(watch) != nullptr) return false;
-  const FileIdentity known = unwatched_.at(folder.serial).identity;
-  return known == FileIdentity() || known == identityOf(handle);
-}
-
-// Compares the folder with what it was at the last visit. The watch it may have got stands already,
-// so that nothing falls between.
-bool WatchTable::HasChangedUnwatched(Folder& folder, const OpenFolder& handle, int watch) {
-  Unwatched& known = unwatched_.at(folder.serial);
-  known.identity = identityOf(handle);
-  const uint64_t fingerprint = fingerprintOf(handle);
-  const bool hasChanged = std::exchange(known.fingerprint, fingerprint) != fingerprint;
-  if (hasChanged) MarkFolder(folder, kLost | kGained);
-  if (watch >= 0) {
-    SetWatch(folder, watch);
-  } else {
-    toVisit_.insert(folder.serial);
-  }
-  return hasChanged;
-}
-
-bool WatchTable::VisitNext() {
-  if (toVisit_.empty()) return false;
-  auto next = toVisit_.upper_bound(visited_);
-  if (next == toVisit_.end()) next = toVisit_.begin();
-  visited_ = *next;
-  Folder& folder = *unwatched_.at(visited_).folder;
-  if (!IsInTree(folder)) return false;
-  const size_t before = toVisit_.size();
-  if (folder.parent != nullptr) {
-    Examine(*folder.parent, std::string(folder.name));
-    return toVisit_.size() < before;
-  }
-  OpenFolder handle(folder.name, true);
-  if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
-    isRootInDoubt_ = true;
-  } else if (HasChangedUnwatched(folder, handle, inotify_.Add(handle))) {
-    List(folder, std::move(handle), Walk{.length = folder.name.size()});
-  }
-  return toVisit_.size() < before;
-}
-
-bool WatchTable::RetryNext(Time now) {
-  now_ = now;
-  const std::optional<uint64_t> serial = unopened_.Take(now);
-  if (!serial) return false;
-  Folder& folder = *doubted_.at(*serial);
-  if (!IsInTree(folder)) return true;
-  if (folder.parent == nullptr) {
-    isRootInDoubt_ = true;
-  } else {
-    Examine(*folder.parent, std::string(folder.name));
-  }
-  return true;
 }
 
 // Whether a folder whose watch never lapsed is to be listed all the same.
 bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
-  return walk.isRepair || walk.isReplaced || folder.isUnreadable || folder.isInDoubt ||
+  return walk.isRepair || walk.isReplaced || folder.isUnreadable || folder.isUnlisted ||
          (walk.isRelocated && (IsRecent(folder.touched) || IsRecent(repaired_)));
 }
 
@@ -218,7 +132,8 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
 }
 
 // Whether the known folder can be the open one in the parent, and so is not where it was.
-bool WatchTable::CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle) {
+bool WatchTable::CanMove(const Folder& folder, const Folder& parent,
+                         const OpenFolder& handle) const {
   if (&folder == root_.get()) return false;
   for (const Folder* above = &parent; above != nullptr; above = above->parent) {
     if (above == &folder) return false;
@@ -238,16 +153,6 @@ bool WatchTable::IsListed(const Folder& parent, const std::string& name) const {
   return !listing.isWhole || std::ranges::count(listing.subfolders, name) > 0;
 }
 
-// The orphan without a watch that is this folder.
-WatchTable::Folder* WatchTable::FindUnwatched(const FileIdentity& identity) const {
-  if (identity == FileIdentity()) return nullptr;
-  for (const auto& [top, orphan] : orphans_) {
-    const auto found = unwatched_.find(top->serial);
-    if (found != unwatched_.end() && found->second.identity == identity) return top;
-  }
-  return nullptr;
-}
-
 // A folder that was taken from another on the word of a path may have been there all the time: the
 // path led elsewhere.
 void WatchTable::ListRobbed() {
@@ -256,7 +161,7 @@ void WatchTable::ListRobbed() {
     const std::string path = PathOf(*folder);
     OpenFolder handle(path, folder == root_.get());
     if (!handle.isOpen()) continue;
-    if (IsWatchedAs(*folder, handle)) {
+    if (ProbeWatch(handle) == folder->watch) {
       List(*folder, std::move(handle), Walk{.length = path.size()});
     }
   }
@@ -269,17 +174,16 @@ void WatchTable::List(Folder& folder, OpenFolder handle, const Walk& walk) {
   FolderListing listing = listFolder(handle);
   if (listing.isWhole) {
     DetachUnlisted(folder, listing.subfolders);
-    if (std::exchange(folder.isInDoubt, false)) MarkFolder(folder, kLost | kGained);
-    doubted_.erase(folder.serial);
-    unopened_.Remove(folder.serial);
+    if (std::exchange(folder.isUnlisted, false)) MarkFolder(folder, kLost | kGained);
+    unopened_.Remove(&folder);
   } else {
-    Doubt(folder, true);
+    RetryLater(folder, true);
   }
   if (walk.depth >= kMostOpen) handle.Close();
   for (const std::string& name : listing.subfolders) AdoptChild(folder, handle, name, walk);
   if (walk.isReplaced) {
     MarkFolder(folder, kLost | kGained | kReplaced);
-  } else if (folder.born == epoch_ && isDelivering_) {
+  } else if (folder.born == epoch_ && delivery_.IsRunning()) {
     // The callback may have seen other entries in it.
     MarkFolder(folder, kLost | kGained);
   } else if (folder.born == epoch_ && !listing.isEmpty) {
@@ -291,7 +195,7 @@ void WatchTable::DetachUnlisted(Folder& folder, std::vector<std::string>& listed
   if (folder.children.empty()) return;
   std::sort(listed.begin(), listed.end());
   std::vector<Folder*> unlisted;
-  for (const std::unique_ptr<Folder>& child : folder.children) {
+  for (const auto& child : folder.children) {
     if (!std::binary_search(listed.begin(), listed.end(), child->name)) {
       unlisted.push_back(child.get());
     }
@@ -360,7 +264,7 @@ std::unique_ptr<WatchTable::Folder> WatchTable::Extract(Folder& folder) {
   NoteDeparture(*folder.parent, folder.name, folder.serial);
   const auto unwatched = unwatched_.find(folder.parent->serial);
   if (unwatched != unwatched_.end()) unwatched->second.fingerprint = 0;  // it may come back unseen
-  Children& siblings = folder.parent->children;
+  auto& siblings = folder.parent->children;
   extracted = std::move(siblings.extract(siblings.find(std::string_view(folder.name))).value());
   folder.parent = nullptr;
   return extracted;
@@ -387,7 +291,7 @@ void WatchTable::Detach(Folder& folder) {
 
 // `serial` is that of the folder that left the name, or 0 when it is not known.
 void WatchTable::NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial) {
-  if (departures_.size() >= kMostDepartures) {
+  if (departures_.size() >= kMostNames) {
     departures_.clear();
     manyDepartures_ = epoch_;
   }
@@ -406,26 +310,23 @@ bool WatchTable::WasTaken(const Folder& parent, const std::string& name, const F
 
 // Drops the watches of the folder and all below it, and every mention of them.
 void WatchTable::Bury(Folder& folder) {
-  for (const std::unique_ptr<Folder>& child : folder.children) Bury(*child);
+  for (const auto& child : folder.children) Bury(*child);
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
-  marked_.erase(&folder);
-  for (auto* folders : {&robbed_, &named_, &unsettled_, &fresh_, &moved_, &announced_}) {
-    folders->erase(&folder);
-  }
+  for (KnownFolders* folders : {&marked_, &robbed_, &fresh_, &moved_}) folders->erase(&folder);
+  delivery_.Forget(folder);
   unwatched_.erase(folder.serial);
   toVisit_.erase(folder.serial);
-  doubted_.erase(folder.serial);
-  unopened_.Remove(folder.serial);
+  unopened_.Remove(&folder);
   origins_.erase(&folder);
   std::erase_if(mounts_, [&](const auto& mount) { return mount.second.parent == &folder; });
 }
 
-// Whether the open folder has this one's watch.
-bool WatchTable::IsWatchedAs(const Folder& folder, const OpenFolder& handle) {
+// The watch of the open folder; when it has none, that of no folder.
+int WatchTable::ProbeWatch(const OpenFolder& handle) {
   const int watch = inotify_.Add(handle);
   if (watch >= 0 && FindByWatch(watch) == nullptr) inotify_.Remove(watch);
-  return watch == folder.watch;
+  return watch;
 }
 
 WatchTable::Folder* WatchTable::FindByWatch(int watch) const {
@@ -461,7 +362,7 @@ bool WatchTable::UnsetWatch(Folder& folder) {
 // How much longer than the folder's own path the longest of those below it is.
 size_t WatchTable::LongestBelow(const Folder& folder) const {
   size_t longest = 0;
-  for (const std::unique_ptr<Folder>& child : folder.children) {
+  for (const auto& child : folder.children) {
     longest = std::max(longest, 1 + child->name.size() + LongestBelow(*child));
   }
   return longest;

@@ -208,10 +208,10 @@ TEST_F(WatchTableTest, TellsHalfAMoveAndItsRootFromOthers) {
   run("mv t/b out/b; read");
   EXPECT_TRUE(table.EndsInMove());
   EXPECT_FALSE(table.TakeRootDoubt());
-  EXPECT_TRUE(table.IsRoot(OpenFolder(folder / "t")));
-  EXPECT_FALSE(table.IsRoot(OpenFolder(folder / "out")));
+  EXPECT_TRUE(table.ProbeRoot(OpenFolder(folder / "t")));
+  EXPECT_FALSE(table.ProbeRoot(OpenFolder(folder / "out")));
   run("mv t out/t; mkdir t/c; cut");
-  EXPECT_FALSE(table.IsRoot(OpenFolder(folder / "t")));
+  EXPECT_FALSE(table.ProbeRoot(OpenFolder(folder / "t")));
   watch();
   run("rm out; touch t/c/f; cut");
   EXPECT_EQ(named, "t/ | t/c/");
