@@ -292,7 +292,7 @@ void FSTree::FinishDrafts() {
   const std::vector<Folder*> drafted(drafted_.begin(), drafted_.end());
   for (Folder* folder : drafted) {
     const uint32_t count = folder->listing->entries().count();
-    if (count < kLarge || !AreFew(folder->draft->changes(), count)) {
+    if (!AreFew(folder->draft->changes(), count)) {
       Finish(*folder);
     } else if (std::find(kept_.begin(), kept_.end(), folder) == kept_.end()) {
       kept_.push_back(folder);

@@ -225,6 +225,11 @@ class FSTree {
 
   // ---- Fields.
 
+  // A folder of fewer entries is read in full even where few names have changed: that costs less
+  // than to keep account of them. With 0 no folder is read in full for its size, nor for the number
+  // of names.
+  uint32_t fewestForNames = 256;
+
   // Called with each folder, open, before the scan of the whole tree reads it; may be empty. What
   // changes in the folder from then on is somebody else's to notice.
   std::function<void(const std::string& key, const OpenFolder& folder)> beforeScanning;
@@ -237,11 +242,10 @@ class FSTree {
   Mutex treeMutex;
 
  private:
-  // A folder of fewer entries is read in full, which costs less than to keep account of names.
-  static constexpr uint32_t kLarge = 256;
-
-  // Whether so many of a large folder's entries are few.
-  static bool AreFew(size_t some, uint32_t entries) { return some <= entries / 4; }
+  // Whether so many of a folder's entries are few enough to be treated by themselves.
+  bool AreFew(size_t some, uint32_t entries) const {
+    return entries >= fewestForNames && (fewestForNames == 0 || some <= entries / 4);
+  }
 
   void SetProhibitedSuffixes();
   static FileIdentity IdentityOf(const OpenFolder& folder);

@@ -125,7 +125,7 @@ std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSN
   const auto found = snapshot.find(key);
   if (found == snapshot.end() || retries.contains(key)) return std::nullopt;
   const uint32_t count = found->second.listing->entries().count();
-  if (count < kLarge || !AreFew(names.size(), count)) return std::nullopt;
+  if (!AreFew(names.size(), count)) return std::nullopt;
   const OpenFolder folder(key, key == rootPath);
   if (!folder.isOpen()) return std::nullopt;
   const FileIdentity identity = IdentityOf(folder);

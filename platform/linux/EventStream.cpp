@@ -125,6 +125,7 @@ struct __FSEventStream {
 
   // The run loop's thread.
   void NameAgain(const std::string& path) EXCLUDES(lock_);
+  bool NamesBehind(size_t event, std::vector<std::string>& names) const;
 
  private:
   struct Batch {
@@ -193,7 +194,9 @@ struct __FSEventStream {
   std::vector<std::string> again_ GUARDED_BY(lock_);  // paths to name, the other way round
   std::exception_ptr failure_ GUARDED_BY(lock_);  // what ended the reader, such as want of memory
 
-  FSEventStreamEventId lastId_ = 0;  // the run loop's thread only
+  // The run loop's thread only.
+  FSEventStreamEventId lastId_ = 0;
+  const Batch* delivered_ = nullptr;  // while the callback runs
 };
 
 __FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::string& path,
@@ -264,8 +267,10 @@ void __FSEventStream::Deliver() {
     flags.push_back(folder.flags);
     ids.push_back(batch.isRoot ? 0 : ++lastId_);
   }
+  delivered_ = &batch;
   callback_(this, nullptr, paths.size(), static_cast<void*>(paths.data()), flags.data(),
             ids.data());
+  delivered_ = nullptr;
   {
     const MutexLock lock(lock_);
     isDelivering_ = false;
@@ -420,6 +425,12 @@ void __FSEventStream::NameAgain(const std::string& path) {
   Wake();
 }
 
+bool __FSEventStream::NamesBehind(size_t event, std::vector<std::string>& names) const {
+  if (delivered_ == nullptr || !delivered_->folders.at(event).names) return false;
+  names = *delivered_->folders[event].names;
+  return true;
+}
+
 std::vector<std::string> __FSEventStream::TakeAgain() {
   const MutexLock lock(lock_);
   return std::exchange(again_, {});
@@ -544,7 +555,10 @@ bool nameAgain(FSEventStreamRef stream, const std::string& path) {
 }
 
 void watchFolder(FSEventStreamRef, const std::string&, const OpenFolder&) {}
-bool namesBehind(ConstFSEventStreamRef, size_t, std::vector<std::string>&) { return false; }
+
+bool namesBehind(ConstFSEventStreamRef stream, size_t event, std::vector<std::string>& names) {
+  return stream != nullptr && stream->NamesBehind(event, names);
+}
 
 void FSEventStreamStop(FSEventStreamRef stream) { stream->Stop(); }
 

@@ -38,6 +38,10 @@ struct KnownFolder {
   uint32_t touched = 0;   // the last epoch with an event about a subfolder, here or below
   uint32_t replaced = 0;  // the last epoch in which it took another one's place
   uint8_t marks = 0;
+
+  // The names behind the marks; null where they are not known, or are too many, or there are no
+  // marks. Enters with the first mark, and leaves with the marks or when one has no name.
+  std::unique_ptr<std::unordered_set<std::string>> names;
   bool isUnreadable = false;  // for want of permission
   bool isUnlisted = false;    // could not be opened or listed, by a failure that passes
 };

@@ -4,12 +4,16 @@
 
 namespace {
 
+constexpr size_t kMostOfOne = 8192;    // names of one folder's entries that are kept,
+constexpr size_t kMostKept = 1 << 15;  // and of all folders' together
+
 constexpr uint32_t kMostHeldBack = 3;  // batches
 
 // One folder to name, once or twice in a row.
 struct Mention {
   std::string path;
   bool isTwice;
+  std::optional<std::vector<std::string>> names;
 };
 
 // Parents come before children when paths sort by bytes, because every path ends with "/".
@@ -17,9 +21,9 @@ void appendSorted(std::vector<Mention>& mentions, FSEventStreamEventFlags flags,
                   std::vector<NamedFolder>& batch) {
   std::sort(mentions.begin(), mentions.end(),
             [](const Mention& a, const Mention& b) { return a.path < b.path; });
-  for (const Mention& mention : mentions) {
-    batch.push_back({mention.path, flags});
-    if (mention.isTwice) batch.push_back({mention.path, flags});
+  for (Mention& mention : mentions) {
+    if (mention.isTwice) batch.push_back({mention.path, flags, mention.names});
+    batch.push_back({std::move(mention.path), flags, std::move(mention.names)});
   }
 }
 
@@ -149,7 +153,7 @@ void WatchTable::ApplyEvent(const Event& event) {
 }
 
 void WatchTable::ApplyTo(Folder& folder, const Event& event) {
-  MarkFolder(folder, event.HasGone() ? kLost : event.HasCome() ? kGained : kWritten);
+  MarkEntry(folder, event.HasGone() ? kLost : event.HasCome() ? kGained : kWritten, event.name);
   const bool isKnown = ChildOf(folder, event.name) != nullptr;
   if (!event.isFolder && !isKnown) return;
   const std::string name(event.name);
@@ -231,6 +235,36 @@ void WatchTable::MarkFolder(Folder& folder, uint8_t marks) {
   if ((marks & kReplaced) != 0) folder.replaced = epoch_;
   // Only what is in the set has marks.
   if (std::exchange(folder.marks, folder.marks | marks) == 0) marked_.insert(&folder);
+  ForgetNames(folder);
+}
+
+void WatchTable::MarkEntry(Folder& folder, uint8_t marks, std::string_view name) {
+  const Folder* const first = FindByWatch(folder.watch);
+  const bool hasTwin = first == nullptr || first->twin != nullptr;
+  if (hasTwin || (folder.marks != 0 && folder.names == nullptr)) {
+    MarkFolder(folder, marks);
+    return;
+  }
+  if (std::exchange(folder.marks, folder.marks | marks) == 0) {
+    marked_.insert(&folder);
+    folder.names = std::make_unique<std::unordered_set<std::string>>();
+  }
+  if (folder.names->emplace(name).second) ++namesKept_;
+  if (folder.names->size() > kMostOfOne || namesKept_ > kMostKept) ForgetNames(folder);
+}
+
+void WatchTable::ForgetNames(Folder& folder) {
+  if (folder.names == nullptr) return;
+  namesKept_ -= folder.names->size();
+  folder.names.reset();
+}
+
+std::optional<std::vector<std::string>> WatchTable::TakeNames(Folder& folder) {
+  if (folder.names == nullptr) return std::nullopt;
+  std::vector<std::string> names(folder.names->begin(), folder.names->end());
+  std::sort(names.begin(), names.end());
+  ForgetNames(folder);
+  return names;
 }
 
 void WatchTable::MarkAll(Folder& folder, uint8_t marks) {
@@ -315,15 +349,19 @@ std::vector<NamedFolder> WatchTable::Cut() {
   std::vector<Mention> others;
   KnownFolders heldBack;
   for (Folder* folder : marked_) {
-    if (IsHeldBack(*folder)) heldBack.insert(folder);
+    if (!IsHeldBack(*folder)) continue;
+    heldBack.insert(folder);
+    ForgetNames(*folder);
   }
   for (Folder* folder : marked_) {
     if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
+    std::optional<std::vector<std::string>> names = TakeNames(*folder);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
     named.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;
-    ((marks & kGained) != 0 ? gaining : others).push_back({Join(PathOf(*folder), ""), isTwice});
+    ((marks & kGained) != 0 ? gaining : others)
+        .push_back({Join(PathOf(*folder), ""), isTwice, std::move(names)});
   }
   marked_ = std::move(heldBack);
   fresh_.merge(std::exchange(moved_, {}));

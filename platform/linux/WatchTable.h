@@ -50,6 +50,10 @@
 struct NamedFolder {
   std::string path;
   FSEventStreamEventFlags flags;
+
+  // Of the entries that have changed since the folder was named the last time, sorted; nothing
+  // where other entries may have changed too.
+  std::optional<std::vector<std::string>> names = std::nullopt;
 };
 
 class WatchTable {
@@ -194,6 +198,9 @@ class WatchTable {
   void NoteComer(const Folder& parent, const std::string& name);
   void LookBack(Folder& folder, OpenFolder handle, const timespec& since, int depth);
   void MarkFolder(Folder& folder, uint8_t marks);
+  void MarkEntry(Folder& folder, uint8_t marks, std::string_view name);
+  void ForgetNames(Folder& folder);
+  std::optional<std::vector<std::string>> TakeNames(Folder& folder);
   void MarkAll(Folder& folder, uint8_t marks);
   void Touch(Folder& folder);
   bool IsRecent(uint32_t epoch) const { return epoch + 1 >= epoch_; }
@@ -250,6 +257,7 @@ class WatchTable {
   FileIdentity rootIdentity_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> orphans_;  // by the top of each subtree
   std::unordered_map<int, Folder*> byWatch_;                      // the first of the twins
+  size_t namesKept_ = 0;                                          // in all folders
   uint64_t serials_ = 0;                                          // given so far
 
   // Since the last batch: until Cut.

@@ -313,6 +313,7 @@ void WatchTable::Bury(Folder& folder) {
   for (const auto& child : folder.children) Bury(*child);
   const int watch = folder.watch;
   if (UnsetWatch(folder) && watch >= 0) inotify_.Remove(watch);
+  ForgetNames(folder);
   for (KnownFolders* folders : {&marked_, &robbed_, &fresh_, &moved_}) folders->erase(&folder);
   delivery_.Forget(folder);
   unwatched_.erase(folder.serial);

@@ -122,7 +122,7 @@ class FaultTest : public WatcherTest {
     }
     Names names;
     isLost = false;
-    for (const auto& [path, flags] : table.Cut()) {
+    for (const auto& [path, flags, ignored] : table.Cut()) {
       names.insert(shortened(path));
       isLost = flags != 0;
     }

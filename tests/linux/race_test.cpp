@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 
+#include "StreamExtension.h"
 #include "WatchTable.h"
 #include "reader.h"
 #include "watcher_test.h"
@@ -17,6 +18,8 @@ namespace {
 
 std::function<void()> beforeOpening;
 bool isInCallback = false;
+std::vector<NamedFolder> cut;  // the batch that is being delivered
+int readByNames = 0;
 
 // Environment variable RACE_SEEDS: how many seeds to try.
 int seeds() {
@@ -86,10 +89,26 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     return found;
   }
 
+  // What is known of which file each name is: of every entry of the snapshot, and on the disk.
+  using Files = std::map<std::string, std::pair<uint64_t, uint64_t>>;
+  std::pair<Files, Files> files() const {
+    std::pair<Files, Files> found;
+    for (const auto& [key, ignored] : tree().snapshot) {
+      for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
+        found.first[entry->path] = {entry->inode, entry->generation};
+        if (const FSResourcePtr now = FSTree::GetResource(entry->path)) {
+          found.second[entry->path] = {now->inode, now->generation};
+        }
+      }
+    }
+    return found;
+  }
+
   void deliver() {
     table.Read();
     Texts paths;
-    for (const NamedFolder& named : table.Cut()) paths.push_back(named.path);
+    cut = table.Cut();
+    for (const NamedFolder& named : cut) paths.push_back(named.path);
     for (const std::string& path : paths) batches += " " + shortened(path);
     batches += ";";
     table.BeginDelivery();
@@ -122,11 +141,23 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
   int clock_ = 0;
 };
 
+// Half of the seeds read every folder in full, the others by the names that the events gave.
+bool namesOfCut(ConstFSEventStreamRef /*stream*/, size_t event, FSNames& names) {
+  if (!cut.at(event).names) return false;
+  names = *cut[event].names;
+  ++readByNames;
+  return true;
+}
+
 INSTANTIATE_TEST_SUITE_P(Seed, RaceTest, testing::Range(1, seeds() + 1));
 INSTANTIATE_TEST_SUITE_P(OnceWrong, RaceTest, testing::Values(48));
 
 TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
   random.seed(static_cast<unsigned>(GetParam()));
+  const bool areNamesUsed = GetParam() % 2 == 0;
+  FSEventWatcher::sNamesBehind = areNamesUsed ? namesOfCut : namesBehind;
+  readByNames = 0;
+  tree().fewestForNames = 0;
   watch();
   reader = Reader(_path);
   table.WatchRoot(folder.path(), OpenFolder(folder.path()));
@@ -149,8 +180,13 @@ TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
       ASSERT_EQ(reader.entries, snapshot()) << state(round);
     }
     ASSERT_EQ(reader.entries, disk()) << state(round);
+    if (often == 0) {
+      const auto [saved, current] = files();
+      ASSERT_EQ(saved, current) << state(round);
+    }
   }
   EXPECT_GT(injected, 500);
+  EXPECT_EQ(readByNames > 500, areNamesUsed);
 }
 
 }  // namespace
