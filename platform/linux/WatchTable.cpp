@@ -46,10 +46,9 @@ void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
   root_->name = path;
   root_->serial = ++serials_;
   root_->born = epoch_;
-  rootIdentity_ = identityOf(folder);
   SetWatch(*root_, inotify_.Add(folder));
   if (root_->watch < 0) {
-    unwatched_[root_->serial].fingerprint = fingerprintOf(folder);
+    unwatched_[root_->serial] = {root_.get(), identityOf(folder), fingerprintOf(folder)};
     toVisit_.insert(root_->serial);
   }
   List(*root_, std::move(folder), Walk{.length = path.size()});
@@ -85,14 +84,15 @@ void WatchTable::Clear() {
   root_.reset();
   departures_.clear();
   haveLongPaths_ = false;
-  isOverflown_ = needsRepair_ = isRootLost_ = isRootInDoubt_ = endsInMove_ = false;
+  isOverflown_ = needsRepair_ = endsInMove_ = false;
   unread_.clear();
 }
 
 bool WatchTable::ProbeRoot(const OpenFolder& folder) {
-  if (root_ == nullptr || isRootLost_) return false;
-  if (root_->watch < 0) return identityOf(folder) == rootIdentity_;
-  return ProbeWatch(folder) == root_->watch;
+  if (root_ == nullptr) return false;
+  if (root_->watch >= 0) return ProbeWatch(folder) == root_->watch;
+  const auto known = unwatched_.find(root_->serial);  // unless its watch is gone
+  return known != unwatched_.end() && known->second.identity == identityOf(folder);
 }
 
 void WatchTable::NoteRoot(OpenFolder folder, bool wasAstray) {
@@ -189,7 +189,7 @@ void WatchTable::LoseWatch(int watch, uint8_t marksAbove) {
   while (Folder* folder = FindByWatch(watch)) {
     UnsetWatch(*folder);
     if (folder == root_.get()) {
-      isRootLost_ = isRootInDoubt_ = true;
+      watched_.DoubtNames();
     } else if (folder->parent != nullptr) {
       Folder& parent = *folder->parent;
       const std::string name = folder->name;
@@ -210,7 +210,8 @@ void WatchTable::Repair() {
     List(*root_, std::move(folder), Walk{.isRepair = true, .length = root_->name.size()});
     MarkAll(*root_, kLost | kGained);
   } else {
-    isRootInDoubt_ = needsRepair_ = true;  // again, if it turns out to be there
+    watched_.DoubtNames();
+    needsRepair_ = true;  // again, if it turns out to be there
   }
 }
 

@@ -45,6 +45,7 @@
 #include "Folder.h"
 #include "Inotify.h"
 #include "KnownFolder.h"
+#include "Root.h"
 
 // One event of a batch: the folder's path with its final "/".
 struct NamedFolder {
@@ -60,7 +61,8 @@ class WatchTable {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  WatchTable() = default;
+  // `watched` is put in doubt when the root does not seem to be where it was. It must outlive this.
+  explicit WatchTable(Root& watched) : watched_(watched) {}
   WatchTable(const WatchTable&) = delete;
   WatchTable& operator=(const WatchTable&) = delete;
 
@@ -103,12 +105,8 @@ class WatchTable {
   // Names the root in the next batch, though nothing in it is known to have changed.
   void NameRoot();
 
-  // Whether something makes it doubtful that the root is still there; asking takes the doubt away.
-  bool TakeRootDoubt() { return std::exchange(isRootInDoubt_, false); }
-
-  // Drains the kernel's queue and applies it. Apply takes events as the kernel writes them.
+  // Drains the kernel's queue and applies it.
   void Read();
-  void Apply(std::string events);
 
   // Whether the last event was the first half of a move. The second half follows at once, but not
   // always in the same read.
@@ -191,6 +189,7 @@ class WatchTable {
   };
 
   // WatchTable.cpp: events to marks to names.
+  void Apply(std::string events);
   void ApplyEvent(const Event& event);
   void ApplyTo(Folder& folder, const Event& event);
   void LoseWatch(int watch, uint8_t marksAbove);
@@ -246,6 +245,7 @@ class WatchTable {
   bool UpdateUnwatched(Folder& folder, const OpenFolder& handle, int watch);
   Folder* FindUnwatched(const FileIdentity& identity) const;
 
+  Root& watched_;
   Inotify inotify_{Inotify::Interest::entries};
   std::string unread_;  // events read during a walk, to be applied after it
   int walked_ = 0;      // folders, of all walks
@@ -254,7 +254,6 @@ class WatchTable {
   // (Detach, Attach). Cut drops the orphans that are left, Clear everything; Bury takes a dropped
   // folder out of every store below.
   std::unique_ptr<Folder> root_;
-  FileIdentity rootIdentity_;
   std::unordered_map<Folder*, std::unique_ptr<Folder>> orphans_;  // by the top of each subtree
   std::unordered_map<int, Folder*> byWatch_;                      // the first of the twins
   size_t namesKept_ = 0;                                          // in all folders
@@ -290,6 +289,4 @@ class WatchTable {
   uint32_t repaired_ = 0;       // the last epoch with a repair: any event may have been lost before
   bool needsRepair_ = false;    // events were lost, or the last repair did not find the root
   bool haveLongPaths_ = false;  // so long that some entries could not be named
-  bool isRootInDoubt_ = false;
-  bool isRootLost_ = false;  // its watch is gone
 };

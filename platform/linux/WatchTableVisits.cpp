@@ -47,7 +47,8 @@ bool WatchTable::IsUnwatched(const Folder& folder, int watch, const OpenFolder& 
 // so that nothing falls between.
 bool WatchTable::UpdateUnwatched(Folder& folder, const OpenFolder& handle, int watch) {
   Unwatched& known = unwatched_.at(folder.serial);
-  known.identity = identityOf(handle);
+  const FileIdentity identity = identityOf(handle);
+  if (identity != FileIdentity()) known.identity = identity;
   const uint64_t fingerprint = fingerprintOf(handle);
   const bool hasChanged = std::exchange(known.fingerprint, fingerprint) != fingerprint;
   if (hasChanged) MarkFolder(folder, kLost | kGained);
@@ -72,8 +73,8 @@ bool WatchTable::VisitNext() {
     return toVisit_.size() < before;
   }
   OpenFolder handle(folder.name, true);
-  if (!handle.isOpen() || identityOf(handle) != rootIdentity_) {
-    isRootInDoubt_ = true;
+  if (!handle.isOpen() || identityOf(handle) != unwatched_.at(visited_).identity) {
+    watched_.DoubtNames();
   } else if (UpdateUnwatched(folder, handle, inotify_.Add(handle))) {
     List(folder, std::move(handle), Walk{.length = folder.name.size()});
   }
@@ -87,7 +88,7 @@ bool WatchTable::RetryNext(Time now) {
   Folder& folder = **next;
   if (!IsInTree(folder)) return true;
   if (folder.parent == nullptr) {
-    isRootInDoubt_ = true;
+    watched_.DoubtNames();
   } else {
     Examine(*folder.parent, std::string(folder.name));
   }

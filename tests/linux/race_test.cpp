@@ -131,7 +131,8 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
            "\nbatches: " + batches;
   }
 
-  WatchTable table;
+  Root root{folder.path()};
+  WatchTable table{root};
   std::mt19937 random;
   Reader reader;
   std::set<std::pair<uint64_t, uint64_t>> linked;  // files that have or had several names

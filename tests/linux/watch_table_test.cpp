@@ -1,114 +1,41 @@
-// The table of watched folders, the timing of batches and the way to the root, stepped by hand: no
-// thread and no clock.
-#include <gtest/gtest.h>
-#include <sys/inotify.h>
-
-#include "Latency.h"
-#include "RootChain.h"
-#include "WatchTable.h"
-#include "support.h"
+// The table of watched folders, stepped by hand.
+#include "layer.h"
 
 namespace {
-
-namespace fs = std::filesystem;
-
-// The watched folder is "t"; what else stands beside it is outside.
-class WatchTableTest : public testing::Test {
- protected:
-  void watch() { table.WatchRoot(folder / "t", OpenFolder(folder / "t")); }
-
-  // TempFolder's commands, and:
-  //   write FILE       appends to it
-  //   link TARGET NAME makes a symbolic link
-  //   swap NAME NAME   exchanges two names
-  //   hold NAME        keeps the folder open until another is held
-  //   read             lets the table read its events
-  //   drop             loses the events that have not been read, as a full queue does
-  //   cut              reads and cuts a batch
-  void run(const std::string& commands) {
-    for (const std::string& command : pieces(commands, "; ")) {
-      std::istringstream words(command);
-      std::string verb, name, other;
-      words >> verb >> name >> other;
-      if (verb == "write") {
-        folder.write(name, "x");
-      } else if (verb == "link") {
-        fs::create_symlink(name, folder / other);
-      } else if (verb == "swap") {
-        folder.swap(name, other);
-      } else if (verb == "hold") {
-        held = OpenFolder(folder / name);
-      } else if (verb == "read") {
-        table.Read();
-      } else if (verb == "drop") {
-        drop();
-      } else if (verb == "cut") {
-        table.Read();
-        named += (named.empty() ? "" : " | ") + cut();
-      } else {
-        folder.run(command);
-      }
-    }
-  }
-
-  void drop() {
-    std::array<char, 65536> events;
-    while (read(table.number(), events.data(), events.size()) > 0) {
-    }
-    inotify_event overflow{};
-    overflow.wd = -1;
-    overflow.mask = IN_Q_OVERFLOW;
-    table.Apply(std::string(reinterpret_cast<const char*>(&overflow), sizeof overflow));
-  }
-
-  // The next batch as its reader meets it, from the last to the first; with "!" where events were
-  // lost.
-  std::string cut() {
-    std::string names;
-    const std::vector<NamedFolder> batch = table.Cut();
-    for (auto event = batch.rbegin(); event != batch.rend(); ++event) {
-      const bool isLost = event->flags == (kFSEventStreamEventFlagMustScanSubDirs |
-                                           kFSEventStreamEventFlagKernelDropped);
-      EXPECT_TRUE(isLost || event->flags == kFSEventStreamEventFlagNone);
-      names += (names.empty() ? "" : " ") + event->path.substr(folder.path().size() + 1) +
-               (isLost ? "!" : "");
-    }
-    return names;
-  }
-
-  // The folders of the tree, the watches that the kernel has and those that the table knows of must
-  // be as many.
-  void expectEveryFolderWatched() {
-    size_t folders = 1;
-    for (const auto& entry : fs::recursive_directory_iterator(folder / "t")) {
-      if (entry.symlink_status().type() == fs::file_type::directory) ++folders;
-    }
-    const std::string info = "/proc/self/fdinfo/" + std::to_string(table.number());
-    EXPECT_EQ(pieces(readFile(info), "inotify wd:").size() - 1, folders);
-    EXPECT_EQ(table.WatchedCount(), folders);
-  }
-
-  TempFolder folder;
-  WatchTable table;
-  OpenFolder held;
-  std::string named;  // by all batches
-};
 
 struct Case {
   std::string before, changes, named;
 };
 void PrintTo(const Case& test, std::ostream* out) { *out << test.before << " > " << test.changes; }
 
-class WatchTableCases : public WatchTableTest, public testing::WithParamInterface<Case> {};
+// The watched folder is "t"; what else is beside it is outside. Commands:
+//   read   lets the table read its events
+//   drop   loses the events that have not been read, as a full queue does
+//   cut    reads and cuts a batch
+class WatchTableCases : public ScriptTest, public testing::WithParamInterface<Case> {
+ protected:
+  void watch() { table.WatchRoot(root.path(), root.Watch({}).folder); }
+
+  void act(const std::string& command) override {
+    if (command == "drop") queue = {.size = 0, .isFull = true};
+    table.Read();
+    queue = {};
+    if (command == "cut") note(table.Cut());
+  }
+
+  Root root{folder / "t"};
+  WatchTable table{root};
+};
 
 TEST_P(WatchTableCases, NameWhatChangedAndLeaveNoWatch) {
   run("mkdir t; " + GetParam().before);
   watch();
   run(GetParam().changes);
   EXPECT_EQ(named, GetParam().named);
-  expectEveryFolderWatched();
-  table.Read();
-  EXPECT_EQ(cut(), "") << "after everything has been listed";
+  EXPECT_EQ(expectEveryFolderWatched(table.number(), folder / "t"), table.WatchedCount());
+  named = "";
+  run("cut");
+  EXPECT_EQ(named, "") << "after everything has been listed";
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -142,6 +69,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"mkdir t/a", "hold t/a; rm t/a; mkdir t/a/b; hold t; cut; touch t/a/b/f; cut",
              "t/ t/ t/a/ t/a/ t/a/b/ t/a/b/ | t/a/b/"},
         Case{"mkdir t/a/b", "hold t/a/b; rm t/a; cut; hold t; cut", "t/ | "},
+        Case{"", "mkdir t/a; rm t/a; read; mkdir t/a; cut", "t/ t/ t/a/ t/a/"},
         Case{"touch t/a", "rm t/a; mkdir t/a/b; cut", "t/ t/ t/a/ t/a/b/"}));
 
 INSTANTIATE_TEST_SUITE_P(
@@ -183,90 +111,5 @@ INSTANTIATE_TEST_SUITE_P(
              "t/! t/! t/c/! t/c/! t/n/! t/n/! t/n/m/! t/n/m/! | t/c/a/ t/c/a/ t/c/a/b/ t/c/a/b/"},
         Case{"mkdir t/a; mkdir t/b/c", "drop; swap t/a t/b; drop; mkdir t/a/c/d; cut",
              "t/! t/! t/a/! t/a/! t/a/c/! t/a/c/! t/a/c/d/! t/a/c/d/! t/b/! t/b/!"}));
-
-TEST_F(WatchTableTest, LooksBackAtWhatChangedBeforeTheWatchesStood) {
-  run("mkdir t/a/b; touch t/a/f; mkdir t/e; touch t/e/f");
-  // The times of files may be ahead of the clock that they are compared with.
-  timespec made{}, since{};
-  clock_gettime(CLOCK_REALTIME, &made);
-  comesTrue([&] {
-    clock_gettime(CLOCK_REALTIME_COARSE, &since);
-    return std::pair(since.tv_sec, since.tv_nsec) > std::pair(made.tv_sec, made.tv_nsec);
-  });
-  run("write t/a/f; touch t/n; touch t/e/f 900");
-  watch();
-  EXPECT_EQ(cut(), "");
-  table.LookBack(since);
-  EXPECT_EQ(cut(), "t/ t/ t/a/ t/e/");
-}
-
-TEST_F(WatchTableTest, TellsHalfAMoveAndItsRootFromOthers) {
-  run("mkdir t/a; mkdir t/b; mkdir out");
-  watch();
-  run("mv t/a t/b/a; read");
-  EXPECT_FALSE(table.EndsInMove());
-  run("mv t/b out/b; read");
-  EXPECT_TRUE(table.EndsInMove());
-  EXPECT_FALSE(table.TakeRootDoubt());
-  EXPECT_TRUE(table.ProbeRoot(OpenFolder(folder / "t")));
-  EXPECT_FALSE(table.ProbeRoot(OpenFolder(folder / "out")));
-  run("mv t out/t; mkdir t/c; cut");
-  EXPECT_FALSE(table.ProbeRoot(OpenFolder(folder / "t")));
-  watch();
-  run("rm out; touch t/c/f; cut");
-  EXPECT_EQ(named, "t/ | t/c/");
-  expectEveryFolderWatched();
-}
-
-TEST(Latency, CountsFromTheFirstChange) {
-  using std::chrono::milliseconds;
-  const auto at = [](int time) { return Latency::Time(milliseconds(time)); };
-  Latency latency(milliseconds(100));
-  EXPECT_FALSE(latency.Due() || latency.IsDue(at(1000)));
-  latency.Want(at(1000));
-  latency.Want(at(1090));
-  EXPECT_FALSE(latency.IsDue(at(1099)));
-  EXPECT_TRUE(latency.IsDue(at(1100)));
-  latency.Reset();
-  EXPECT_FALSE(latency.IsDue(at(9999)));
-  latency.Want(at(1160));
-  EXPECT_EQ(latency.Due(), at(1260));
-}
-
-class RootChainTest : public WatchTableTest {};
-
-TEST_F(RootChainTest, HearsOfItsOwnNamesOnly) {
-  struct Way {
-    std::string before, path;
-    std::vector<std::string> changes;
-  };
-  const std::vector<Way> ways = {
-      {"mkdir x/t; mkdir y/t; link x l; link y m", "l/t", {"mv m l", "mv y/t z", "rm l"}},
-      {"mkdir p/q/t", "p/q/t", {"mv p z", "mv z p", "mv p/q z", "mv z p/q", "rm p/q/t"}},
-      {"", "p/q/t", {"mkdir p", "mkdir p/q", "touch p/q/t", "rm p/q/t", "mkdir p/q/t", "rm p"}},
-      {"mkdir x/y; mkdir t; link x/y l", "l/../../t", {"mv t u", "mv x z"}},
-      {"link m l; link l m", "l/t", {"rm m", "mkdir m/t"}},
-  };
-  for (const Way& way : ways) {
-    for (const bool isRelative : {false, true}) {
-      const TempFolder outer;
-      run(way.before);
-      if (isRelative) fs::current_path(folder.path());
-      RootChain chain(isRelative ? way.path : folder / way.path);
-      chain.Watch();
-      for (const std::string& change : way.changes) {
-        folder.write("other", "x");
-        EXPECT_FALSE(chain.Read()) << way.path << " before " << change;
-        run(change);
-        EXPECT_TRUE(chain.Read()) << way.path << " after " << change;
-        chain.Watch();
-        chain.Read();
-      }
-      EXPECT_FALSE(chain.NeedsPolling());
-      fs::current_path("/");
-      for (const auto& entry : fs::directory_iterator(folder.path())) fs::remove_all(entry);
-    }
-  }
-}
 
 }  // namespace

@@ -9,6 +9,9 @@
 #include "support.h"
 #include "utility.h"
 
+// Apart from the event stream's class of this name, which is linked to the same tests.
+namespace {
+
 class Reader {
  public:
   static constexpr int64_t kFolder = -1;
@@ -60,3 +63,5 @@ class Reader {
 
   std::string root_;
 };
+
+}  // namespace

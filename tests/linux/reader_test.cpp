@@ -1,0 +1,175 @@
+// The reader, the root and the way to it, stepped by hand: no thread and no clock.
+#include "Reader.h"
+
+#include "layer.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Commands:
+//   step     takes one step
+//   cut      takes one, another when the latency has passed, and ends the delivery if that has
+//            given a batch
+//   deliver  the same, but the callback is still running
+//   end      ends the delivery
+class ReaderTest : public ScriptTest {
+ protected:
+  static constexpr milliseconds kLatency{100};
+
+  // Runs the commands and starts a reader for the path, which may be relative to the folder.
+  void start(const std::string& before, const std::string& path, bool isRelative = false) {
+    run(before);
+    if (isRelative) std::filesystem::current_path(folder.path());
+    reader.emplace(isRelative ? path : folder / path, kLatency);
+    reader->Watch(now);
+    reader->Start({.tv_sec = INT_MAX, .tv_nsec = 0});
+  }
+
+  // Whether a batch came, which is noted.
+  bool step(Latency::Duration time = {}) {
+    const auto batch = reader->Step(now += time);
+    if (batch) note(batch->folders);
+    return batch.has_value();
+  }
+
+  void act(const std::string& command) override {
+    if (command == "end") return reader->EndDelivery();
+    EXPECT_FALSE(step());
+    if (command == "step" || !step(kLatency) || command == "deliver") return;
+    reader->EndDelivery();
+    EXPECT_FALSE(step());
+  }
+
+  std::optional<Reader> reader;
+  Reader::Time now{};
+};
+
+TEST_F(ReaderTest, CountsTheLatencyFromTheFirstChangeAndDeliversOneBatchAtATime) {
+  start("mkdir t/a; touch t/f", "t");
+  EXPECT_FALSE(step(kLatency) || reader->NextWake());
+  run("write t/f; step");
+  EXPECT_TRUE(reader->IsGathering());
+  EXPECT_EQ(reader->NextWake(), now + kLatency);
+  run("write t/a/f");
+  EXPECT_FALSE(step(kLatency - milliseconds(1)));
+  EXPECT_TRUE(step(milliseconds(1)));
+  run("write t/a/f");
+  EXPECT_FALSE(step() || step(10 * kLatency) || reader->NextWake()) << "a callback is running";
+  run("end");
+  EXPECT_TRUE(step());
+  EXPECT_EQ(named, "t/a/ t/ | t/a/");
+}
+
+TEST_F(ReaderTest, WaitsForTheSecondHalfOfAMove) {
+  start("mkdir t/a; mkdir t/b; touch t/a/f", "t");
+  run("mv t/a/f t/b/f");
+  queue = {.size = kOneEvent, .reads = 1};
+  EXPECT_FALSE(step() || step(kLatency));
+  EXPECT_EQ(reader->NextWake(), now + milliseconds(2));
+  queue = {};
+  EXPECT_TRUE(step(milliseconds(1)));
+  run("end; step; mv t/b/f g; step");
+  EXPECT_FALSE(step(kLatency));
+  EXPECT_TRUE(step(milliseconds(2))) << "there is none";
+  EXPECT_EQ(named, "t/b/ t/a/ | t/b/");
+}
+
+TEST_F(ReaderTest, VisitsFoldersWithoutAWatchAtItsWakingTimes) {
+  bool isRefused = true;
+  beforeCall = [&](const std::string& call) {
+    return isRefused && call.starts_with("watch " + folder / "t/a") ? ENOSPC : 0;
+  };
+  start("mkdir t/a/b; mkdir t/d", "t");
+  EXPECT_FALSE(step());
+  run("touch t/a/b/f");
+  int steps = 0;
+  for (const auto end = now + std::chrono::seconds(25);
+       reader->NextWake() && *reader->NextWake() < end; ++steps) {
+    if (step(std::max(*reader->NextWake() - now, Latency::Duration()))) run("end; step");
+    isRefused = named.empty();
+  }
+  EXPECT_EQ(named, "t/a/b/ t/a/b/");
+  EXPECT_LT(steps, 20);
+  expectEveryFolderWatched(reader->tree(), folder / "t");
+}
+
+// Each of the changes is one change of the root; a "+" before it says that there is a root then.
+struct RootCase {
+  std::string before, path;
+  std::vector<std::string> changes;
+
+  friend void PrintTo(const RootCase& test, std::ostream* out) {
+    *out << test.path;
+    for (const std::string& change : test.changes) *out << "; " << change;
+  }
+};
+
+class RootCases : public ReaderTest,
+                  public testing::WithParamInterface<std::tuple<RootCase, bool>> {};
+
+TEST_P(RootCases, AreOneEventEachAndTheNewRootIsWatched) {
+  const auto& [before, path, changes] = std::get<RootCase>(GetParam());
+  start("mkdir outside; link x to-x; link y to-y; " + before, path, std::get<bool>(GetParam()));
+  std::string expected;
+  for (const std::string& change : changes) {
+    run("write other; step");
+    EXPECT_FALSE(reader->NextWake()) << "before " << change;
+    const bool isThere = change.front() == '+';
+    run(change.substr(isThere ? 1 : 0) + "; cut");
+    if (isThere) run("write " + path + "/a/f; cut");
+    expected += path + (isThere ? "? | " + path + "/a/ | " : "? | ");
+  }
+  EXPECT_EQ(named + " | ", expected);
+  std::filesystem::current_path("/");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Root, RootCases,
+    testing::Combine(
+        testing::Values(
+            RootCase{"mkdir t/a", "t", {"rm t", "+mkdir t/a", "mv t u", "+mv u t"}},
+            RootCase{"mkdir t/a; mkdir u/a", "t", {"mv t v", "+mv u t", "mv t outside/t"}},
+            RootCase{
+                "", "p/q/t", {"+mkdir p/q/t/a", "rm p", "+mkdir p/q/t/a", "mv p z", "+mv z p"}},
+            RootCase{"mkdir p; mkdir z/t/a", "p/q/t", {"+mv z p/q", "rm p/q", "+mkdir p/q/t/a"}},
+            RootCase{
+                "mkdir x/t/a; mkdir y/t/a", "to-x/t", {"+mv to-y to-x", "rm y", "+mkdir y/t/a"}},
+            RootCase{"mkdir x/a; mkdir y/a", "to-x", {"+mv to-y to-x", "rm to-x", "+mkdir to-x/a"}},
+            RootCase{
+                "mkdir x/y; mkdir t/a; link x/y l", "l/../../t", {"mv t u", "+mv u t", "mv x z"}},
+            RootCase{"link m l; link l m", "l/t", {"+rm m; mkdir m/t/a", "rm l"}}),
+        testing::Bool()));
+
+TEST_F(ReaderTest, RootIsTheSameAgainOrTakesWhatWasPendingWithIt) {
+  start("mkdir p/t/a", "p/t");
+  run("mv p z; mv z p; mv p/t z; mkdir z/a/b/c; step");  // looked for where the root is not
+  run("mv z p/t; touch p/t/a/f; cut; touch p/t/a/b/c/f; cut; touch p/t/a/g; rm p; cut");
+  EXPECT_EQ(named, "p/t/a/ p/t/a/b/ p/t/a/b/ p/t/a/b/c/ p/t/a/b/c/ | p/t/a/b/c/ | p/t?");
+}
+
+TEST_F(ReaderTest, RootIsNamedWhereACallbackPossiblyMissedIt) {
+  start("mkdir t/a", "t");
+  for (const std::string seen : {"step; ", ""}) {
+    run("write t/a/f; deliver; mv t z; " + seen + "mv z t; end; cut");
+  }
+  EXPECT_EQ(named, "t/a/ | t/ | t/a/ | t/");
+}
+
+// Where the way to the root cannot be watched, it is looked at every second; the root's own watch
+// is quicker.
+TEST_F(ReaderTest, RootIsLookedForWithoutAWatchAboveIt) {
+  beforeCall = [&](const std::string& call) {
+    return call == "watch " + folder.path() ? ENOSPC : 0;
+  };
+  start("mkdir t/a", "t");
+  run("rm t; cut");
+  EXPECT_EQ(named, "t?");
+  run("mkdir t/a");
+  EXPECT_FALSE(step() || step(kLatency));
+  now = reader->NextWake().value_or(now);
+  run("cut");
+  EXPECT_EQ(named, "t? | t?");
+}
+
+}  // namespace
