@@ -11,14 +11,12 @@
 
 #include "StreamExtension.h"
 #include "WatchTable.h"
-#include "reader.h"
 #include "watcher_test.h"
 
 namespace {
 
-std::function<void()> beforeOpening;
-bool isInCallback = false;
-std::vector<NamedFolder> cut;  // the batch that is being delivered
+std::function<void()> beforeOpening;  // a folder
+std::vector<NamedFolder> cut;         // the batch that is being delivered
 int readByNames = 0;
 
 // Environment variable RACE_SEEDS: how many seeds to try.
@@ -32,7 +30,6 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
   using Entries = Reader::Entries;
 
   ~RaceTest() override {
-    beforeOpening = nullptr;
     for (size_t i = 0; i < 3; ++i) folder.tryToRun("rm " + outside(i));
   }
 
@@ -58,21 +55,16 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     }
   }
 
-  static int64_t asEntry(const FSResource& resource) {
-    return resource.isFolder ? Reader::kFolder : resource.modified.tv_sec;
-  }
-
-  // What is there now. A write through another name of a file is not told for this one, so of files
-  // that have or had several, the second is the reader's.
+  // What is there now. A write through another name of a file is not reported for this one, so of
+  // files that have or had several, the second is the reader's.
   Entries disk() const {
     Entries found;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
       const FSResourcePtr now = FSTree::GetResource(entry.path());
-      const std::string path = shortened(entry.path().string());
-      const auto told = reader.entries.find(path);
+      const auto known = reader.entries.find(now->path);
       const bool isLinked = linked.contains({now->inode, now->generation});
-      const bool isFile = told != reader.entries.end() && told->second != Reader::kFolder;
-      found[path] = isLinked && isFile ? told->second : asEntry(*now);
+      const bool isFile = known != reader.entries.end() && known->second != Reader::kFolder;
+      found[now->path] = isLinked && isFile ? known->second : Reader::kept(*now);
     }
     return found;
   }
@@ -82,8 +74,8 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     Entries found;
     for (const auto& [key, ignored] : tree().snapshot) {
       for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
-        const std::string path = shortened(entry->path);
-        if (!found.emplace(path, asEntry(*entry)).second) found["twice: " + path] = 0;
+        const bool isNew = found.emplace(entry->path, Reader::kept(*entry)).second;
+        if (!isNew) found["twice: " + entry->path] = 0;
       }
     }
     return found;
@@ -108,14 +100,16 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
     table.Read();
     Texts paths;
     cut = table.Cut();
-    for (const NamedFolder& named : cut) paths.push_back(named.path);
-    for (const std::string& path : paths) batches += " " + shortened(path);
+    for (const NamedFolder& named : cut) {
+      paths.push_back(named.path);
+      batches += " " + shortened(named.path);
+    }
     batches += ";";
     table.BeginDelivery();
-    isInCallback = true;
+    beforeOpening = disturb;
     for (const std::string& record : batch(paths)) seen += record + "; ";
-    isInCallback = false;
-    for (const std::string& line : lines) reader.follow(line);
+    beforeOpening = nullptr;
+    for (const std::string& line : lines) reader.follow(Record(line));
     table.Read();
     table.EndDelivery();
   }
@@ -133,6 +127,7 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
 
   Root root{folder.path()};
   WatchTable table{root};
+  std::function<void()> disturb;
   std::mt19937 random;
   Reader reader;
   std::set<std::pair<uint64_t, uint64_t>> linked;  // files that have or had several names
@@ -153,14 +148,13 @@ bool namesOfCut(ConstFSEventStreamRef /*stream*/, size_t event, FSNames& names) 
 INSTANTIATE_TEST_SUITE_P(Seed, RaceTest, testing::Range(1, seeds() + 1));
 INSTANTIATE_TEST_SUITE_P(OnceWrong, RaceTest, testing::Values(48));
 
-TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
+TEST_P(RaceTest, TheReadersPictureIsTheDiskWhateverHappensDuringACallback) {
   random.seed(static_cast<unsigned>(GetParam()));
   const bool areNamesUsed = GetParam() % 2 == 0;
   FSEventWatcher::sNamesBehind = areNamesUsed ? namesOfCut : namesBehind;
   readByNames = 0;
   tree().fewestForNames = 0;
   watch();
-  reader = Reader(_path);
   table.WatchRoot(folder.path(), OpenFolder(folder.path()));
   int injected = 0;
   for (int round = 1; round <= 1000; ++round) {
@@ -168,7 +162,7 @@ TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
     for (auto count = random() % 8; count > 0; --count) change();
     const unsigned often = static_cast<unsigned>(round) % 4;  // one in so many squared; 0 for none
     auto most = random() % 30;
-    beforeOpening = [&] {
+    disturb = [&] {
       if (often == 0 || most == 0 || random() % (often * often) != 0) return;
       --most;
       ++injected;
@@ -185,6 +179,8 @@ TEST_P(RaceTest, AReaderHasThePictureOfTheDiskWhateverHappensDuringACallback) {
       const auto [saved, current] = files();
       ASSERT_EQ(saved, current) << state(round);
     }
+    expectNothingInDoubt();
+    ASSERT_FALSE(HasFailure()) << state(round);
   }
   EXPECT_GT(injected, 500);
   EXPECT_EQ(readByNames > 500, areNamesUsed);
@@ -196,7 +192,7 @@ extern "C" {
 int __real_openat(int folder, const char* path, int flags, ...);
 
 int __wrap_openat(int folder, const char* path, int flags, ...) {
-  if (beforeOpening && isInCallback && (flags & O_DIRECTORY) != 0) beforeOpening();
+  if (beforeOpening && (flags & O_DIRECTORY) != 0) beforeOpening();
   return __real_openat(folder, path, flags);
 }
 }

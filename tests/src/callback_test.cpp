@@ -6,22 +6,19 @@
 namespace {
 
 // What happens to a folder that holds A with the file f, and B, step by step: the changes on the
-// disk, the batch that tells of them, and the records that come of it.
+// disk, the batch of events that name folders, and the records. "-" stands for none.
 const char* const kStories[] = {
     "nothing: touch A 5 | A/ B/ / none/ | -",
-    "rename: mv A/f A/h | A/ | rename file A/f -> A/h || - | A/ A/ | -",
-    "change: touch A/f 2 | A/ | change file A/f || touch A/f 2 | A/ | -",
-    "goneAndNew: rm A/f; touch A/k | A/ | delete file A/f || - | A/ | create file A/k",
-    "goneAndNewAtOnce: rm A/f; touch A/k | A/ A/ | delete file A/f; create file A/k",
+    "file: mv A/f A/h | A/ | rename file A/f -> A/h || - | A/ A/ | - || "
+    "touch A/h 2 | A/ | change file A/h || touch A/h 2 | A/ | -",
+    "goneAndNew: rm A/f; touch A/k | A/ | delete file A/f || - | A/ | create file A/k || "
+    "rm A/k; touch A/l | A/ A/ | delete file A/k; create file A/l",
     "goneFolder: rm A | A/ / | delete folder A || - | A/ | -",
     "goneFolderLast: rm A | / A/ | delete file A/f; delete folder A",
-    "newFolder: mkdir N; touch N/x | N/ / | create folder N; create file N/x || - | N/ / | -",
+    "newFolders: mkdir N/M; touch N/M/x | N/ / | "
+    "create folder N; create folder N/M; create file N/M/x || - | N/M/ N/ / | -",
     "newFolderLast: mkdir N; touch N/x | / N/ | "
     "create file N/x; create folder N; create file N/x",
-    "newFolders: mkdir N/M; touch N/M/x | / | "
-    "create folder N; create folder N/M; create file N/M/x",
-    "move: mv A/f B/f | A/ B/ | rename file A/f -> B/f",
-    "moveSourceFirst: mv A/f B/f | B/ A/ | rename file A/f -> B/f",
     "moveOfAWrittenFile: mv A/f B/f; touch B/f 9 | A/ B/ | "
     "rename file A/f -> B/f; change file B/f || "
     "mv B/f A/f; touch A/f 8 | A/ B/ | rename file B/f -> A/f; change file A/f",
@@ -36,23 +33,26 @@ const char* const kStories[] = {
     "rename folder B -> Z; rename file A/f -> Z/f",
     "folderMove: mv A B/C; rm B/C/f; touch B/C/k | B/ / | rename folder A -> B/C || - "
     "| B/C/ B/C/ | delete file B/C/f; create file B/C/k",
+    "folderMoveNamedAtItsOldPlace: mv A B/C | / A/ B/ | "
+    "delete file A/f; rename folder A -> B/C; create file B/C/f",
+    "folderMoveNamedAtItsNewPlace: mv A B/C; rm B/C/f | / B/C/ B/ | "
+    "rename folder A -> B/C; delete file B/C/f",
     "folderRename: mv A C; rm C/f | / | rename folder A -> C || - | C/ A/ | delete file C/f",
     "chain: touch A/g 1 | A/ | create file A/g || "
     "mv A/f B/x; mv A/g A/f | A/ B/ | create file B/x; rename file A/g -> A/f",
     "folderChain: mv A C; mv B A | / / | rename folder A -> C; rename folder B -> A || - | A/ C/ | "
     "-",
     "swap: touch A/g 2 | A/ | create file A/g || "
-    "mv A/f t; mv A/g A/f; mv t A/g | A/ A/ | change file A/f; change file A/g",
-    "folderSwap: mv A t; mv B A; mv t B | A/ B/ / | rename file A/f -> B/f || "
-    "mv A C | / | rename folder A -> C",
+    "swap A/f A/g | A/ A/ | change file A/f; change file A/g",
+    "folderSwap: swap A B | A/ B/ / | rename file A/f -> B/f || mv A C | / | rename folder A -> C",
+    "fileAndFolderSwap: touch g | / | create file g || swap A g | / / | "
+    "delete file g; rename folder A -> g; create file A",
     "severalNames: ln A/f A/h; ln A/f B/h | A/ B/ | create file B/h; create file A/h || "
     "rm A/f; rm B/h | A/ B/ | delete file B/h; delete file A/f || "
     "ln A/h B/x; rm A/h | A/ B/ | rename file A/h -> B/x",
     "ontoExistingName: touch A/g | A/ | create file A/g || "
     "mv A/f A/g | A/ A/ | rename file A/f -> A/g || touch A/f | A/ | create file A/f",
     "ontoExistingFolder: mkdir C | / | create folder C || "
-    "mv A C | / / | delete folder C; rename folder A -> C",
-    "ontoExistingFolderBesideOthers: mkdir C | / | create folder C || "
     "mv A C; touch p; touch q; rm p; rm q; mkdir N/M | / / | "
     "delete folder C; rename folder A -> C; create folder N; create folder N/M",
     "ontoMovedName: touch A/g 2 | A/ | create file A/g || "
@@ -60,19 +60,38 @@ const char* const kStories[] = {
     "rename file A/g -> A/h; rename file A/f -> A/g; create file A/f",
     "ontoNameOfAMovedFile: touch g | / | create file g || "
     "mv g h; mv A g | / / | rename file g -> h; rename folder A -> g",
-    "fileAndFolderSwap: touch g | / | create file g || mv A t; mv g A; mv t g | / / | "
-    "delete file g; rename folder A -> g; create file A",
     "replacedInItsSecond: touch o 1; mv o A/f | A/ | - || mv A/f A/h | A/ | "
     "rename file A/f -> A/h",
     "otherKind: rm A; touch A | A/ / | delete folder A; create file A || "
     "rm A; mkdir A; touch A/f | / | delete file A; create folder A; create file A/f",
     "outOfGoneIntoNewFolder: mkdir N; mv A/f N/f; rm A | N/ / / A/ | "
     "delete file A/f; delete folder A; create folder N; create file N/f",
-    "folderMoveNamedAtItsOldPlace: mv A B/C | / A/ B/ | "
-    "delete file A/f; rename folder A -> B/C; create file B/C/f",
-    "folderMoveNamedAtItsNewPlace: mv A B/C; rm B/C/f | / B/C/ B/ | "
-    "rename folder A -> B/C; delete file B/C/f",
-    "refused: touch A/f 2 | /var/A/ | -",
+};
+
+// What happens while a batch is compared: before it; step by step the changes, each followed by the
+// comparison of a folder; the records; then another batch and its records.
+const char* const kRaces[] = {
+    "cameAndWent: - | mv A/f B/t > B/, mv B/t A/f > B/, - > A/ | "
+    "create file B/t; delete file B/t | none/ | -",
+    "movesTwice: - | mv A/f B/t > B/, - > A/, mv B/t B/u > B/ | "
+    "rename file A/f -> B/t; rename file B/t -> B/u | none/ | -",
+    "folderMovesTwice: - | mv A B/O > B/, - > /, mv B/O B/P; rm B/P/f > B/ | "
+    "rename folder A -> B/O; rename folder B/O -> B/P | B/P/ | delete file B/P/f",
+    "newFolderMoves: - | mkdir N > /, mkdir N/M; mv N O > / | "
+    "create folder N; rename folder N -> O | none/ | create folder O/M",
+    "newFolderGoes: - | mkdir N; touch N/x > N/, rm N > / | create file N/x | none/ | "
+    "delete file N/x",
+    "comparedFolderMoves: - | touch A/f 5 > A/, mv A Z > /, - > Z/ | "
+    "change file A/f; rename folder A -> Z | none/ | -",
+    "movedFolderMovesWithTheOneAbove: mkdir A/s; touch A/s/x | "
+    "mv A/s A/t > A/, mv A Z > /, rm Z/t/x > Z/t/ | "
+    "rename folder A/s -> A/t; rename folder A -> Z; delete file Z/t/x | none/ | -",
+    "comparedFolderIsReplaced: - | - > A/, mv A t; mv B A; touch A/n > / | "
+    "rename folder A -> t; rename folder B -> A | none/ | create file A/n",
+    "replaced: - | swap A B > / | - | none/ | rename file A/f -> B/f",
+    "replacedAfterItsComparison: - | - > A/, swap A B > / | - | none/ | rename file A/f -> B/f",
+    "goesBelowItself: rm A/f; mkdir i | mv A j; mv B j/B; mv j B > B/, - > / | "
+    "create folder B/B; delete folder B; rename folder A -> B | B/ | create folder B/B",
 };
 
 class CallbackTest : public WatcherTest {
@@ -82,77 +101,73 @@ class CallbackTest : public WatcherTest {
     watch();
   }
 
-  // The first pass of a batch during which the disk moves on: runs each command and then compares
-  // the folder.
-  Texts interleaved(const std::vector<std::pair<const char*, const char*>>& steps) {
-    FSTransit transit(tree());
-    for (const auto& [command, name] : steps) {
-      folder.run(command);
-      FSReconciliation(FSPaths::keyOf(folder / name), tree(), transit, changes()).Run();
-    }
-    FSChangeBatch(tree(), changes(), transit).Emit();
-    transit.Check();
-    return records();
+  void run(const std::string& commands) {
+    if (commands != "-") folder.run(commands);
+  }
+  static Texts texts(const std::string& records) {
+    return records == "-" ? Texts{} : pieces(records, "; ");
   }
 };
 
-class StoryTest : public CallbackTest, public testing::WithParamInterface<const char*> {};
-INSTANTIATE_TEST_SUITE_P(Of, StoryTest, testing::ValuesIn(kStories),
-                         [](const auto& story) { return Utility::split2(story.param, ':')[0]; });
+class StoryTest : public CallbackTest, public testing::WithParamInterface<const char*> {
+ protected:
+  const std::string story = std::string(GetParam()).substr(name(GetParam()).size() + 2);
 
-TEST_P(StoryTest, IsTold) {
-  const std::string story = GetParam();
-  for (const std::string& step : pieces(story.substr(story.find(": ") + 2), " || ")) {
+ public:
+  static std::string name(const std::string& story) { return story.substr(0, story.find(':')); }
+};
+class RaceStoryTest : public StoryTest {};
+const auto nameOf = [](const auto& story) { return StoryTest::name(story.param); };
+INSTANTIATE_TEST_SUITE_P(Of, StoryTest, testing::ValuesIn(kStories), nameOf);
+INSTANTIATE_TEST_SUITE_P(Of, RaceStoryTest, testing::ValuesIn(kRaces), nameOf);
+
+TEST_P(StoryTest, IsReported) {
+  for (const std::string& step : pieces(story, " || ")) {
     const Texts parts = pieces(step, " | ");
-    if (parts[0] != "-") folder.run(parts[0]);
-    EXPECT_EQ(batch(pieces(parts[1])), parts[2] == "-" ? Texts{} : pieces(parts[2], "; ")) << step;
+    run(parts[0]);
+    EXPECT_EQ(batch(pieces(parts[1])), texts(parts[2])) << step;
+    expectNothingInDoubt();
   }
 }
 
-TEST_F(CallbackTest, FollowsWhatMovesDuringABatch) {
-  EXPECT_EQ(interleaved({{"mv A/f B/t", "B/"}, {"mv B/t A/f", "B/"}, {"", "A/"}}),
-            (Texts{"create file B/t", "delete file B/t"}));
-  EXPECT_EQ(interleaved({{"mv A/f B/t", "B/"}, {"", "A/"}, {"mv B/t B/u", "B/"}}),
-            (Texts{"rename file A/f -> B/t", "rename file B/t -> B/u"}));
-  EXPECT_EQ(interleaved({{"mkdir N", ""}, {"mkdir N/M; mv N O", ""}}),
-            (Texts{"create folder N", "rename folder N -> O"}));
-  EXPECT_EQ(batch({}), Texts{});
-  EXPECT_EQ(batch({"B/"}), Texts{"create folder O/M"});
-  EXPECT_EQ(interleaved({{"mkdir N; touch N/x", "N/"}, {"rm N", ""}}), Texts{"create file N/x"});
-  EXPECT_EQ(batch({"B/"}), Texts{"delete file N/x"});
-  EXPECT_EQ(interleaved({{"mv O B/O", "B/"}, {"", ""}, {"mv B/O B/P; rm B/P/M", "B/"}}),
-            (Texts{"rename folder O -> B/O", "rename folder B/O -> B/P"}));
-  EXPECT_EQ(batch({"B/P/"}), Texts{"delete folder B/P/M"});
-}
-
-TEST_F(CallbackTest, PairsNoFolderWithOneBelowIt) {
-  folder.run("mkdir e; mkdir a");
-  batch({"/"});
-  EXPECT_EQ(interleaved({{"mv a i; mv e i/e; mv i e", "e/"}, {"", ""}}),
-            (Texts{"create folder e/e", "delete folder e", "rename folder a -> e"}));
-  EXPECT_EQ(batch({"e/"}), Texts{"create folder e/e"});
+TEST_P(RaceStoryTest, IsReported) {
+  const Texts parts = pieces(story, " | ");
+  run(parts[0]);
+  watch();
+  FSTransit transit(tree());
+  for (const std::string& step : pieces(parts[1], ", ")) {
+    const Texts both = pieces(step, " > ");
+    run(both[0]);
+    const std::string key = FSPaths::keyOf(folder / (both[1] == "/" ? "" : both[1]));
+    FSReconciliation(key, tree(), transit, changes()).Run();
+  }
+  FSChangeBatch(tree(), changes(), transit).Emit();
+  transit.Check();
+  EXPECT_EQ(records(), texts(parts[2]));
+  EXPECT_EQ(batch({parts[3]}), texts(parts[4]));
+  expectNothingInDoubt();
 }
 
 TEST_F(CallbackTest, GivesARenameTheAttributesOfItsEarlierHalf) {
-  folder.run("mv A/f B/f; touch B/f 2");
-  batch({"A/", "B/"});
-  EXPECT_NE(lines.at(0).find(" modified=\"2\""), std::string::npos) << lines[0];
-  folder.run("mv B/f A/f; touch A/f 3");
-  batch({"A/", "B/"});
-  EXPECT_NE(lines.at(0).find(" modified=\"2\""), std::string::npos) << lines[0];
+  for (const char* move : {"mv A/f B/f; touch B/f 2", "mv B/f A/f; touch A/f 3"}) {
+    folder.run(move);
+    batch({"A/", "B/"});
+    EXPECT_EQ(Record(lines.at(0)).modified, "2") << lines[0];
+  }
 }
 
-TEST_F(CallbackTest, TellsOfTheWatchedFolderItself) {
+TEST_F(CallbackTest, ReportsTheWatchedFolderItself) {
   const auto rootChanged = [&](FSEventStreamEventId id) {
     return batch({"/"}, kFSEventStreamEventFlagRootChanged, id);
   };
+  const auto hasOldInode = [&] { return lines[0].find("inode=\"42\"") != std::string::npos; };
   FSResource start = *_pathResource;
   start.inode = 42;
   _pathResource = std::make_shared<FSResource>(start);
   EXPECT_EQ(rootChanged(7), Texts{});
   std::filesystem::remove_all(folder.path());
   EXPECT_EQ(rootChanged(0), Texts{"rootdelete folder /"});
-  EXPECT_NE(lines[0].find("inode=\"42\""), std::string::npos) << lines[0];
+  EXPECT_TRUE(hasOldInode()) << lines[0];
   EXPECT_EQ(saved(), "");
   folder.run("mkdir .; touch g");
   _showAll = true;
@@ -160,7 +175,7 @@ TEST_F(CallbackTest, TellsOfTheWatchedFolderItself) {
     if (!isKnown) _pathResource = nullptr;
     EXPECT_EQ(rootChanged(0),
               (Texts{"rootcreate folder /", "scan begin", "sync file g", "scan complete"}));
-    EXPECT_EQ(lines[0].find("inode=\"42\"") != std::string::npos, isKnown) << lines[0];
+    EXPECT_EQ(hasOldInode(), isKnown) << lines[0];
     EXPECT_EQ(saved(), "/: g");
   }
   _showAll = false;

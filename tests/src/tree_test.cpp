@@ -11,7 +11,7 @@ FSResourcePtr entry(uint64_t inode, const std::string& path, bool isFolder = fal
 TEST(ResourceArray, LooksUpByTheNamedFieldOnly) {
   const FSResourceList list = {entry(1, "/a/b"), entry(1, "/a/b/c"), entry(3, "/a/b"),
                                entry(4, "/a/A")};
-  const FSResource b = *entry(3, "/a/b");
+  const FSResource b = *list[2];
   FSResourceArray array(list);
   EXPECT_EQ(array.IndexOfByPath(b), 0);
   EXPECT_EQ(array.IndexOfByINode(b), 2);
@@ -73,20 +73,17 @@ TEST_F(TreeTest, KeepsListsByFolder) {
   EXPECT_EQ(saved(), "/: /dd | /d-x: | /dd: /dd/b | /none/g:");
 }
 
-TEST_F(TreeTest, ScansWithEachPairOfFlags) {
+TEST_F(TreeTest, ListsAndReportsWhatItFinds) {
   folder.run("mkdir d; touch d/c.txt; touch x.tmp");
-  watch();
-  EXPECT_EQ(records(), Texts{});
-  EXPECT_EQ(scan(folder.path(), true, false), (Texts{"sync folder d", "sync file d/c.txt"}));
-  tree().ClearSnapshot();
-  EXPECT_EQ(scan(folder.path(), false, true), (Texts{"create folder d", "create file d/c.txt"}));
+  tree().InitWithPath(folder.path(), changes(), true);
+  EXPECT_EQ(records(), (Texts{"sync folder d", "sync file d/c.txt"}));
   tree().ClearSnapshot();
   EXPECT_EQ(scan(folder.path(), true, true),
             pieces("sync folder d; create folder d; sync file d/c.txt; create file d/c.txt", "; "));
   EXPECT_EQ(saved(), "/: d | d: d/c.txt");
 }
 
-TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
+TEST_F(TreeTest, ReportsFoldersThatCannotBeRead) {
   const auto errors = [](const std::string& name, int error) {
     return Texts{"error " + name, std::string("error ") + strerror(error)};
   };
@@ -112,7 +109,7 @@ TEST_F(TreeTest, SaysWhichFoldersCannotBeRead) {
   EXPECT_FALSE(tree().retries.Next());
 }
 
-TEST_F(TreeTest, KeepsWhatTheReaderKnowsWhenItReportsWhatIsNew) {
+TEST_F(TreeTest, KeepsWhatTheReaderHasWhenItReportsWhatIsNew) {
   folder.run("mkdir A/kind; touch A/gone; touch A/old; touch A/replaced 1; touch A/stays");
   watch();
   folder.run("rm A/gone; mv A/old A/name; rm A/kind; touch A/kind; mkdir A/new; touch A/new/x");

@@ -1,42 +1,57 @@
-// What a reader of the records keeps: the entries of the tree by path below the watched folder, by
-// the rules in docs/records.md.
+// The record lines as a program reads them.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
 
+#include "FSResource.h"
 #include "support.h"
 #include "utility.h"
+
+// A record line, not encoded, in its parts. A line of another tag has an action or a path at most.
+struct Record {
+  explicit Record(const std::string& line) : tag(line.substr(1, line.find_first_of(" >") - 1)) {
+    const Texts parts = Utility::split2(line, '"');
+    const size_t start = line.find('>') + 1;
+    path = line.substr(start, line.rfind("</") - start);
+    if (parts.size() > 1) action = parts[1];
+    if (action == "rename") oldPath = parts[5];
+    if (parts.size() > 5) modified = parts[action == "rename" ? 7 : 5];
+  }
+
+  std::string tag, action, oldPath, path, modified;
+};
 
 // Apart from the event stream's class of this name, which is linked to the same tests.
 namespace {
 
+// The picture that a reader keeps by the rules in docs/records.md: the entries by path.
 class Reader {
  public:
   static constexpr int64_t kFolder = -1;
   using Entries =
       std::map<std::string, int64_t>;  // the second of a file's modification, or kFolder
 
-  explicit Reader(std::string root = "") : root_(std::move(root)) {}
+  // How an entry is kept.
+  static int64_t kept(const FSResource& entry) {
+    return entry.isFolder ? kFolder : entry.modified.tv_sec;
+  }
 
-  // Applies a whole record line, not encoded.
-  void follow(const std::string& line) {
-    const Texts parts = Utility::split2(line, '"');
-    if (parts.size() < 6) return;  // no record of an entry
-    const bool isFolder = line.starts_with("<folder"), isRename = parts[1] == "rename";
-    const std::string name = below(line.substr(line.find('>') + 1)), old = below(parts[5]);
-    const int64_t entry = isFolder ? kFolder : std::stoll(parts[isRename ? 7 : 5]);
-    if (parts[1] == "create" && isFolder && has(name, true)) return;
+  void follow(const Record& record) {
+    const bool isFolder = record.tag == "folder", isRename = record.action == "rename";
+    const std::string &path = record.path, &old = record.oldPath;
+    if (!isFolder && record.tag != "file") return;
+    if (record.action == "create" && isFolder && has(path, true)) return;
     Entries moved;
     if (isRename && has(old, true)) {
-      for (const auto& [path, kept] : entries) {
-        if (path.starts_with(old + "/")) moved[name + path.substr(old.size())] = kept;
+      for (const auto& [below, entry] : entries) {
+        if (below.starts_with(old + "/")) moved[path + below.substr(old.size())] = entry;
       }
     }
     if (isRename) drop(old);
-    if (parts[1] != "change") drop(name);
-    if (parts[1] != "delete") entries[name] = entry;
+    if (record.action != "change") drop(path);
+    if (record.action != "delete") entries[path] = isFolder ? kFolder : std::stoll(record.modified);
     entries.merge(moved);
   }
 
@@ -55,13 +70,6 @@ class Reader {
       return entry.first == path || (isFolder && entry.first.starts_with(path + "/"));
     });
   }
-
-  std::string below(const std::string& text) const {
-    const std::string path = text.substr(0, text.rfind("</"));
-    return path.starts_with(root_ + "/") ? path.substr(root_.size() + 1) : path;
-  }
-
-  std::string root_;
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -69,22 +70,12 @@ class TempFolder {
     check((std::ofstream(*this / name, std::ios::app) << content << std::flush).good(), name);
   }
 
-  static timespec asTime(double seconds) {
-    const auto whole = static_cast<time_t>(seconds);
-    return {whole, static_cast<long>((seconds - static_cast<double>(whole)) * 1e9)};
-  }
-
-  // Sets the time of the last modification, since 1970.
-  void setModified(const std::string& name, timespec time) const {
-    const timespec times[] = {time, time};
-    check(utimensat(AT_FDCWD, (*this / name).c_str(), times, 0) == 0, name);
-  }
-
   // Runs commands with a "; " between them:
   //   mkdir FOLDER            with the folders above it
   //   touch NAME [SECONDS]    makes a file when nothing is there; sets its time of modification,
   //                           a fraction of a second included
   //   mv OLD NEW              replaces NEW as rename(2) does
+  //   swap ONE OTHER          exchanges two names
   //   ln FILE NAME            gives the file another name
   //   rm NAME                 with all below it
   void run(const std::string& commands) const {
@@ -96,7 +87,13 @@ class TempFolder {
         std::filesystem::create_directories(one);
       } else if (words[0] == "touch") {
         if (!std::filesystem::exists(one)) write(words[1], "");
-        if (!words[2].empty()) setModified(words[1], asTime(std::stod(words[2])));
+        if (words[2].empty()) continue;
+        const double seconds = std::stod(words[2]), whole = std::floor(seconds);
+        const timespec time = {static_cast<time_t>(whole), std::lround((seconds - whole) * 1e9)};
+        const timespec times[] = {time, time};
+        check(utimensat(AT_FDCWD, one.c_str(), times, 0) == 0, one);
+      } else if (words[0] == "swap") {
+        check(swap(words[1], words[2]), command);
       } else if (words[0] == "mv") {
         std::filesystem::rename(one, two);
       } else if (words[0] == "ln") {

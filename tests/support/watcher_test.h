@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "FSEventWatcher.h"
+#include "reader.h"
 #include "support.h"
 
 class WatcherTest : public testing::Test {
@@ -47,13 +48,12 @@ class WatcherTest : public testing::Test {
   std::string saved(bool sort = false) const {
     std::string text;
     for (const auto& [key, ignored] : tree().snapshot) {
-      Texts names;
-      for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
-        names.push_back(" " + entry->path);
-      }
-      if (sort) std::sort(names.begin(), names.end());
       text += (text.empty() ? "" : " | ") + key + ":";
-      for (const std::string& name : names) text += name;
+      Texts names;
+      for (const auto& entry : tree().GetSavedResourceList2(key).items)
+        names.push_back(entry->path);
+      if (sort) std::sort(names.begin(), names.end());
+      for (const std::string& name : names) text += " " + name;
     }
     return shortened(text);
   }
@@ -66,14 +66,17 @@ class WatcherTest : public testing::Test {
       text.replace(at, folder.path().size() + isBelow, isBelow ? "" : "/");
     }
     if (text[0] != '<') return text;
-    const Texts parts = Utility::split2(text, '"');
-    const std::string tag = text.substr(1, text.find_first_of(" >") - 1);
-    const std::string action = parts.size() > 1 ? parts[1] : "";
-    const std::string old = text.find(" oldValue=") == text.npos ? "" : parts[5] + " -> ";
-    const size_t start = text.find('>') + 1;
-    const std::string content = text.substr(start, text.rfind('<') - start);
-    if (tag != "file" && tag != "folder") return tag + " " + action + content;
-    return action + " " + tag + " " + old + content;
+    const Record record(text);
+    const std::string old = record.oldPath.empty() ? "" : record.oldPath + " -> ";
+    const bool isEntry = record.tag == "file" || record.tag == "folder";
+    return isEntry ? record.action + " " + record.tag + " " + old + record.path
+                   : record.tag + " " + record.action + record.path;
+  }
+
+  // Once all is at rest. What is in doubt is compared again with every batch.
+  void expectNothingInDoubt() {
+    EXPECT_TRUE(tree().doubt.empty()) << *tree().doubt.begin();
+    for (const auto& [key, ignored] : tree().snapshot) EXPECT_FALSE(tree().IsUnknown(key)) << key;
   }
 
   static FSTree& tree() { return *FSEventWatcher::sTree; }
