@@ -23,7 +23,7 @@ class Backoff {
     if (isNew) due_.emplace(at->second.first, &at->first);
   }
 
-  // Has succeeded, or is of no interest any more.
+  // It has succeeded, or is not to be tried again.
   void Remove(const Key& key) {
     const auto at = tries_.find(key);
     if (at == tries_.end()) return;
@@ -46,7 +46,7 @@ class Backoff {
     return due_.begin()->first;
   }
 
-  // The key whose turn it is by now, if any. Unless it is removed, it has another turn later.
+  // The key whose turn has come, if any. Unless it is removed, it has another turn later.
   std::optional<Key> Take(Time now) {
     if (due_.empty() || due_.begin()->first > now) return std::nullopt;
     const Key* const key = due_.begin()->second;

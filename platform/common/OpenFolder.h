@@ -17,8 +17,8 @@
 enum class Failure : uint8_t {
   none,
   absent,   // nothing of this name is there, or something that is no folder
-  denied,   // for want of permission
-  passing,  // for want of descriptors or memory, or by a fault of the device or the network: this
+  denied,   // no permission
+  passing,  // no descriptor or memory was left, or by a fault of the device or the network: this
             // says nothing about what is there, and has to be tried again
 };
 
@@ -39,8 +39,8 @@ inline Failure failureOf(int error) {
   }
 }
 
-// One descriptor is held in reserve and given up to the opening that finds none left, so that want
-// of descriptors slows the program down and does not stop it. Any thread.
+// One descriptor is held in reserve and given up to the opening that finds none left, so that a
+// lack of descriptors slows the program down and does not stop it. Any thread.
 class ReserveDescriptor {
  public:
   // Frees the descriptor for one opening; false when it is in use already.

@@ -105,7 +105,7 @@ struct __FSEventStream {
   Reader::Batch batch_ GUARDED_BY(lock_);       // from HandOver until Deliver
   bool isDelivered_ GUARDED_BY(lock_) = false;  // the callback has returned; until TakeReports
   std::vector<std::string> again_ GUARDED_BY(lock_);  // paths to name; until TakeReports
-  std::exception_ptr failure_ GUARDED_BY(lock_);  // what ended the thread, such as want of memory
+  std::exception_ptr failure_ GUARDED_BY(lock_);      // what ended the thread
 
   // The run loop's thread only.
   FSEventStreamEventId lastId_ = 0;

@@ -42,7 +42,7 @@ std::optional<bool> readIsOverlay(int folder, const char* name) {
 }
 
 // Whether the file is on an overlay file system, where its first change gives it another time of
-// birth. Asked once for each file system, which `key` stands for.
+// birth. Asked once for each file system, which `key` identifies.
 std::optional<bool> isOnOverlay(int folder, const char* name, uint64_t key) {
   thread_local std::unordered_map<uint64_t, bool> known;
   thread_local std::pair<uint64_t, bool> last{0, false};
@@ -58,7 +58,7 @@ std::optional<bool> isOnOverlay(int folder, const char* name, uint64_t key) {
 }
 
 // A number made of the file's handle: 0 where the file system has none. Nothing when it cannot be
-// read; errno then tells why.
+// read; errno then says why.
 std::optional<uint64_t> readHandle(int folder, const char* name) {
   union {
     struct file_handle handle;
@@ -88,7 +88,7 @@ std::optional<uint64_t> readHandle(int folder, const char* name) {
 }
 
 // What the file has that no other file with its inode number has or had, as a number; 0 where the
-// file system keeps no such thing. Nothing when it cannot be read; errno then tells why.
+// file system keeps no such thing. Nothing when it cannot be read; errno then says why.
 std::optional<uint64_t> readMark(int folder, const char* name, const struct statx& status,
                                  uint64_t fileSystem) {
   if ((status.stx_mask & STATX_BTIME) != 0) {

@@ -18,5 +18,5 @@ struct FileStatus {
 
 // Reads the status of `name` relative to the open folder `folder` (AT_FDCWD: to the working
 // directory), or that of the folder itself where the name is empty. Links are not followed. Nothing
-// when it cannot be read; errno then tells why. Any thread.
+// when it cannot be read; errno then says why. Any thread.
 std::optional<FileStatus> readStatus(int folder, const char* name);

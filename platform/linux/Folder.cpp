@@ -14,7 +14,7 @@
 
 namespace {
 
-// Nothing when it cannot be told.
+// Nothing when that cannot be found out.
 std::optional<bool> isFolder(int parent, const dirent64& entry) {
   if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
   struct stat status;
@@ -31,7 +31,7 @@ bool eachEntryFromTheStart(const OpenFolder& folder, Visit visit) {
   return eachEntry(folder.number(), visit);
 }
 
-// An empty name stands for the folder itself. A time without nanoseconds is taken for one kept in
+// An empty name is the folder itself. A time without nanoseconds is taken for one kept in
 // steps of up to two seconds.
 bool isChangedSince(int folder, const char* name, const timespec& since) {
   struct stat status;
@@ -73,7 +73,7 @@ FolderChange changedSince(const OpenFolder& folder, const timespec& since) {
   FolderChange change;
   change.hasOtherEntries = isChangedSince(folder.number(), "", since);
   eachEntryFromTheStart(folder, [&](const dirent64& entry) {
-    // A subfolder's times move with what happens in it, which is not this folder's affair.
+    // A subfolder's times move with what happens in it, which is not counted for this folder.
     if (change.hasWrittenEntries || isFolder(folder.number(), entry).value_or(true)) return;
     change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
   });

@@ -1,6 +1,6 @@
 // A folder on the disk as the event stream sees it: its identity, its subfolders, and whether
 // anything in it has changed. All of these take an open folder, so that the answer is that folder's
-// whatever its path is by now. Any thread.
+// wherever its path leads meanwhile. Any thread.
 #pragma once
 
 #include <ctime>

@@ -42,7 +42,7 @@ struct KnownFolder {
   // The names behind the marks; null where they are not known, or are too many, or there are no
   // marks. Enters with the first mark, and leaves with the marks or when one has no name.
   std::unique_ptr<std::unordered_set<std::string>> names;
-  bool isUnreadable = false;  // for want of permission
+  bool isUnreadable = false;  // no permission to open it
   bool isUnlisted = false;    // could not be opened or listed, by a failure that passes
 };
 

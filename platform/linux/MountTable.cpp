@@ -11,7 +11,8 @@
 
 namespace {
 
-// In the table, space, tab, newline and backslash stand as a backslash and three octal digits.
+// In the table, space, tab, newline and backslash are written as a backslash and three octal
+// digits.
 std::string unescaped(const std::string& text) {
   std::string plain;
   for (size_t i = 0; i < text.size(); ++i) {

@@ -175,7 +175,7 @@ void WatchTable::ApplyTo(Folder& folder, const Event& event) {
   }
 }
 
-// A folder that was moved here from outside the tree, or so it seems, may be one that the reader
+// A folder that was moved here from outside the tree, or so it seems, may be one that the callback
 // knows, of which nothing is left.
 void WatchTable::NoteComer(const Folder& parent, const std::string& name) {
   Folder* const child = ChildOf(parent, name);
@@ -311,7 +311,7 @@ std::string WatchTable::PathOf(const Folder& folder) const {
   return folder.parent == nullptr ? folder.name : Join(PathOf(*folder.parent), folder.name);
 }
 
-// The moves that this batch tells are told. Where one of the two folders that tell a move is held
+// The moves that this batch reports need no origin. Where one of the two folders of a move is held
 // back, so is what changed in the folder that moved, for some batches at most: folders can move in
 // a ring.
 void WatchTable::ForgetOrigins() {

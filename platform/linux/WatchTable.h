@@ -268,7 +268,7 @@ class WatchTable {
   bool isOverflown_ = false;  // events were lost
   bool endsInMove_ = false;
 
-  // Until some batches later: what the reader of the batches knows by another path. Origins leave
+  // Until some batches later: what the callback knows by another path. Origins leave
   // when their move has been reported (ForgetOrigins), departures with the second Cut.
   std::unordered_map<const Folder*, Origin> origins_;
   std::map<std::pair<uint64_t, std::string>, Departure> departures_;  // by parent and name

@@ -1,4 +1,4 @@
-// The table of watched folders against the disk: what stands under a name, which known folder that
+// The table of watched folders against the disk: what is under a name, which known folder that
 // is, and the walk over what is not known yet.
 
 #include <fcntl.h>
@@ -88,7 +88,7 @@ void WatchTable::Adopt(Folder& parent, const std::string& name, OpenFolder handl
     if (folder == nullptr) {
       const bool isSecondPath = watch >= 0 && FindByWatch(watch) != nullptr;
       folder = &Enter(parent, name, watch, handle);
-      // The reader may know other contents of it: from the other path, from what was here before,
+      // The callback may know other contents of it: from the other path, from what was here before,
       // or, below a new folder, from where it was before it came here unseen.
       if (isSecondPath || !walk.isNew) {
         MarkFolder(*folder, kLost | kGained);
@@ -141,8 +141,8 @@ bool WatchTable::CanMove(const Folder& folder, const Folder& parent,
   if (!IsInTree(folder)) return true;
   const OpenFolder there(PathOf(folder));
   if (!there.isOpen() || !isSameFolder(there, handle)) return true;
-  // Where the file system does not tell capital letters from small ones, it has been opened by the
-  // name that it had.
+  // Where the file system does not distinguish capital letters from small ones, it has been opened
+  // by the name that it had.
   return folder.parent == &parent && !IsListed(parent, folder.name);
 }
 
@@ -153,8 +153,8 @@ bool WatchTable::IsListed(const Folder& parent, const std::string& name) const {
   return !listing.isWhole || std::ranges::count(listing.subfolders, name) > 0;
 }
 
-// A folder that was taken from another on the word of a path may have been there all the time: the
-// path led elsewhere.
+// A folder that was taken from another because a path led to it may have been there all the time:
+// the path led elsewhere.
 void WatchTable::ListRobbed() {
   for (Folder* folder : std::exchange(robbed_, {})) {
     if (!IsInTree(*folder)) continue;
@@ -300,7 +300,8 @@ void WatchTable::NoteDeparture(const Folder& parent, const std::string& name, ui
   at->second = {isAlone ? serial : 0, epoch_};
 }
 
-// Whether another folder than `by` has had this path lately, so that the reader may know that one.
+// Whether another folder than `by` has had this path since the batch before the last, so that the
+// callback may know that one.
 bool WatchTable::WasTaken(const Folder& parent, const std::string& name, const Folder* by) const {
   if (IsRecent(manyDepartures_)) return true;
   const auto found = departures_.find({parent.serial, name});

@@ -43,8 +43,8 @@ bool WatchTable::IsUnwatched(const Folder& folder, int watch, const OpenFolder& 
   return known == FileIdentity() || known == identityOf(handle);
 }
 
-// Compares the folder with what it was at the last visit. The watch it may have got stands already,
-// so that nothing falls between.
+// Compares the folder with what it was at the last visit. A watch that it has got is set already,
+// so that no change falls between.
 bool WatchTable::UpdateUnwatched(Folder& folder, const OpenFolder& handle, int watch) {
   Unwatched& known = unwatched_.at(folder.serial);
   const FileIdentity identity = identityOf(handle);

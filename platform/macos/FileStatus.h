@@ -20,7 +20,7 @@ struct FileStatus {
 };
 
 // Reads the status of `name` relative to the open folder `folder` (AT_FDCWD: to the working
-// directory). Links are not followed. Nothing when it cannot be read; errno then tells why. Any
+// directory). Links are not followed. Nothing when it cannot be read; errno then says why. Any
 // thread. Inode numbers are not given again soon here, so they and the device make the identity.
 inline std::optional<FileStatus> readStatus(int folder, const char* name) {
   struct stat status;

@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <string_view>
 
-// Calls `visit(entry)` for each entry of the open folder from where it stands, "." and ".." left
-// out; `entry.d_name` is its name. False when the folder could not be read to its end; errno then
-// tells why. Any thread.
+// Calls `visit(entry)` for each entry of the open folder from where its offset is, "." and ".."
+// left out; `entry.d_name` is its name. False when the folder could not be read to its end; errno
+// then says why. Any thread.
 template <typename Visit>
 bool eachEntry(int folder, Visit visit) {
   const int own = dup(folder);

@@ -10,7 +10,7 @@
 #include "OpenFolder.h"
 
 // Names the folder, given without a final "/", in a batch to come, as if something in it had come
-// and gone: for a reader that could not read it. False where that cannot be done; the reader must
+// and gone: for a callback that could not read it. False where that cannot be done; it must
 // read the folder by itself then. The thread that runs the stream's loop.
 inline bool nameAgain(FSEventStreamRef /*stream*/, const std::string& /*path*/) { return false; }
 

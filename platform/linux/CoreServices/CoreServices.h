@@ -82,7 +82,7 @@ enum : FSEventStreamCreateFlags { kFSEventStreamCreateFlagWatchRoot = 0x04 };
 enum : FSEventStreamEventFlags {
   kFSEventStreamEventFlagNone = 0x00,
   kFSEventStreamEventFlagMustScanSubDirs =
-      0x01,  // with KernelDropped: events were lost, and made good
+      0x01,  // with KernelDropped: events were lost; every folder is named
   kFSEventStreamEventFlagKernelDropped = 0x04,
   kFSEventStreamEventFlagRootChanged = 0x20,
 };
@@ -103,10 +103,10 @@ FSEventStreamRef FSEventStreamCreate(CFAllocatorRef allocator, FSEventStreamCall
 void FSEventStreamScheduleWithRunLoop(FSEventStreamRef stream, CFRunLoopRef loop,
                                       CFRunLoopMode mode);
 
-// Waits until the tree is watched, and starts delivering. False when no inotify instance or thread
-// can be had, or at a second start; a missing folder is no failure, its appearance is an event.
-// Throws std::bad_alloc for want of memory, and so does CFRunLoopRun when the stream's thread has
-// ended for that.
+// Waits until the tree is watched, and starts delivering. False when the system gives no inotify
+// instance or thread, or at a second start; a missing folder is no failure, its appearance is an
+// event. Throws std::bad_alloc when there is no memory, and so does CFRunLoopRun when the stream's
+// thread has ended for that.
 Boolean FSEventStreamStart(FSEventStreamRef stream);
 
 // Stop ends the stream's thread, Invalidate takes it off its run loop, Release closes its
