@@ -2,7 +2,7 @@
 //
 // Lists a tree depth first and looks at each entry: `watch` sets a watch on each folder too, `one`
 // stays in the folder itself. Prints the folders, the entries and the CPU seconds spent, and then
-// waits for the end of its standard input, so that nobody has to pay for taking the watches down.
+// waits for the end of its standard input, so that removing the watches is not measured.
 
 #include <sys/inotify.h>
 
@@ -24,7 +24,7 @@ struct Walk {
   long entries = 0;
 
   void Visit(int parent, const char* name) {
-    // Watch before listing, as anything must that is not to miss a change.
+    // Watch before listing, or a change could be missed.
     if (watches >= 0) {
       inotify_add_watch(watches, path.c_str(),
                         IN_CREATE | IN_DELETE | IN_MOVE | IN_MODIFY | IN_ATTRIB);

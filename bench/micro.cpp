@@ -34,8 +34,8 @@ FileStatus statusOf(bool isFolder, uint64_t inode) {
   return {{inode, 0}, isFolder, timespec{1, 0}, timespec{1, 0}, 1};
 }
 
-// ---- The comparison of one folder: with what the snapshot said before half of it was deleted,
-// say.
+// ---- The comparison of one folder, for example with its snapshot from before half of it was
+// deleted.
 
 enum Mix : int { unchanged, changed, halfDeleted, halfNew, renamed };
 enum Kind : int { plain, linked };  // linked: all are names of one file

@@ -23,7 +23,7 @@ FOLDERS_PER_FOLDER = 10
 
 
 class Table:
-    """The rows, printed as they come: name, measured, the bare unit, ratio, bar, and whether it is within that."""
+    """The rows, printed one by one: name, measured, bare unit, ratio, bar, and whether the ratio is within the bar."""
 
     LAYOUT = "{:<54} {:>13} {:>13} {:>7} {:>6}  {}"
 
@@ -249,9 +249,9 @@ class Bench:
         listing, scan = (min(self.bare(mode, tree)[1] for _ in range(5)) / folders for mode in ("list", "watch"))
         shutil.rmtree(tree)
         walk = min(self.bare("watch", self.tree(10000))[1] for _ in range(3))
-        self.table.row("storm, lines told", lines, kind="")
+        self.table.row("storm, lines reported", lines, kind="")
         self.table.row("storm, comparisons of a folder asked for", compared, kind="")
-        # Each new folder is scanned once besides, and watched.
+        # Each new folder is also scanned once, and watched.
         self.table.row("storm, CPU, against the listings and scans asked for", cpu,
                        compared * listing + folders * scan, 2)
         self.table.row("storm, CPU, against the bare walk of 100,000 files", cpu, walk, 3.75)
@@ -313,7 +313,7 @@ class Bench:
         for name, unit in [("message, plain", "unit/message"), ("message, encoded", "unit/message"),
                            ("encode 60 bytes", "unit/encode"), ("queue, append", "message, plain")]:
             self.table.row(name, times[name], times[unit], kind="ns")
-        # Twice the time in a thousand times the tree is what the processor's caches make of it.
+        # The processor's caches can double the time in a tree a thousand times as large.
         self.table.row("emitter cycle, 1,000,000 lines against 3,000 waiting", times["emitter cycle/1000000"],
                        times["emitter cycle/3000"], 2, kind="us")
         self.table.row("event in a tree of 100,000, against a bare listing", times["event, 20 entries/100000"],
