@@ -230,8 +230,9 @@ class FSTree {
   // of names.
   uint32_t fewestForNames = 256;
 
-  // Called with each folder, open, before the scan of the whole tree reads it; may be empty. What
-  // changes in the folder from then on is somebody else's to notice.
+  // Called with each folder before the scan of the whole tree reads it, open or with the reason why
+  // it cannot be opened; may be empty. What changes in it from then on is somebody else's to
+  // notice.
   std::function<void(const std::string& key, const OpenFolder& folder)> beforeScanning;
 
   FSChangeEvents* changes = nullptr;

@@ -86,12 +86,12 @@ void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
 // others do not, so that the depth of a tree is not bound by the number of open files.
 void FSTree::ScanFolder(const std::string& path, OpenFolder folder, const FileIdentity& identity,
                         bool listSync, int depth) {
+  if (beforeScanning) beforeScanning(path, folder);
   if (!folder.isOpen()) {
     ReportUnreadable(path, folder.error());
     if (folder.failure() != Failure::absent) NoteReading(path, FSReading::failed);
     return;
   }
-  if (beforeScanning) beforeScanning(path, folder);
   FSListingBuilder current;
   const FSReading reading = ReadFolder(folder, path, {}, current);
   if (reading == FSReading::absent) return;

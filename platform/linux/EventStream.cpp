@@ -16,7 +16,6 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
-#include <future>
 #include <memory>
 #include <new>
 #include <optional>
@@ -45,13 +44,6 @@ std::string withoutFinalSlash(std::string path) {
   return path;
 }
 
-// The clock that file systems take their times from.
-timespec coarseNow() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME_COARSE, &now);
-  return now;
-}
-
 }  // namespace
 
 struct __FSEventStream {
@@ -63,6 +55,7 @@ struct __FSEventStream {
 
   // The thread that made the stream.
   void Schedule(CFRunLoopRef loop);
+  void Enter(const std::string& path, const OpenFolder& folder);
   bool Start();
   void Stop();
   void Invalidate();
@@ -87,7 +80,6 @@ struct __FSEventStream {
   void Wake();
 
   // Constant after construction, but for the loop.
-  const timespec created_ = coarseNow();
   const FSEventStreamCallback callback_;
   const std::shared_ptr<RunLoopSource> source_;
   CFRunLoopRef loop_ = nullptr;  // not the reader thread's until the stream is started
@@ -95,8 +87,7 @@ struct __FSEventStream {
   Reader reader_;  // the reader thread's, once it runs
 
   Descriptor wake_;
-  std::promise<void> watchesSet_;
-  std::atomic<bool> isStarted_ = false;
+  bool isStarted_ = false;  // the maker's thread only
   std::atomic<bool> isStopping_ = false;
   std::thread thread_;
 
@@ -120,12 +111,6 @@ __FSEventStream::__FSEventStream(FSEventStreamCallback callback, const std::stri
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(latency))),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   source_->perform = [this] { Deliver(); };
-  if (!reader_.isOpen() || !wake_.isOpen()) return;
-  try {
-    thread_ = std::thread(&__FSEventStream::RunReader, this);
-  } catch (const std::system_error&) {
-    return;  // not to be started
-  }
 }
 
 __FSEventStream::~__FSEventStream() { Stop(); }
@@ -136,12 +121,18 @@ void __FSEventStream::Schedule(CFRunLoopRef loop) {
 }
 
 bool __FSEventStream::Start() {
-  if (!thread_.joinable() || isStarted_) return false;
-  watchesSet_.get_future().get();
-  isStarted_ = true;
-  ThrowFailure();
-  Wake();
+  if (!reader_.isOpen() || !wake_.isOpen() || std::exchange(isStarted_, true)) return false;
+  reader_.Start(Clock::now());
+  try {
+    thread_ = std::thread(&__FSEventStream::RunReader, this);
+  } catch (const std::system_error&) {
+    return false;
+  }
   return true;
+}
+
+void __FSEventStream::Enter(const std::string& path, const OpenFolder& folder) {
+  if (reader_.isOpen()) reader_.Enter(path, folder, Clock::now());
 }
 
 void __FSEventStream::Stop() {
@@ -197,27 +188,18 @@ void __FSEventStream::NameAgain(const std::string& path) {
 // The thread that runs the loop is the one to end the program.
 void __FSEventStream::RunReader() {
   try {
-    reader_.Watch(Clock::now());
-  } catch (...) {
-    watchesSet_.set_exception(std::current_exception());
-    return;
-  }
-  try {
-    watchesSet_.set_value();
     Read();
   } catch (...) {
     {
       const MutexLock lock(lock_);
       failure_ = std::current_exception();
     }
-    if (isStarted_ && loop_ != nullptr) loop_->Signal(source_);
+    if (loop_ != nullptr) loop_->Signal(source_);
   }
 }
 
 void __FSEventStream::Read() {
-  bool isReaderStarted = false;
   while (!isStopping_) {
-    if (isStarted_ && !std::exchange(isReaderStarted, true)) reader_.Start(created_);
     TakeReports();
     if (std::optional<Reader::Batch> batch = reader_.Step(Clock::now())) {
       HandOver(std::move(*batch));
@@ -311,7 +293,9 @@ bool nameAgain(FSEventStreamRef stream, const std::string& path) {
   return true;
 }
 
-void watchFolder(FSEventStreamRef, const std::string&, const OpenFolder&) {}
+void watchFolder(FSEventStreamRef stream, const std::string& path, const OpenFolder& folder) {
+  stream->Enter(path, folder);
+}
 
 bool namesBehind(ConstFSEventStreamRef stream, size_t event, std::vector<std::string>& names) {
   return stream != nullptr && stream->NamesBehind(event, names);

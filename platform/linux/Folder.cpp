@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -25,22 +26,15 @@ std::optional<bool> isFolder(int parent, const dirent64& entry) {
   return false;
 }
 
+// Leaves the folder at its start, for whoever lists it next.
 template <typename Visit>
 bool eachEntryFromTheStart(const OpenFolder& folder, Visit visit) {
   lseek(folder.number(), 0, SEEK_SET);
-  return eachEntry(folder.number(), visit);
-}
-
-// An empty name is the folder itself. A time without nanoseconds is taken for one kept in
-// steps of up to two seconds.
-bool isChangedSince(int folder, const char* name, const timespec& since) {
-  struct stat status;
-  const int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (*name == 0 ? AT_EMPTY_PATH : 0);
-  if (fstatat(folder, name, &status, flags) != 0) return true;
-  const timespec& changed = status.st_ctim;
-  if (changed.tv_nsec == 0) return changed.tv_sec + 2 > since.tv_sec;
-  return changed.tv_sec > since.tv_sec ||
-         (changed.tv_sec == since.tv_sec && changed.tv_nsec >= since.tv_nsec);
+  const bool isWhole = eachEntry(folder.number(), visit);
+  const int error = errno;
+  lseek(folder.number(), 0, SEEK_SET);
+  errno = error;
+  return isWhole;
 }
 
 }  // namespace
@@ -67,17 +61,6 @@ FolderListing listFolder(const OpenFolder& folder) {
   });
   listing.isWhole = isRead && areKindsKnown;
   return listing;
-}
-
-FolderChange changedSince(const OpenFolder& folder, const timespec& since) {
-  FolderChange change;
-  change.hasOtherEntries = isChangedSince(folder.number(), "", since);
-  eachEntryFromTheStart(folder, [&](const dirent64& entry) {
-    // A subfolder's times move with what happens in it, which is not counted for this folder.
-    if (change.hasWrittenEntries || isFolder(folder.number(), entry).value_or(true)) return;
-    change.hasWrittenEntries = isChangedSince(folder.number(), entry.d_name, since);
-  });
-  return change;
 }
 
 uint64_t fingerprintOf(const OpenFolder& folder) {

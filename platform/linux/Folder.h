@@ -24,14 +24,6 @@ struct FolderListing {
 };
 FolderListing listFolder(const OpenFolder& folder);
 
-// What has changed in a folder since the time, going by status-change times, which nobody can set
-// back. A file system that keeps them coarsely may claim more than there was.
-struct FolderChange {
-  bool hasOtherEntries = false;
-  bool hasWrittenEntries = false;
-};
-FolderChange changedSince(const OpenFolder& folder, const timespec& since);
-
 // A number that changes when an entry of the folder comes, goes, is written or has its attributes
 // changed. Of subfolders only their coming and going counts.
 uint64_t fingerprintOf(const OpenFolder& folder);

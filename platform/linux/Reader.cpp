@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Folder.h"
+
 namespace {
 
 using std::chrono::milliseconds;
@@ -20,10 +22,24 @@ Reader::Reader(const std::string& path, Latency::Duration latency)
       probe_([this](const OpenFolder& folder) { return table_.ProbeRoot(folder); }),
       latency_(latency) {}
 
-void Reader::Watch(Time now) { WatchRoot(root_.Watch(now)); }
+void Reader::Enter(const std::string& path, const OpenFolder& folder, Time now) {
+  if (isEntered_) {
+    table_.EnterScanned(path, folder);
+  } else if (path == root_.path() && folder.isOpen()) {
+    const Root::Sight sight = root_.Watch(now);
+    if (sight.identity != identityOf(folder)) root_.NoteUnreported();
+    table_.EnterRoot(path, folder);
+    isEntered_ = true;
+  }
+}
 
-void Reader::Start(const timespec& made) {
-  table_.LookBack(made);
+void Reader::Start(Time now) {
+  if (isEntered_) {
+    table_.EndEntering();
+    NoteMounts();
+  } else {
+    WatchRoot(root_.Watch(now));
+  }
   isStarted_ = true;
 }
 

@@ -48,12 +48,13 @@ class Reader {
   int way() const { return root_.number(); }
   int mounts() const { return mounts_.number(); }
 
-  // Sets the watches. To be called once, before all below.
-  void Watch(Time now);
+  // Watches the folder, under its path without a final "/", before somebody lists it; the watched
+  // folder first, then each after the one above it. REQUIRES: not started.
+  void Enter(const std::string& path, const OpenFolder& folder, Time now);
 
-  // From now on Step gives batches. What changed since `made` is in the first of them. To be called
-  // once. REQUIRES: Watch.
-  void Start(const timespec& made);
+  // From now on Step gives batches, of what has changed since the folders were entered. Where none
+  // was, all are watched now. To be called once.
+  void Start(Time now);
 
   // Takes in what there is, without waiting. Gives a batch when one is due, the reader is started,
   // and no callback is running. With that batch a delivery begins, which the caller ends by
@@ -93,6 +94,7 @@ class Reader {
   MountTable mounts_;
   Latency latency_;
 
+  bool isEntered_ = false;  // the root
   bool isStarted_ = false;
   bool isDelivering_ = false;  // from the Step that gives a batch to the one after EndDelivery
   bool isDelivered_ = false;   // between these two

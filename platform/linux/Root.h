@@ -46,6 +46,9 @@ class Root {
   // knows another, that is a doubt.
   Sight Watch(Time now);
 
+  // The callback knows another root than this one.
+  void NoteUnreported() { doubts_ |= kDoubt | kUnreported; }
+
   // It is doubtful that the known root is at the path.
   void Doubt() { doubts_ |= kDoubt; }
 

@@ -41,41 +41,29 @@ std::vector<NamedFolder> inBatchOrder(std::vector<Mention>& gaining, std::vector
 }  // namespace
 
 void WatchTable::WatchRoot(const std::string& path, OpenFolder folder) {
+  EnterRoot(path, folder);
+  List(*root_, std::move(folder), Walk{.length = path.size()});
+  for (Folder* marked : marked_) marked->marks = 0;
+  marked_.clear();
+  delivery_.NoteTree();
+  EndEntering();
+}
+
+void WatchTable::EnterRoot(const std::string& path, const OpenFolder& folder) {
   Clear();
   root_ = std::make_unique<Folder>();
   root_->name = path;
   root_->serial = ++serials_;
   root_->born = epoch_;
   SetWatch(*root_, inotify_.Add(folder));
-  if (root_->watch < 0) {
-    unwatched_[root_->serial] = {root_.get(), identityOf(folder), fingerprintOf(folder)};
-    toVisit_.insert(root_->serial);
-  }
-  List(*root_, std::move(folder), Walk{.length = path.size()});
-  for (Folder* marked : marked_) marked->marks = 0;
-  marked_.clear();
+  if (root_->watch >= 0) return;
+  unwatched_[root_->serial] = {root_.get(), identityOf(folder), fingerprintOf(folder)};
+  toVisit_.insert(root_->serial);
+}
+
+void WatchTable::EndEntering() {
   fresh_.clear();
-  delivery_.NoteTree();
   ++epoch_;
-}
-
-void WatchTable::LookBack(const timespec& since) {
-  if (root_ == nullptr) return;
-  OpenFolder folder(root_->name, true);
-  if (folder.isOpen()) LookBack(*root_, std::move(folder), since, 0);
-}
-
-void WatchTable::LookBack(Folder& folder, OpenFolder handle, const timespec& since, int depth) {
-  ReadDuringWalk();
-  const FolderChange change = changedSince(handle, since);
-  if (change.hasOtherEntries) MarkFolder(folder, kLost | kGained);
-  if (change.hasWrittenEntries) MarkFolder(folder, kWritten);
-  if (depth >= kMostOpen) handle.Close();
-  for (const auto& child : folder.children) {
-    OpenFolder below =
-        handle.isOpen() ? OpenFolder(handle, child->name) : OpenFolder(PathOf(*child));
-    if (below.isOpen()) LookBack(*child, std::move(below), since, depth + 1);
-  }
 }
 
 void WatchTable::Clear() {

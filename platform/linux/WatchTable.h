@@ -75,9 +75,13 @@ class WatchTable {
   // named. REQUIRES: no delivery is running.
   void WatchRoot(const std::string& path, OpenFolder folder);
 
-  // Marks the folders in which something changed since the time, for what happened before their
-  // watches were set.
-  void LookBack(const timespec& since);
+  // The same, folder by folder, in the order of a scan that lists each of them after this: the
+  // root, then each folder after the one above it, under its path. One that is not open, but is
+  // there, is tried again at its own times. What happens meanwhile is taken in after EndEntering,
+  // which comes once.
+  void EnterRoot(const std::string& path, const OpenFolder& folder);
+  void EnterScanned(const std::string& path, const OpenFolder& folder);
+  void EndEntering();
 
   // Forgets the tree and its watches. REQUIRES: no delivery is running.
   void Clear();
@@ -195,7 +199,6 @@ class WatchTable {
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
   void NoteComer(const Folder& parent, const std::string& name);
-  void LookBack(Folder& folder, OpenFolder handle, const timespec& since, int depth);
   void MarkFolder(Folder& folder, uint8_t marks);
   void MarkEntry(Folder& folder, uint8_t marks, std::string_view name);
   void ForgetNames(Folder& folder);

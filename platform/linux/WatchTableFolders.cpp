@@ -38,6 +38,25 @@ void WatchTable::Examine(Folder& parent, const std::string& name, bool isNew) {
   }
 }
 
+void WatchTable::EnterScanned(const std::string& path, const OpenFolder& folder) {
+  ReadDuringWalk();
+  if (root_ == nullptr || isTooLong(path.size())) return;
+  const Place place = PlaceOf(path.substr(root_->name == "/" ? 1 : root_->name.size() + 1));
+  if (place.parent == nullptr) return;
+  if (!folder.isOpen()) {
+    Missing(*place.parent, place.name, folder.failure());
+    return;
+  }
+  if (path.size() > kSafeLength) haveLongPaths_ = true;
+  const int watch = inotify_.Add(folder);
+  Folder* const known = ChildOf(*place.parent, place.name);
+  if (known != nullptr && watch >= 0 && known->watch == watch) return;
+  if (known != nullptr) Detach(*known);
+  if (Relocate(watch, *place.parent, place.name, folder) == nullptr) {
+    Enter(*place.parent, place.name, watch, folder);
+  }
+}
+
 // No parent when that is not known. The path is relative to the root.
 WatchTable::Place WatchTable::PlaceOf(const std::string& path) const {
   Folder* parent = root_.get();

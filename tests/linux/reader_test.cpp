@@ -22,8 +22,7 @@ class ReaderTest : public ScriptTest {
     run(before);
     if (isRelative) std::filesystem::current_path(folder.path());
     reader.emplace(isRelative ? path : folder / path, kLatency);
-    reader->Watch(now);
-    reader->Start({.tv_sec = INT_MAX, .tv_nsec = 0});
+    reader->Start(now);
   }
 
   // Whether a batch came, which is noted.
@@ -44,6 +43,42 @@ class ReaderTest : public ScriptTest {
   std::optional<Reader> reader;
   Reader::Time now{};
 };
+
+// A scan enters each folder before it lists it. Commands run before it enters one of them; of what
+// they do, the scan sees what is in folders that it enters after that, and the rest is named.
+TEST_F(ReaderTest, NamesWhatChangesInFoldersThatAScanHasEntered) {
+  struct Case {
+    std::string before, commands, named;
+  };
+  const Case cases[] = {
+      {"t", "touch t/a/f 900; touch t/n", ""},
+      {"t/a", "touch t/n; touch t/a/f 900", "t/"},
+      {"t/a/b", "mkdir t/n/m; write t/a/f", "t/ t/n/ t/n/m/ t/a/"},
+      {"t/a/b", "rm t/a/b; touch t/a/b", "t/a/ t/a/"},
+      {"t/e", "mv t/a/b t/e/b", "t/a/"},
+      {"t/e", "mv t/e t/a/e; write t/a/e/g", "t/a/ t/a/e/ t/a/e/ t/"},
+      {"t/e", "mv t t2; mkdir t/x", "t?"},
+      {"none", "mv t/e t/a/e; write t/a/e/g", "t/a/ t/"},
+  };
+  for (const auto& [before, commands, expected] : cases) {
+    SCOPED_TRACE(before + ": " + commands);
+    run("mkdir t/a/b; touch t/a/f; mkdir t/e");
+    reader.emplace(folder / "t", kLatency);
+    for (const std::string path : {"t", "t/a", "t/a/b", "t/e", "t/e/b"}) {
+      if (path == before) run(commands);
+      reader->Enter(folder / path, OpenFolder(folder / path), now);
+    }
+    reader->Start(now);
+    if (before == "none") run(commands);
+    run("step");
+    if (!expected.empty()) EXPECT_TRUE(step(kLatency) || step(milliseconds(2)));
+    EXPECT_EQ(named, expected);
+    expectEveryFolderWatched(reader->tree(), folder / "t");
+    folder.tryToRun("rm t2");
+    run("rm t");
+    named = "";
+  }
+}
 
 TEST_F(ReaderTest, CountsTheLatencyFromTheFirstChangeAndDeliversOneBatchAtATime) {
   start("mkdir t/a; touch t/f", "t");
