@@ -15,13 +15,12 @@ import sys
 import tempfile
 import time
 
-from picture import ANY_SECOND, FOLDER, disk
-from tool import Tool
+from picture import ANY, FOLDER, disk
+from tool import PATIENCE, Tool, comes_true
 
 SKIPPED = 77
 NOBODY = 65534
 PATH_MAX = 4096
-PATIENCE = 20  # seconds; a folder without a watch may take 15
 
 
 def write(path, text="x"):
@@ -43,17 +42,17 @@ def deep(tool, base, root):
         os.mkdir(at)
         write(os.path.join(at, b"f"))
     watching = Tool(tool, root)
-    expect("at the start", watching.wait_for(disk(root), PATIENCE))
+    expect("at the start", watching.wait_for(disk(root)))
     write(os.path.join(at, b"new"))
     os.unlink(os.path.join(at, b"f"))
-    expect("at the bottom", watching.wait_for(disk(root), PATIENCE))
+    expect("at the bottom", watching.wait_for(disk(root)))
     os.rename(os.path.join(root, b"d0"), os.path.join(root, b"moved"))
     write(os.path.join(root, b"moved" + at[len(root) + 3:], b"newer"))
-    expect("moved", watching.wait_for(disk(root), PATIENCE))
+    expect("moved", watching.wait_for(disk(root)))
     os.rename(os.path.join(root, b"moved/d1/d2"), os.path.join(base, b"d2"))
-    expect("cut off", watching.wait_for(disk(root), PATIENCE))
+    expect("cut off", watching.wait_for(disk(root)))
     os.rename(os.path.join(base, b"d2"), os.path.join(root, b"back"))
-    expect("back", watching.wait_for(disk(root), PATIENCE))
+    expect("back", watching.wait_for(disk(root)))
 
 
 def long_paths(tool, _base, root):
@@ -72,18 +71,18 @@ def long_paths(tool, _base, root):
         os.close(at)
         at = below
         last = last + b"/" + name if len(last) + len(name) + 2 < PATH_MAX else last
-    expect("made", watching.wait_for(nameable, PATIENCE))
+    expect("made", watching.wait_for(nameable))
     for length in range(PATH_MAX - 4, PATH_MAX + 2):  # about the last path that can be named
         try:
             os.mkdir(last + b"/" + b"x" * (length - len(last) - 1))
         except OSError:
             pass
     write(os.path.join(root, b"short"))
-    expect("at the limit", watching.wait_for(nameable, PATIENCE))
+    expect("at the limit", watching.wait_for(nameable))
     os.rename(os.path.join(root, b"0" + b"n" * 199), os.path.join(root, b"s"))  # now more has a path
-    expect("shortened", watching.wait_for(nameable, PATIENCE))
+    expect("shortened", watching.wait_for(nameable))
     shutil.rmtree(os.path.join(root, b"s"))
-    expect("removed", watching.wait_for(nameable, PATIENCE))
+    expect("removed", watching.wait_for(nameable))
 
 
 def unreadable(tool, base, root):
@@ -93,9 +92,10 @@ def unreadable(tool, base, root):
         os.mkdir(os.path.join(root, name))
         write(os.path.join(root, name, b"file"))
     os.chmod(os.path.join(root, b"before"), 0)
-    watching = Tool(tool, root, **({"user": NOBODY, "group": NOBODY} if os.getuid() == 0 else {}))
+    other = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
+    watching = Tool([*(other if os.getuid() == 0 else []), tool], root)
     os.chmod(os.path.join(root, b"before"), 0o755)
-    expect("readable at last", watching.wait_for(disk(root), PATIENCE))
+    expect("readable at last", watching.wait_for(disk(root)))
     later = os.path.join(root, b"later")
     os.chmod(later, 0)
     write(os.path.join(root, b"apart/other"))
@@ -103,15 +103,15 @@ def unreadable(tool, base, root):
         os.unlink(os.path.join(later, b"below/file"))
         write(os.path.join(later, b"below/new"))
         write(os.path.join(later, b"new"))
-        expect("elsewhere", [] if watching.wait_for(lambda: {**watching.picture.entries,
-                             os.path.join(root, b"apart/other"): ANY_SECOND}, PATIENCE) == [] else ["nothing came"])
+        expect("elsewhere", watching.wait_for(
+            lambda: {**watching.entries(), os.path.join(root, b"apart/other"): (ANY, ANY)}))
     os.chmod(later, 0o755)
-    expect("readable again", watching.wait_for(disk(root), PATIENCE))
+    expect("readable again", watching.wait_for(disk(root)))
     os.chmod(os.path.join(root, b"before"), 0)
     os.rename(os.path.join(root, b"before"), os.path.join(root, b"moved"))
     os.chmod(os.path.join(root, b"moved"), 0o755)
     write(os.path.join(root, b"moved/new"))
-    expect("moved meanwhile", watching.wait_for(disk(root), PATIENCE))
+    expect("moved meanwhile", watching.wait_for(disk(root)))
 
 
 def few_watches(tool, _base, root):
@@ -130,12 +130,11 @@ def few_watches(tool, _base, root):
     os.rename(os.path.join(root, b"d9"), os.path.join(root, b"renamed"))
     shutil.rmtree(os.path.join(root, b"d10"))
     write(os.path.join(root, b"d8/d7/s7/deep"))
-    expect("without watches", watching.wait_for(disk(root), PATIENCE))
+    expect("without watches", watching.wait_for(disk(root)))
     with open(limit, "w", encoding="ascii") as file:
         file.write("5000")
     wanted = 1 + list(disk(root).values()).count(FOLDER)
-    expect("watches", watching.wait_for(lambda: watching.picture.entries if watching.watches() == wanted
-                                        else {b"%d of %d watches" % (watching.watches(), wanted): "file"}, 60))
+    expect("watches", [] if comes_true(lambda: watching.watches() == wanted, 60) else [(b"watches", wanted)])
 
 
 def few_descriptors(tool, _base, root):
@@ -144,12 +143,12 @@ def few_descriptors(tool, _base, root):
         os.mkdir(os.path.join(root, name))
         write(os.path.join(root, name, b"before"))
     watching = Tool(tool, root)
-    pid = watching.process.pid
+    pid = watching.pid
     most = len(os.listdir(f"/proc/{pid}/fd"))
     limits = resource.prlimit(pid, resource.RLIMIT_NOFILE)
     for limit in (most, 4, 3):
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, limits[1]))
-        lines = len(watching.lines)
+        before = len(watching.changes)
         for i in range(6):
             write(os.path.join(root, b"abc"[i % 3:i % 3 + 1], b"during%d-%d" % (limit, i)))
         os.mkdir(os.path.join(root, b"new%d" % limit))
@@ -158,27 +157,24 @@ def few_descriptors(tool, _base, root):
             expect(f"with {limit} descriptors", watching.wait_for(disk(root), 2 * PATIENCE))
         time.sleep(2)
         resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
-        expect(f"after {limit} descriptors", watching.wait_for(disk(root), PATIENCE))
-        expect("deleted", [line for line in watching.lines[lines:] if b"delete" in line])
+        expect(f"after {limit} descriptors", watching.wait_for(disk(root)))
+        expect("deleted", [(change.path,) for change in watching.changes[before:] if change.action == "delete"])
 
 
 def no_proc(tool, _base, root):
     """Nothing is mounted on /proc: folders are watched all the same, and moves are followed."""
     for i in range(20):
         os.makedirs(os.path.join(root, b"d%d/s" % i))
-    hidden = os.path.join(os.path.dirname(root), b"run")
-    with open(hidden, "w", encoding="ascii") as script:
-        script.write(f"#!/bin/sh\ncd \"$1/..\"; exec unshare -m sh -c 'mount -t tmpfs none /proc; "
-                     f"exec {os.path.abspath(tool)} watched true'\n")
-    os.chmod(hidden, 0o700)
-    watching = Tool(hidden, root)
-    relative = lambda: {path[len(os.path.dirname(root)) + 1:]: entry for path, entry in disk(root).items()}
-    expect("at the start", watching.wait_for(relative, PATIENCE))
-    expect("watches", [] if watching.watches() == 41 else ["%d watches" % watching.watches()])
+    os.chdir(os.path.dirname(root))
+    hidden = ["unshare", "-m", "sh", "-c", 'mount -t tmpfs none /proc; exec "$0" "$@"', tool]
+    watching = Tool(hidden, b"watched")
+    relative = lambda: disk(b"watched")
+    expect("at the start", watching.wait_for(relative))
+    expect("watches", [] if watching.watches() == 41 else [(b"watches", watching.watches())])
     os.rename(os.path.join(root, b"d3"), os.path.join(root, b"d4/s/moved"))
     write(os.path.join(root, b"d4/s/moved/s/new"))
-    expect("moved", watching.wait_for(relative, PATIENCE))
-    expect("told anew", [line for line in watching.lines if b'"create"' in line and b"folder" in line])
+    expect("moved", watching.wait_for(relative))
+    expect("created", [(change.path,) for change in watching.changes if (change.action, change.kind) == ("create", FOLDER)])
 
 
 def came_back(tool, base, root):
@@ -188,10 +184,10 @@ def came_back(tool, base, root):
     watching = Tool(tool, root)
     os.rename(os.path.join(root, b"d"), os.path.join(root, b"e"))
     os.rename(os.path.join(root, b"e/a"), os.path.join(base, b"o"))
-    expect("told", watching.wait_for(lambda: {**watching.picture.entries, os.path.join(root, b"e"): FOLDER}, PATIENCE))
+    expect("told", watching.wait_for(lambda: {**watching.entries(), os.path.join(root, b"e"): FOLDER}))
     os.unlink(os.path.join(base, b"o/x"))
     os.rename(os.path.join(base, b"o"), os.path.join(root, b"b"))
-    expect("back", watching.wait_for(disk(root), PATIENCE))
+    expect("back", watching.wait_for(disk(root)))
 
 
 def two_paths(tool, _base, root):
@@ -203,11 +199,11 @@ def two_paths(tool, _base, root):
     watching = Tool(tool, root)
     os.unlink(os.path.join(root, b"a/x/f"))
     os.rename(os.path.join(root, b"a/x"), os.path.join(root, b"a/y"))
-    expect("renamed", watching.wait_for(disk(root), PATIENCE))
+    expect("renamed", watching.wait_for(disk(root)))
     os.mkdir(os.path.join(root, b"b/y/z"))
     write(os.path.join(root, b"b/y/z/f"))
     os.rename(os.path.join(root, b"b/y/z"), os.path.join(root, b"b/w"))
-    expect("from the other side", watching.wait_for(disk(root), PATIENCE))
+    expect("from the other side", watching.wait_for(disk(root)))
 
 
 def unmounted(tool, _base, root):
@@ -225,27 +221,27 @@ def unmounted(tool, _base, root):
     mount(one)
     watching = Tool(tool, root)
     write(os.path.join(one, b"inside/new"))
-    expect("mounted", watching.wait_for(disk(root), PATIENCE))
+    expect("mounted", watching.wait_for(disk(root)))
     subprocess.run(["umount", one], check=True)
-    expect("unmounted", watching.wait_for(disk(root), PATIENCE))
+    expect("unmounted", watching.wait_for(disk(root)))
     mount(two)
     mount(one)
-    expect("mounted meanwhile", watching.wait_for(disk(root), PATIENCE))
+    expect("mounted meanwhile", watching.wait_for(disk(root)))
     write(os.path.join(two, b"inside/newer"))
-    expect("watched", watching.wait_for(disk(root), PATIENCE))
+    expect("watched", watching.wait_for(disk(root)))
     subprocess.run(["umount", "-l", two], check=True)
     write(os.path.join(two, b"bare"))
-    expect("unmounted lazily", watching.wait_for(disk(root), PATIENCE))
+    expect("unmounted lazily", watching.wait_for(disk(root)))
     bound = [os.path.join(root, b"bound%d" % i) for i in range(2)]
     for path in bound:
         os.mkdir(path)
         write(path + b"/in-" + path[-1:])
     subprocess.run(["mount", "--bind", bound[0], one], check=True)
-    expect("bound", watching.wait_for(disk(root), PATIENCE))
+    expect("bound", watching.wait_for(disk(root)))
     subprocess.run(["sh", "-c", 'umount "$0"; mount --bind "$1" "$0"', one, bound[1]], check=True)
-    expect("bound to another at once", watching.wait_for(disk(root), PATIENCE))
+    expect("bound to another at once", watching.wait_for(disk(root)))
     write(os.path.join(one, b"newest"))
-    expect("watched", watching.wait_for(disk(root), PATIENCE))
+    expect("watched", watching.wait_for(disk(root)))
 
 
 CASES = {case.__name__: case for case in (deep, long_paths, unreadable, few_watches, few_descriptors, no_proc,
@@ -256,7 +252,7 @@ NAMESPACES = {"few_watches": ["unshare", "-U", "-r"], "no_proc": ["unshare", "-m
 
 
 def main():
-    tool, name = sys.argv[1:3]
+    tool, name = os.path.abspath(sys.argv[1]), sys.argv[2]
     own = NAMESPACES.get(name)
     if own is not None and "OWN_NAMESPACE" not in os.environ:
         if subprocess.run([*own, "true"], check=False).returncode != 0:
@@ -269,7 +265,7 @@ def main():
         CASES[name](tool, base, root)
     finally:
         for watching in Tool.all:
-            watching.process.kill()
+            watching.watcher.close()
         shutil.rmtree(base, ignore_errors=True)
 
 

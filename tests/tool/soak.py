@@ -299,14 +299,14 @@ class Mutator:
 def settle(tool, mutator):
     """Waits until the picture equals the disk; the differences that are left when it does not come to that."""
     now = disk(mutator.root, mutator.linked)
-    backlog = len(difference(tool.picture.entries, now))
+    backlog = len(difference(tool.entries(), now))
     deadline = time.monotonic() + PATIENCE + 3 * backlog / LINES_PER_SECOND
     while True:
-        count = len(tool.lines)
-        left = difference(dict(tool.picture.entries), now)
-        if not left or (time.monotonic() > deadline and len(tool.lines) == count):
+        count = tool.watcher.records
+        left = difference(tool.entries(), now)
+        if not left or (time.monotonic() > deadline and tool.watcher.records == count):
             return left
-        if len(tool.lines) != count:
+        if tool.watcher.records != count:
             deadline = max(deadline, time.monotonic() + 3)
         time.sleep(0.1)
 
@@ -322,7 +322,7 @@ def disturb(mode, tool, mutator, chance):
         for _ in range(chance.randrange(1000, 3000)):
             mutator.step()
     elif mode == "stopped":
-        tool.process.send_signal(signal.SIGSTOP)
+        os.kill(tool.pid, signal.SIGSTOP)
         two = [os.path.join(mutator.root, b"load%d" % chance.getrandbits(60)) for _ in range(2)]
         files = [open(path, "ab", buffering=0) for path in two]
         for i in range(20000):  # the kernel's queue holds 16,384 events
@@ -334,7 +334,7 @@ def disturb(mode, tool, mutator, chance):
             mutator.done.append(("load", file.name))
         for _ in range(200):
             mutator.step()
-        tool.process.send_signal(signal.SIGCONT)
+        os.kill(tool.pid, signal.SIGCONT)
     elif mode == "stalled":
         tool.may_read.clear()
         for _ in range(chance.randrange(500, 2000)):
@@ -369,21 +369,18 @@ def shrink(mutator):
 
 
 def report(seed, rounds, mode, left, tool, mutator):
-    print(f"FAILED with seed {seed} in round {rounds} ({mode}): {len(left)} differences")
+    print(f"FAILED with seed {seed} in round {rounds} ({mode}): {len(left)} differences, {tool.error}")
     for path, pictured, real in left[:5]:
         print(f"  {path!r}: picture {pictured}, disk {real}")
     names = left[0][0].split(b"/")[-2:] if left else []
     print("operations that touched the first:")
     for operation in [done for done in mutator.done if any(n in p for n in names for p in done[1:])][-15:]:
         print("  ", *[str(part) for part in operation])
-    print("last records:")
-    for line in [line for line in tool.lines if any(
-            n in line or n.replace(b".", b"%2e") in line for n in names[-1:])][-15:]:
-        print("  ", line.decode(errors="replace").rstrip())
+    print("last changes:")
+    for change in [change for change in tool.changes if any(n in change.path for n in names[-1:])][-15:]:
+        print("  ", change)
     folders = 1 + list(disk(mutator.root).values()).count(FOLDER)
     print(f"{folders} folders, {tool.watches()} watches")
-    for line in tool.picture.oddities[:5]:
-        print("   odd:", line.decode(errors="replace").rstrip())
 
 
 def arguments():
@@ -407,7 +404,7 @@ def main():
         return soak(given, places.prepare(given.on, base))
     finally:
         for watching in Tool.all:
-            watching.process.kill()
+            watching.watcher.close()
         places.clear(base)
 
 
@@ -426,13 +423,13 @@ def soak(given, base):
         rounds += 1
         disturb(mode, tool, mutator, chance)
         left = settle(tool, mutator)
-        failed = bool(left) or tool.process.poll() is not None
+        failed = bool(left) or tool.error is not None
         if failed:
             report(seed, rounds, mode, left, tool, mutator)
-        memory.append(tool.memory() if tool.process.poll() is None else 0)
+        memory.append(0 if tool.error else tool.memory())
         shrink(mutator)
-    print(f"seed {seed}: {rounds} rounds, {len(mutator.done)} operations, {len(tool.lines)} records, "
-          f"{len(tool.picture.oddities)} odd ones, memory {memory[0]} to {memory[-1]} KiB")
+    print(f"seed {seed}: {rounds} rounds, {len(mutator.done)} operations, {tool.watcher.records} records, "
+          f"memory {memory[0]} to {memory[-1]} KiB")
     return 1 if failed else 0
 
 

@@ -1,61 +1,93 @@
-"""The real tool, run on a folder, and the picture kept from its records."""
+"""The real tool, followed by the Python client, and what the kernel says of its process."""
 
 import os
-import subprocess
+import select
+import sys
 import threading
 import time
 
-from picture import Picture, difference
+from picture import FOLDER, difference
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../clients/python/src"))
+import dirwarden  # noqa: E402
+
+PATIENCE = 20  # seconds without anything that is waited for
+
+
+def comes_true(condition, patience=PATIENCE):
+    deadline = time.monotonic() + patience
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def watches(pid):
+    """The watches that the kernel counts for the instance that follows the tree."""
+    counts = [0]
+    try:
+        for name in os.listdir(f"/proc/{pid}/fdinfo"):
+            with open(f"/proc/{pid}/fdinfo/{name}", encoding="ascii") as info:
+                counts.append(info.read().count("inotify wd:"))
+    except (FileNotFoundError, PermissionError):
+        pass  # it has been closed, or the tool has ended
+    return max(counts)
+
+
+def flat(picture):
+    """A client's picture as `disk` gives it."""
+    return {path: FOLDER if entry.is_folder else (entry.modified, entry.size) for path, entry in picture.items()}
 
 
 class Tool:
-    """The watching process and the picture kept from its lines by a thread of its own."""
+    """A watched folder, and the client that a thread of its own reads with."""
 
     all = []
 
-    def __init__(self, binary, root, **process):
-        self.picture = Picture()
-        self.lines = []
-        self.scanned = threading.Event()
+    def __init__(self, command, root):
+        self.watcher = dirwarden.watch(root, tool=command, log=os.environ.get("SOAK_LOG"))
+        self.pid = self.watcher.pid
+        self.lock = threading.Lock()  # of all that the thread changes
+        self.changes = []
+        self.error = None
         self.may_read = threading.Event()
         self.may_read.set()
-        log = os.environ.get("SOAK_LOG", "")  # the tool's debug log, for looking into a failure
-        self.process = subprocess.Popen([binary, root, "true", "true" if log else "false", log],
-                                        stdout=subprocess.PIPE, **process)
         Tool.all.append(self)
-        self.reader = threading.Thread(target=self._read, daemon=True)
-        self.reader.start()
-        if not self.scanned.wait(60):
-            raise RuntimeError("no end of the first scan within a minute")
+        threading.Thread(target=self._read, daemon=True).start()
+        if not comes_true(lambda: self.watcher.is_ready or self.error, 60) or self.error:
+            raise RuntimeError(f"no end of the first scan: {self.error}")
 
     def _read(self):
-        for line in self.process.stdout:
+        while self.error is None:
             self.may_read.wait()
-            self.lines.append(line)
-            self.picture.apply(line)
-            if line.startswith(b'<scan action="complete"'):
-                self.scanned.set()
+            select.select([self.watcher], [], [], 0.05)
+            with self.lock:
+                try:
+                    while (event := self.watcher.next(0)) is not None:
+                        if isinstance(event, dirwarden.Changes):
+                            self.changes += event
+                except (dirwarden.DirwardenError, ValueError, OSError) as error:
+                    self.error = error
 
-    def wait_for(self, wanted, patience):
+    def entries(self):
+        with self.lock:
+            return flat(self.watcher.picture)
+
+    def wait_for(self, wanted, patience=PATIENCE):
         """Waits until the picture is `wanted`, a dictionary or what gives one; what differs when it does not come."""
-        deadline = time.monotonic() + patience
-        while True:
-            left = difference(dict(self.picture.entries), wanted() if callable(wanted) else wanted)
-            if not left or time.monotonic() > deadline:
-                return left
-            time.sleep(0.05)
+        left = []
+
+        def is_there():
+            left[:] = difference(self.entries(), wanted() if callable(wanted) else wanted)
+            return not left
+
+        comes_true(is_there, patience)
+        return left
 
     def memory(self):
-        with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:
+        with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
             return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
 
     def watches(self):
-        """The watches that the kernel counts for the instance that follows the tree."""
-        counts = [0]
-        try:
-            for name in os.listdir(f"/proc/{self.process.pid}/fdinfo"):
-                with open(f"/proc/{self.process.pid}/fdinfo/{name}", encoding="ascii") as info:
-                    counts.append(info.read().count("inotify wd:"))
-        except (FileNotFoundError, PermissionError):
-            pass  # it has been closed, or the tool has ended
-        return max(counts)
+        return watches(self.pid)

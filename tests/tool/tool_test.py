@@ -16,12 +16,10 @@ import subprocess
 import sys
 import tempfile
 import termios
-import time
 
-from tool import Tool
+from tool import PATIENCE, comes_true, watches
 
 SKIPPED = 77
-PATIENCE = 20  # seconds without anything that is waited for
 VERSION = "<version>3.0.7.160915</version>"
 ODD = os.fsdecode(b'w/B/%41"<&>\xc3\xa9\xff')  # $odd for commands
 INSTANCES = "/proc/sys/user/max_inotify_instances"
@@ -33,21 +31,12 @@ def expect(what, came, wanted):
         raise AssertionError(f"{what}: came {sides[0]}\nwanted {sides[1]}")
 
 
-def comes_true(condition):
-    deadline = time.monotonic() + PATIENCE
-    while not condition():
-        if time.monotonic() > deadline:
-            return False
-        time.sleep(0.005)
-    return True
-
-
 def read(path):
     with open(path, "rb") as file:
         return os.fsdecode(file.read())
 
 
-class PipedTool(Tool):
+class PipedTool:
     """A running tool whose lines wait in the pipe until they are taken; killed at the end. Its standard error has to
     stay empty."""
 
@@ -83,7 +72,7 @@ class PipedTool(Tool):
 
     def must_watch(self):
         """Waits until the tool watches something. What changes before the stream exists is not told."""
-        expect("watches", comes_true(self.watches), True)
+        expect("watches", comes_true(lambda: watches(self.process.pid)), True)
 
     def unread(self):
         """How many bytes wait in the pipe."""
@@ -350,7 +339,7 @@ def little_memory(case):
     for limit, tool in zip(limits, tools):
         with tool:
             select.select([tool.process.stdout], [], [], PATIENCE)
-            if tool.process.poll() is None and not comes_true(lambda t=tool: t.process.poll() is not None or t.watches()):
+            if tool.process.poll() is None and not comes_true(lambda t=tool: t.process.poll() is not None or watches(t.process.pid)):
                 raise AssertionError(f"with {limit} KiB it neither ends nor watches")
             if tool.process.poll() is None:
                 break  # more is enough too

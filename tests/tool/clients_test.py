@@ -1,0 +1,229 @@
+#!/usr/bin/env python3
+"""Both clients, driven alike through bridge.py and bridge.mjs: on the real tool, their pictures have to come to equal
+the disk after each step; on streams made up of what the tool says more rarely, to be what was reported.
+
+usage: clients_test.py TOOL CASE py|mjs
+
+Exit status 77: there is no Node.js.
+"""
+
+import json
+import os
+import re
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from urllib.parse import quote
+
+from picture import FOLDER, difference, disk
+from tool import PATIENCE, comes_true, watches
+
+SKIPPED = 77
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+# Commands in the folder that holds the watched one, $w, and a change that has to come, with /w for $w.
+START = r"mkdir -p $w/docs/old/deep $w/docs-2; touch $w/docs/{a,b} $w/docs/old/deep/x $w/docs-2/y out $w/$'%41\xff\n'"
+STEPS = [
+    ("echo 1 > $w/new; mkdir -p $w/p/q; touch $w/p/q/r", ""),
+    ("touch -d 2001-01-01 $w/docs/a", "change file /w/docs/a"),
+    ("touch -d 1969-12-31T23:59:59Z $w/docs/a", "change file /w/docs/a"),
+    ("mv $w/docs/a $w/docs/c; rm $w/docs/b", "rename file /w/docs/c /w/docs/a"),
+    ("mv $w/docs/c $w/new", ""),
+    ("mv $w/docs $w/papers", "rename folder /w/papers /w/docs"),
+    ("mv $w/papers $w/p/q", "rename folder /w/p/q/papers /w/papers"),
+    ("mv $w/p/q/papers $w/t; rm -r $w/p; mv $w/t $w/p; touch $w/p/old/z", ""),
+    (r"""cd $w; for name in $'a\nb' '"' "'" $'\xff\xfe' '%41' '<' '>&amp;' $'\xc3\xa9' $'\r' ' ' '+' '\' $'\xe2\x80\xa8'
+         do mkdir $name; touch $name/$name; done""", ""),
+    (r"mv $w/$'\xff\xfe'/$'\xff\xfe' $w/$'\xfe'; mv $w/'<' $w/%41/$'\n'; rm -r $w/$'a\nb'", ""),
+    ("mv $w/p moved; mv out $w/in", "delete folder /w/p"),
+    ("mv moved $w/back", ""),
+    ("rm -r $w/back $w/new; touch $w/back; mkdir -p $w/new/d; touch $w/new/d/f", ""),
+    ("mv $w/new t; mv $w/back $w/new; mv t $w/back", ""),
+    ("mv $w/docs-2 $w/1; mv $w/back $w/docs-2; mv $w/1 $w/back; ln -s . $w/link; ln $w/in $w/out", ""),
+    # Longer, and in the same second: no record says it.
+    ("touch $w/twice; touch -cd @$soon $w/twice", "create file /w/twice"),
+    ("echo longer >>$w/twice; touch -cd @$soon $w/twice", "change file /w/twice"),
+    ("mv $w away", "gone"),
+    ("mv away $w; touch $w/seen", "ready"),
+    ("rm -r $w; touch $w", "problem /w Not a directory"),
+    ("rm $w; mkdir -p $w/e; touch $w/e/f", "ready"),
+    ("mv $w/e $w/g", "rename folder /w/g /w/e"),
+]
+
+# What the tool could write of /w, and what the picture is to be then. A line in <> is written as it is.
+NO = "<error>Permission denied</error>"
+STREAMS = [
+    (["sync folder a", "sync file a/f", "create file a", "sync folder b", "sync folder c", "sync file b/x",
+      "sync file c/y", "rename folder c b", "sync folder d", "sync file d/g", "sync folder d/e", "sync file d/e/f",
+      "rename folder d d/e", "create folder c", "rename file h unknown"],
+     {"a": "file", "c": FOLDER, "c/x": "file", "d": FOLDER, "d/f": "file", "h": "file"}, []),
+    (["sync file gone", "", "sync file a"], {"a": "file"}, []),
+    (["create file a/b/f", "create file a/b/g", "create folder a/b", "create file x/y/f", "delete file x/y/f",
+      "create file z", "create file z/f"],
+     {"a/b": FOLDER, "a/b/f": "file", "a/b/g": "file", "z/f": "file"}, []),
+    (["sync folder a", "<unknown></unknown>", "sync file b/%41 <>", "change file b/%41 <>"],
+     {"a": FOLDER, "b/%41 <>": "file"}, []),
+    # Names made to look like a problem's end and a record.
+    (["sync folder a", "<error>/w/a</error>", NO, "<error>/w</error>", NO, "<error>/no\ncolon", "</error>", NO],
+     {"a": FOLDER}, ["/w/a", "/w", "/no\ncolon\n"]),
+    (["sync folder e", "sync folder e<", 'sync folder e</error>\n<file action="create" inode="1" modified="1" created="1"'
+      ' size="1">%2fw%2fno<', "<error>/w/e</error>\n" '<file action="create" inode="1" modified="1" created="1" size="1">'
+      "%2fw%2fno<</error>", NO, "<error>/w/e</error>", NO],
+     {"e": FOLDER, "e<": FOLDER, 'e</error>\n<file action="create" inode="1" modified="1" created="1" size="1">%2fw%2fno<':
+      FOLDER}, ['/w/e</error>\n<file action="create" inode="1" modified="1" created="1" size="1">%2fw%2fno<', "/w/e"]),
+    (["sync folder n", f"sync folder n</error>\n{NO}\n<", "<error>/w/n</error>", NO],
+     {"n": FOLDER, f"n</error>\n{NO}\n<": FOLDER}, ["/w/n"]),
+]
+
+
+def as_line(record):
+    if not record or record.startswith("<"):
+        return record
+    action, kind, path, old = (record.split(" ", 3) + [""])[:4] if record.startswith("rename") else [
+        *record.split(" ", 2), ""]
+    old, path = [re.sub("%..", lambda code: code[0].lower(), quote("/w/" + name, safe="")) for name in (old, path)]
+    before = f' oldValue="{old}"' if action == "rename" else ""
+    return f'<{kind} action="{action}" inode="1"{before} modified="1" created="1" size="1">{path}</{kind}>'
+
+
+class Client:
+    """One client on one tool, in a process of its own: what it said, and its last picture."""
+
+    def __init__(self, language, root, *tool, **process):
+        bridge = [sys.executable, HERE + "/bridge.py", root] if language == "py" else [
+            "node", HERE + "/bridge.mjs", root.hex()]
+        self.root, self.rest, self.entries = root, b"", {}
+        self.names, self.said, self.words = [], [], []
+        self.process = subprocess.Popen([*bridge, *tool], stdout=subprocess.PIPE, bufsize=0, **process)
+        self.pid = None
+
+    def take(self, patience=PATIENCE):
+        """Reads what there is, or waits for something; False when it does not come or the client has ended."""
+        data = b""
+        if select.select([self.process.stdout], [], [], patience)[0]:
+            data = self.process.stdout.read(1 << 20)
+        *lines, self.rest = (self.rest + data).split(b"\n")
+        for line in map(json.loads, lines):
+            if isinstance(line, int):
+                self.pid = line
+                continue
+            name, entries, said = line
+            self.entries = {path.encode("latin1"): entry for path, entry in entries.items()}
+            self.names.append(name)
+            self.said += said
+            self.words += [name] + [" ".join(word for word in change if word).replace(self.root.decode("latin1"), "/w")
+                                    for change in said]
+        return bool(data)
+
+    def says(self, name):
+        """Waits for an event of the name."""
+        deadline = time.monotonic() + PATIENCE
+        while name not in self.names and time.monotonic() < deadline and self.take():
+            pass
+        assert name in self.names, (name, self.words)
+
+    def follows(self, root, word):
+        deadline = time.monotonic() + PATIENCE
+        while left := difference(self.entries, disk(root)) + [word] * (bool(word) and word not in self.words):
+            if time.monotonic() > deadline or (not self.take(0.5) and self.process.poll() is not None):
+                sys.exit(f"(path, picture, disk): {left}; said: {self.words[-20:]}")
+        self.words.clear()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+
+
+def follows(tool, language, base):
+    root = os.path.join(base, 'w\n\n\xe9 %41<&>"'.encode() + b"\xff")
+    os.mkdir(root)
+    os.symlink(root, os.path.join(base, b"w"))
+    client = None
+    for commands, words in [(START, "")] + STEPS:
+        soon = b"%d" % (time.time() + 1) if "twice;" in commands and "echo" not in commands else b""
+        last = soon or (last if client else b"")
+        subprocess.run([b"bash", b"-ec", b"IFS=; " + commands.encode()], cwd=base, check=True,
+                       env={**os.environb, b"w": root, b"soon": last})
+        client = client or Client(language, root, tool)
+        client.follows(root, words)
+    client.names.clear()
+    client.says("settled")
+    client.__exit__()
+
+
+def streams(_tool, language, base):
+    for records, wanted, problems in STREAMS:
+        text = "\n".join(map(as_line, records + ["create file last"]))
+        for cut in (40, len(text) // 2):  # what comes in two pieces, between which nothing has to happen
+            with open(os.path.join(base, b"text"), "w", encoding="ascii") as file:
+                file.write(text + "\n<scan action=\"complete\"></scan>\n")
+            script = f'head -c {cut} "$0"; sleep .05; tail -c +{cut + 1} "$0"; exec sleep 1000'
+            with Client(language, b"/w", "sh", "-c", script, os.path.join(base, b"text")) as client:
+                client.says("ready")
+                assert client.words.count("create file /w/last") == 1, client.words
+                came = {path.decode()[3:]: entry if entry == FOLDER else "file"
+                        for path, entry in client.entries.items()}
+                assert came == {**wanted, "last": "file"}, (records, came)
+                paths = [said[1] for said in client.said if said[0] == "problem"]
+                assert paths == problems, (records, paths)
+
+
+def ends(tool, language, base):
+    """Missing, unable, ended, killed, begun again; a client that dies, and one without a standard input."""
+    def file(name, text):
+        path = os.path.join(base, name)
+        with open(path, "w", encoding="ascii") as script:
+            script.write(text)
+        os.chmod(path, 0o700)
+        return path
+
+    scan = '<scan action="complete"></scan>'
+    for command, wanted, words in (
+            ([base + b"/none"], "ToolMissing", "no program"),
+            ([file(b"broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
+            (["sh", "-c", "echo '<version>1</version>'; printf 'watcher not started.'"], "CannotWatch", "not started"),
+            (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if language == "py" else "SIGTERM"),
+            (["sh", "-c", f"echo '{scan}'; exit 3"], "ToolEnded", "status 3")):
+        with Client(language, b"/w", *command) as client:
+            client.says(wanted)
+            assert words in client.said[-1], client.said
+    root = os.path.join(base, b"w")
+    os.mkdir(root)
+    again = file(b"again", f'#!/bin/sh\n[ -e "$0-1" ] && exec {tool} "$@"\ntouch "$0-1"\n'
+                           f"echo '{scan}\n<error>/w</error>\n<error>restart</error>'; exec sleep 1000\n")
+    for standard_input in (subprocess.DEVNULL, "closed"):
+        before = {"preexec_fn": lambda: os.close(0)} if standard_input == "closed" else {"stdin": standard_input}
+        with Client(language, root, again, **before) as client:
+            client.says("ready")
+            client.names.clear()
+            if standard_input == subprocess.DEVNULL:
+                client.says("ready")  # after the restart
+            pid = client.pid if standard_input == "closed" else int(subprocess.check_output(
+                ["pgrep", "-f", "-x", f".*Dirwarden {os.fsdecode(root)} true .*"]))
+            assert comes_true(lambda p=pid: watches(p) > 0)
+            with open(root + b"/" + str(pid).encode(), "w", encoding="ascii"):
+                client.says("changes")
+        assert comes_true(lambda p=pid: not os.path.exists(f"/proc/{p}/fd/1")), "the tool lives on"
+
+
+def main():
+    tool, name, language = sys.argv[1:4]
+    if language == "mjs" and shutil.which("node") is None:
+        print("skipped: there is no Node.js")
+        return SKIPPED
+    with tempfile.TemporaryDirectory(prefix="dirwarden-") as base:
+        {"follows": follows, "streams": streams, "ends": ends}[name](os.path.abspath(tool), language, os.fsencode(base))
+    return 0
+
+
+if __name__ == "__main__":
+    signal.alarm(110)
+    sys.exit(main())
