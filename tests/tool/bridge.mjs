@@ -1,6 +1,6 @@
 // As bridge.py, for the client for Node.js. The folder comes in hexadecimal digits: arguments have to be UTF-8 here.
 
-import { watch } from '../clients/node/lib/watch.js';
+import { watch } from '../../clients/node/lib/watch.js';
 
 const raw = (bytes) => bytes && bytes.toString('latin1');
 

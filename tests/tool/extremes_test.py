@@ -265,7 +265,7 @@ def main():
         CASES[name](tool, base, root)
     finally:
         for watching in Tool.all:
-            watching.watcher.close()
+            watching.close()
         shutil.rmtree(base, ignore_errors=True)
 
 

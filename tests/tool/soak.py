@@ -404,7 +404,7 @@ def main():
         return soak(given, places.prepare(given.on, base))
     finally:
         for watching in Tool.all:
-            watching.watcher.close()
+            watching.close()
         places.clear(base)
 
 

@@ -1,5 +1,6 @@
 """The real tool, followed by the Python client, and what the kernel says of its process."""
 
+import contextlib
 import os
 import select
 import sys
@@ -8,7 +9,7 @@ import time
 
 from picture import FOLDER, difference
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../clients/python/src"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../clients/python/src"))
 import dirwarden  # noqa: E402
 
 PATIENCE = 20  # seconds without anything that is waited for
@@ -61,14 +62,19 @@ class Tool:
     def _read(self):
         while self.error is None:
             self.may_read.wait()
-            select.select([self.watcher], [], [], 0.05)
+            with contextlib.suppress(ValueError, OSError):  # it has been closed
+                select.select([self.watcher], [], [], 0.05)
             with self.lock:
                 try:
                     while (event := self.watcher.next(0)) is not None:
                         if isinstance(event, dirwarden.Changes):
                             self.changes += event
-                except (dirwarden.DirwardenError, ValueError, OSError) as error:
+                except dirwarden.DirwardenError as error:
                     self.error = error
+
+    def close(self):
+        self.error = self.error or "closed"
+        self.watcher.close()
 
     def entries(self):
         with self.lock:
