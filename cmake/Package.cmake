@@ -3,8 +3,10 @@ install(TARGETS Dirwarden RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES man/Dirwarden.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 # Named as the package is, which is not how the project is spelled.
 set(documentation ${CMAKE_INSTALL_DATAROOTDIR}/doc/dirwarden)
-install(FILES README.md DESTINATION ${documentation})
-install(DIRECTORY docs examples DESTINATION ${documentation} USE_SOURCE_PERMISSIONS)
+install(FILES README.md CHANGELOG.md DESTINATION ${documentation})
+# The clients go along as they are: pip and npm install them from there. What an installation from the tree leaves does not.
+install(DIRECTORY docs examples clients DESTINATION ${documentation} USE_SOURCE_PERMISSIONS
+  PATTERN build EXCLUDE PATTERN *.egg-info EXCLUDE PATTERN __pycache__ EXCLUDE PATTERN node_modules EXCLUDE)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dirwarden)

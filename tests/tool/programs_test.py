@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What the documents print and the examples are, run as they are: the recipes of docs/recipes.md by their names, the
+"""What the documents print and the examples are, run as they are: the recipes in docs/ by their names, the
 shortest programs of the clients' READMEs, and the examples.
 
 usage: programs_test.py TOOL CASE [PYTHON MODULES]
@@ -19,7 +19,7 @@ import sys
 import tempfile
 
 from picture import difference, disk
-from tool import comes_true
+from tool import comes_true, watches
 
 SKIPPED = 77
 TREE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -84,8 +84,8 @@ class Place:
 LOG_RUN = ["sh", "-c", "printf x >>runs"]
 
 
-def recipe(name):
-    with open(f"{TREE}/docs/recipes.md", encoding="utf-8") as file:
+def recipe(name, document="recipes.md"):
+    with open(f"{TREE}/docs/{document}", encoding="utf-8") as file:
         language, text = re.search(rf"^```(\w+) {re.escape(name)}\n(.*?)^```$", file.read(), re.M | re.S).groups()
     return {"python": "py"}.get(language, language), text
 
@@ -170,6 +170,17 @@ def service(place):
     assert done.returncode == 0 and not said, done.stdout
 
 
+def count(place):
+    """The watches of all programs, of which one has three folders."""
+    os.makedirs(place.path("folder/a/b"))
+    place.start("sh", "exec Dirwarden folder")
+    watching = place.started[0].pid
+    place.expect("watching", lambda: watches(watching) == 3)
+    assert f"3 {watching} Dirwarden" in subprocess.run(
+        ["sh", "-c", recipe("count", "when-nothing-comes.md")[1]], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+        check=True, text=True).stdout.splitlines()
+
+
 def readmes(place):
     """The shortest programs: the first block of each README."""
     for language, folder in (("py", "python"), ("mjs", "node")):
@@ -240,7 +251,7 @@ def copy_tree(place):
     assert place.read("err") == b"", place.read("err")
 
 
-CASES = {case.__name__: case for case in (burst, build, rsync, loop, nul, finished, service, readmes, on_burst, words,
+CASES = {case.__name__: case for case in (burst, build, rsync, loop, nul, finished, service, count, readmes, on_burst, words,
                                           copy_tree)}
 
 
