@@ -75,8 +75,8 @@ STREAMS = [
       "%2fw%2fno<</error>", NO, "<error>/w/e</error>", NO],
      {"e": FOLDER, "e<": FOLDER, 'e</error>\n<file action="create" inode="1" modified="1" created="1" size="1">%2fw%2fno<':
       FOLDER}, ['/w/e</error>\n<file action="create" inode="1" modified="1" created="1" size="1">%2fw%2fno<', "/w/e"]),
-    (["sync folder n", f"sync folder n</error>\n{NO}\n<", "<error>/w/n</error>", NO],
-     {"n": FOLDER, f"n</error>\n{NO}\n<": FOLDER}, ["/w/n"]),
+    (["sync folder n", f"sync folder n</error>\n{NO}\n<", "<error>/w/n</error>", NO, f"<error>/w/n</error>\n{NO}\n<</error>",
+      NO], {"n": FOLDER, f"n</error>\n{NO}\n<": FOLDER}, ["/w/n", f"/w/n</error>\n{NO}\n<"]),
 ]
 
 

@@ -17,9 +17,10 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 
 from picture import difference, disk
-from tool import comes_true, watches
+from tool import comes_true, dirwarden, watches
 
 SKIPPED = 77
 TREE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -30,7 +31,7 @@ class Place:
     """A folder with the folder to watch, "folder", in it, and all that programs look for on their paths."""
 
     def __init__(self, tool, base, python=sys.executable, modules=None):
-        self.base, self.python, self.started = os.fsencode(base), python, []
+        self.tool, self.base, self.python, self.started = tool, os.fsencode(base), python, []
         os.mkdir(self.path("folder"))
         os.mkdir(self.path("bin"))
         os.symlink(os.fsencode(tool), self.path("bin/Dirwarden"))
@@ -240,7 +241,18 @@ def copy_tree(place):
                                lambda p: os.rename(p, place.path(b"folder/" + names[i % 4]))])(path)
             except OSError:
                 pass
+            time.sleep(chance.random() * chance.choice([0, 0.1]))  # so that a burst is more than one gathering
         place.expect(lambda: difference(tree("copy"), tree("folder")), follow)
+    with dirwarden.watch(place.path("folder"), tool=place.tool) as watcher:  # a move once the contents are reported
+        while not watcher.is_ready:
+            watcher.next(1)
+        os.mkdir(place.path("folder/made"))
+        place.touch("made/file")
+        for change in watcher.changes():
+            if change.path.endswith(b"/file"):
+                break
+    os.rename(place.path("folder/made"), place.path("folder/moved"))
+    place.expect(lambda: difference(tree("copy"), tree("folder")), follow)
     before = tree("copy")
     os.rename(place.path("folder"), place.path("away"))
     os.mkdir(place.path("other"))

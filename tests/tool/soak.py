@@ -15,6 +15,7 @@ and the exit status is 1.
 """
 
 import argparse
+import contextlib
 import os
 import random
 import shutil
@@ -33,6 +34,14 @@ PATIENCE = 12  # seconds from the last change to the equal picture, without the 
 NAMES = [b"a", b"b", b"c", b"d", b"e", b"f g", b"h.txt", b"i.tmp", b"\xff\xfe", b"k<&\">", b"l%41", b"m"]
 
 
+def is_folder(entry):
+    return entry.is_dir(follow_symlinks=False)
+
+
+def is_file(entry):
+    return entry.is_file(follow_symlinks=False)
+
+
 class Mutator:
     """Random operations below one folder, and a spare folder beside it that entries move out to and back from."""
 
@@ -42,7 +51,8 @@ class Mutator:
         self.spare = os.path.join(base, b"spare")
         os.makedirs(self.root, exist_ok=True)
         os.makedirs(self.spare, exist_ok=True)
-        self.done = []
+        self.done = []  # the operations, each with the paths that were chosen for it
+        self.chosen = []
         self.linked = set()  # (device, inode) of the files that have or had several names
         self.clock = 1_000_000_000
         self.operations = [
@@ -60,7 +70,7 @@ class Mutator:
         found = [top or self.root]
         for folder in found:
             try:
-                found += [e.path for e in os.scandir(folder) if e.is_dir(follow_symlinks=False)]
+                found += [e.path for e in os.scandir(folder) if is_folder(e)]
             except OSError:
                 pass
             if len(found) > 300:
@@ -72,7 +82,7 @@ class Mutator:
         at = self.root
         while self.chance.random() < 0.75:
             try:
-                below = [e.path for e in os.scandir(at) if e.is_dir(follow_symlinks=False)]
+                below = [e.path for e in os.scandir(at) if is_folder(e)]
             except OSError:
                 break
             if not below or at.count(b"/") > 12:
@@ -83,8 +93,12 @@ class Mutator:
     def name(self):
         return self.chance.choice(NAMES) + (b"%d" % self.chance.randrange(4))
 
+    def choose(self, paths):
+        self.chosen.append(self.chance.choice(paths))
+        return self.chosen[-1]
+
     def fresh(self):
-        return os.path.join(self.folder(), self.name())
+        return self.choose([os.path.join(self.folder(), self.name())])
 
     def entry(self, wanted=lambda e: True, top=None):
         try:
@@ -93,15 +107,7 @@ class Mutator:
             entries = []
         if not entries:
             raise FileNotFoundError
-        return self.chance.choice(sorted(entries))
-
-    @staticmethod
-    def is_folder(entry):
-        return entry.is_dir(follow_symlinks=False)
-
-    @staticmethod
-    def is_file(entry):
-        return entry.is_file(follow_symlinks=False)
+        return self.choose(sorted(entries))
 
     def stamp(self, path):
         """Another second each time, so that a rewritten file is a changed one."""
@@ -116,12 +122,10 @@ class Mutator:
     def write(self):
         path = self.fresh()
         self.fill(path)
-        return "write", path
 
     def make_folder(self):
         path = self.fresh()
         os.mkdir(path)
-        return "mkdir", path
 
     def make_nested(self):
         path = self.fresh()
@@ -129,39 +133,32 @@ class Mutator:
         os.makedirs(below)
         for folder in self.folders(path):
             self.fill(os.path.join(folder, self.name()))
-        return "mkdir -p", below
 
     def rename(self):
         old, new = self.entry(), self.fresh()
         os.rename(old, new)
-        return "rename", old, new
 
     def rename_folder(self):
-        old, new = self.entry(self.is_folder), self.fresh()
+        old, new = self.entry(is_folder), self.fresh()
         os.rename(old, new)
-        return "rename folder", old, new
 
     def remove(self):
-        path = self.entry(lambda e: not self.is_folder(e))
+        path = self.entry(lambda e: not is_folder(e))
         os.unlink(path)
-        return "unlink", path
 
     def remove_tree(self):
-        path = self.entry(self.is_folder)
+        path = self.entry(is_folder)
         shutil.rmtree(path)
-        return "rm -r", path
 
     def link(self):
-        old, new = self.entry(self.is_file), self.fresh()
+        old, new = self.entry(is_file), self.fresh()
         os.link(old, new)
         status = os.lstat(new)
         self.linked.add((status.st_dev, status.st_ino))
-        return "link", old, new
 
     def symlink(self):
         target, path = self.chance.choice([self.folder(), b"nowhere"]), self.fresh()
         os.symlink(target, path)
-        return "symlink", path
 
     def swap_kind(self):
         path = self.entry()
@@ -172,12 +169,10 @@ class Mutator:
             os.unlink(path)
             os.mkdir(path)
             self.fill(os.path.join(path, self.name()))
-        return "swap kind", path
 
     def move_out(self):
-        old, new = self.entry(), os.path.join(self.spare, self.name())
+        old, new = self.entry(), self.choose([os.path.join(self.spare, self.name())])
         os.rename(old, new)
-        return "move out", old, new
 
     def move_in(self):
         old = self.entry(top=self.spare)
@@ -186,7 +181,6 @@ class Mutator:
                 self.fill(os.path.join(folder, self.name()))
         new = self.fresh()
         os.rename(old, new)
-        return "move in", old, new
 
     def unpack(self):
         """What unpackers do: a temporary name in a new folder, renamed, and then the folder is moved."""
@@ -200,7 +194,6 @@ class Mutator:
             if self.chance.random() < 0.3:
                 os.mkdir(os.path.join(top, b"sub" + name))
         os.rename(top, final)
-        return "unpack", top, final
 
     def exchange(self):
         a, b = self.entry(), self.entry()
@@ -212,68 +205,58 @@ class Mutator:
             os.rename(spare, a)
             raise
         os.rename(spare, b)
-        return "exchange", a, b
 
     def save_atomically(self):
-        path = self.entry(self.is_file)
+        path = self.entry(is_file)
         self.fill(path + b".new")
         os.rename(path + b".new", path)
-        return "save", path
 
     def replace_at_once(self):
-        path, new = self.entry(lambda e: not self.is_folder(e)), self.fresh()
+        path, new = self.entry(lambda e: not is_folder(e)), self.fresh()
         os.unlink(path)
         self.fill(new)
-        return "rm and touch", path, new
 
     def subvolume(self):
         path = self.fresh()
         places.run("btrfs", "subvolume", "create", path)
-        return "subvolume", path
 
     def snapshot(self):
         """Of a subvolume, with the inode numbers and times of the one it is taken of."""
-        path, new = self.chance.choice(self.folders()), self.fresh()
+        path, new = self.choose(self.folders()), self.fresh()
         places.run("btrfs", "subvolume", "snapshot", path, new)
-        return "snapshot", path, new
 
     def mount(self):
-        path = self.chance.choice(self.folders()[1:] or [b""])
+        path = self.choose(self.folders()[1:] or [b""])
         places.run("mount", "-t", "tmpfs", "none", path)
         self.fill(os.path.join(path, self.name()))
-        return "mount", path
 
     def bind_within(self):
         """Some folder, of the tree or beside it, at some place of the tree."""
         if len(places.mounts_below(self.root)) > 5:
             raise OSError
-        what, path = [self.chance.choice(self.folders()[1:] or [b""]) for _ in range(2)]
+        what, path = [self.choose(self.folders()[1:] or [b""]) for _ in range(2)]
         if self.chance.random() < 0.2:
             what = self.spare
         if (path + b"/").startswith(what + b"/"):
             raise OSError
         places.run("mount", "--bind", what, path)
-        return "bind", what, path
 
     def mounted(self):
-        return self.chance.choice(places.mounts_below(self.root) or [b""])
+        return self.choose(places.mounts_below(self.root) or [b""])
 
     def unmount(self):
         path = self.mounted()
         places.run("umount", *self.chance.choice([[], ["-l"]]), path)
-        return "unmount", path
 
     def move_mount(self):
-        path, new = self.mounted(), self.chance.choice(self.folders())
+        path, new = self.mounted(), self.choose(self.folders())
         places.run("mount", "--move", path, new)
-        return "move mount", path, new
 
     def mount_instead(self):
         """What is mounted gives way to something else at once: the kernel uses the free number again."""
-        path, what = self.mounted(), self.chance.choice(self.folders(self.spare))
+        path, what = self.mounted(), self.choose(self.folders(self.spare))
         places.run("umount", path)
         places.run("mount", "--bind", what, path)
-        return "mount instead", path, what
 
     def replace_root(self):
         away = self.root + b".away"
@@ -286,14 +269,15 @@ class Mutator:
             shutil.rmtree(away)
         else:
             os.rename(away, self.root)
-        return "replace root", self.root
 
     def step(self):
-        operation = self.chance.choices(self.operations, self.weights)[0][1]
-        try:
-            self.done.append(operation())
-        except OSError:
-            pass
+        self.do(self.chance.choices(self.operations, self.weights)[0][1])
+
+    def do(self, operation):
+        self.chosen = []
+        with contextlib.suppress(OSError):
+            operation()
+            self.done.append((operation.__name__, *self.chosen))
 
 
 def settle(tool, mutator):
@@ -344,10 +328,7 @@ def disturb(mode, tool, mutator, chance):
     elif mode == "root":
         for _ in range(chance.randrange(5, 40)):
             mutator.step()
-        try:
-            mutator.done.append(mutator.replace_root())
-        except OSError:
-            pass
+        mutator.do(mutator.replace_root)
         for _ in range(chance.randrange(20)):
             mutator.step()
 
