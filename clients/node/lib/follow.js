@@ -46,6 +46,7 @@ export class Follower {
   #batch = [];
   #problems = [];
   #heard = 0;
+  #wasLate = false; // the rest has been read as all that comes
   #isMoving = false; // something happened since the last settled
   #looks = new Map(); // entries by the second that has to be over
   #folder = null; // of the sync record before: its encoded path and its entry
@@ -59,15 +60,22 @@ export class Follower {
   // When something is to be done although nothing comes, as seconds from now; null for never.
   wait(now) {
     const waits = [];
-    if (this.rest.startsWith(ERROR) || this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
+    const isOpen = this.rest.startsWith(ERROR) && !this.#wasLate;
+    if (isOpen || this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
     if (this.#looks.size > 0) waits.push(Math.min(...this.#looks.keys()) + 1 + CLOCK_LAG - wallClock());
     if (this.#isMoving) waits.push(this.#heard + this.quiet - now);
     return waits.length > 0 ? Math.max(Math.min(...waits), 0) : null;
   }
 
+  // Time in which nothing was read is no pause.
+  resume(now) { this.#heard = now; }
+
   passTime(now) {
     if (now - this.#heard >= PAUSE) {
-      if (this.rest.startsWith(ERROR)) this.#read(this.rest, true);
+      if (this.rest.startsWith(ERROR) && !this.#wasLate) {
+        this.#wasLate = true;
+        this.#read(this.rest, true);
+      }
       this.#endBatch();
     }
     const due = wallClock() - 1 - CLOCK_LAG;
@@ -84,6 +92,7 @@ export class Follower {
 
   feed(data, now) {
     this.#heard = now;
+    this.#wasLate = false;
     this.#read(this.rest + data, false);
   }
 

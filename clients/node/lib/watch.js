@@ -106,14 +106,15 @@ export class Watcher extends EventEmitter {
 
   // Hands the events on, and comes back when there may be more.
   #turn() {
-    if (this.#isClosed) return;
+    if (this.#isClosed || this.#child?.stdout.isPaused()) return;
     clearTimeout(this.#timer);
     const follower = this.#follower;
     follower.passTime(now());
     this.#handOn(follower);
     if (follower !== this.#follower || this.#isClosed) return;
     const wait = follower.wait(now());
-    if (wait !== null) this.#timer = setTimeout(() => this.#turn(), wait * 1000 + 1);
+    // What came while the program was busy is read before the time is looked at.
+    if (wait !== null) this.#timer = setTimeout(() => setImmediate(() => this.#turn()), wait * 1000 + 1);
   }
 
   #handOn(follower) {
@@ -183,7 +184,12 @@ export class Watcher extends EventEmitter {
         while (queue.events.length > 0) yield queue.events.shift();
         if (this.#error) throw this.#error;
         if (this.#isClosed) return;
-        this.#child?.stdout.resume();
+        if (this.#child?.stdout.isPaused()) {
+          this.#child.stdout.resume();
+          this.#follower.resume(now());
+          this.#turn();
+        }
+        if (queue.events.length > 0) continue;
         await new Promise((resolve) => { queue.wake = resolve; });
       }
     } finally {

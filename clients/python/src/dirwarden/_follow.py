@@ -85,6 +85,7 @@ class Follower(Generic[AnyStr]):
         self._batch: Changes[AnyStr] = Changes()
         self._problems: List[Problem[AnyStr]] = []
         self._heard = 0.0
+        self._was_late = False  # the rest has been read as all that comes
         self._is_moving = False  # something happened since the last Settled
         self._looks: Dict[int, List[Entry]] = {}  # by the second that has to be over
         self._folder: Tuple[Optional[bytes], Optional[Entry]] = (None, None)  # of the sync record before
@@ -93,7 +94,7 @@ class Follower(Generic[AnyStr]):
 
     def wait(self, now: float) -> Optional[float]:
         waits = []
-        if self.rest.startswith(ERROR) or self._batch:
+        if self._batch or (self.rest.startswith(ERROR) and not self._was_late):
             waits.append(self._heard + PAUSE - now)
         if self._looks:
             waits.append(min(self._looks) + 1 + CLOCK_LAG - time.time())
@@ -102,8 +103,10 @@ class Follower(Generic[AnyStr]):
         return max(min(waits), 0) if waits else None
 
     def pass_time(self, now: float) -> None:
+        """To be called when nothing waits to be read: time that the program took for itself is no pause."""
         if now - self._heard >= PAUSE:
-            if self.rest.startswith(ERROR):
+            if self.rest.startswith(ERROR) and not self._was_late:
+                self._was_late = True
                 self._read(self.rest, is_late=True)
             self._end_batch()
         due = time.time() - 1 - CLOCK_LAG
@@ -115,7 +118,7 @@ class Follower(Generic[AnyStr]):
             self.events.append(Settled())
 
     def feed(self, data: bytes, now: float) -> None:
-        self._heard = now
+        self._heard, self._was_late = now, False
         self._read(self.rest + data if self.rest else data)
 
     def end(self) -> None:

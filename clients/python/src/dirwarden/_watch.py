@@ -105,8 +105,26 @@ class _Base(Generic[AnyStr]):
         self._close()
         self._start()
 
+    def _poll(self, wait: Optional[float]) -> bool:
+        """Whether something can be read within so many seconds."""
+        poll = select.poll()
+        poll.register(self._output, select.POLLIN)
+        return bool(poll.poll(None if wait is None else max(wait, 0) * 1000))
+
+    def _advance(self) -> "Optional[Event[AnyStr]]":
+        """The next event if there is one now."""
+        follower = self._follower
+        if not follower.events:
+            if not self._is_at_end and self._poll(0):
+                self._read()
+            follower.pass_time(time.monotonic())
+        if follower.events:
+            return follower.events.popleft()
+        if self._is_at_end:
+            raise self._ended()
+        return None
+
     def _read(self) -> None:
-        """What has come; nothing when the output has ended."""
         data = os.read(self._output, 1 << 16)
         if data:
             self._follower.feed(data, time.monotonic())
@@ -160,24 +178,17 @@ class Watcher(_Base[AnyStr]):
             return event
 
     def _next(self, deadline: Optional[float]) -> Optional[Event[AnyStr]]:
-        follower = self._follower
         while not self._is_closed:
+            event = self._advance()
+            if event is not None:
+                return event
             now = time.monotonic()
-            follower.pass_time(now)
-            if follower.events:
-                return follower.events.popleft()
-            if self._is_at_end:
-                raise self._ended()
-            wait = follower.wait(now)
+            wait = self._follower.wait(now)
             if deadline is not None:
+                if now >= deadline:
+                    return None
                 wait = deadline - now if wait is None else min(wait, deadline - now)
-            poll = select.poll()
-            poll.register(self._output, select.POLLIN)
-            if poll.poll(None if wait is None else max(wait, 0) * 1000):
-                self._read()
-            elif deadline is not None and time.monotonic() >= deadline:
-                follower.pass_time(time.monotonic())
-                return follower.events.popleft() if follower.events else None
+            self._poll(wait)
         return None
 
     def __iter__(self) -> Iterator[Event[AnyStr]]:
@@ -224,15 +235,14 @@ class AsyncWatcher(_Base[AnyStr]):
         if self._waiting is not None and not self._waiting.done():
             self._waiting.set_result(None)
 
-    async def _readable(self, wait: Optional[float]) -> bool:
+    async def _readable(self, wait: Optional[float]) -> None:
         loop = asyncio.get_running_loop()
         waiting = self._waiting = loop.create_future()
         loop.add_reader(self._output, self._wake)
         try:
             await asyncio.wait_for(waiting, wait)
-            return not self._is_closed
         except asyncio.TimeoutError:
-            return False
+            pass
         finally:
             if not self._is_closed:
                 loop.remove_reader(self._output)
@@ -240,15 +250,10 @@ class AsyncWatcher(_Base[AnyStr]):
     async def next(self) -> Optional[Event[AnyStr]]:
         """The next event; None when the watcher is closed."""
         while not self._is_closed:
-            follower = self._follower
-            now = time.monotonic()
-            follower.pass_time(now)
-            if follower.events:
-                return follower.events.popleft()
-            if self._is_at_end:
-                raise self._ended()
-            if await self._readable(follower.wait(now)):
-                self._read()
+            event = self._advance()
+            if event is not None:
+                return event
+            await self._readable(self._follower.wait(time.monotonic()))
         return None
 
     async def __aiter__(self) -> AsyncIterator[Event[AnyStr]]:
