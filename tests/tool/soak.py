@@ -120,12 +120,10 @@ class Mutator:
         self.stamp(path)
 
     def write(self):
-        path = self.fresh()
-        self.fill(path)
+        self.fill(self.fresh())
 
     def make_folder(self):
-        path = self.fresh()
-        os.mkdir(path)
+        os.mkdir(self.fresh())
 
     def make_nested(self):
         path = self.fresh()
@@ -135,20 +133,16 @@ class Mutator:
             self.fill(os.path.join(folder, self.name()))
 
     def rename(self):
-        old, new = self.entry(), self.fresh()
-        os.rename(old, new)
+        os.rename(self.entry(), self.fresh())
 
     def rename_folder(self):
-        old, new = self.entry(is_folder), self.fresh()
-        os.rename(old, new)
+        os.rename(self.entry(is_folder), self.fresh())
 
     def remove(self):
-        path = self.entry(lambda e: not is_folder(e))
-        os.unlink(path)
+        os.unlink(self.entry(lambda e: not is_folder(e)))
 
     def remove_tree(self):
-        path = self.entry(is_folder)
-        shutil.rmtree(path)
+        shutil.rmtree(self.entry(is_folder))
 
     def link(self):
         old, new = self.entry(is_file), self.fresh()
@@ -171,8 +165,7 @@ class Mutator:
             self.fill(os.path.join(path, self.name()))
 
     def move_out(self):
-        old, new = self.entry(), self.choose([os.path.join(self.spare, self.name())])
-        os.rename(old, new)
+        os.rename(self.entry(), self.choose([os.path.join(self.spare, self.name())]))
 
     def move_in(self):
         old = self.entry(top=self.spare)
@@ -222,8 +215,7 @@ class Mutator:
 
     def snapshot(self):
         """Of a subvolume, with the inode numbers and times of the one it is taken of."""
-        path, new = self.choose(self.folders()), self.fresh()
-        places.run("btrfs", "subvolume", "snapshot", path, new)
+        places.run("btrfs", "subvolume", "snapshot", self.choose(self.folders()), self.fresh())
 
     def mount(self):
         path = self.choose(self.folders()[1:] or [b""])
