@@ -31,8 +31,6 @@ const char* const kStories[] = {
     "rename folder A -> Z; rename file Z/f -> B/f",
     "moveIntoRenamedFolder: mv A/f B/f; mv B Z | Z/ A/ / | "
     "rename folder B -> Z; rename file A/f -> Z/f",
-    "folderMove: mv A B/C; rm B/C/f; touch B/C/k | B/ / | rename folder A -> B/C || - "
-    "| B/C/ B/C/ | delete file B/C/f; create file B/C/k",
     "folderMoveNamedAtItsOldPlace: mv A B/C | / A/ B/ | "
     "delete file A/f; rename folder A -> B/C; create file B/C/f",
     "folderMoveNamedAtItsNewPlace: mv A B/C; rm B/C/f | / B/C/ B/ | "
@@ -44,7 +42,9 @@ const char* const kStories[] = {
     "-",
     "swap: touch A/g 2 | A/ | create file A/g || "
     "swap A/f A/g | A/ A/ | change file A/f; change file A/g",
-    "folderSwap: swap A B | A/ B/ / | rename file A/f -> B/f || mv A C | / | rename folder A -> C",
+    "folderSwap: swap A B | A/ B/ / | rename file A/f -> B/f",
+    "folderLast: mkdir N; touch N/x 1 | N/ | create file N/x || touch N/x 2 | N/ | "
+    "create file N/x || - | / | create folder N; create file N/x",
     "fileAndFolderSwap: touch g | / | create file g || swap A g | / / | "
     "delete file g; rename folder A -> g; create file A",
     "severalNames: ln A/f A/h; ln A/f B/h | A/ B/ | create file B/h; create file A/h || "
@@ -69,8 +69,23 @@ const char* const kStories[] = {
 };
 
 // What happens while a batch is compared: before it; step by step the changes, each followed by the
-// comparison of a folder; the records; then another batch and its records.
+// comparison of a folder; the records; then, unless nothing is in doubt, another batch and its
+// records.
 const char* const kRaces[] = {
+    "newFolder: - | mkdir N; touch N/x > / | create folder N; create file N/x",
+    "goneAndMadeAgain: - | rm A > /, mkdir A; touch A/n > / | "
+    "delete folder A; create folder A; create file A/n",
+    "madeAgainAndCompared: - | rm A > /, mkdir A; touch A/f 1 > /, - > A/ | "
+    "delete folder A; create folder A; create file A/f",
+    "passesThroughAFolder: mkdir i | mv A/f B/t > B/, mv B/t i/t > i/, - > A/ | "
+    "create file B/t; rename file A/f -> i/t | B/ | delete file B/t",
+    "entryOfAGoneFolder: - | mkdir N; touch N/x > N/, rm N; mv A N > / | "
+    "create file N/x; delete file N/x; rename folder A -> N | none/ | -",
+    "entriesBelowANewFile: - | mkdir N/M; touch N/M/x > N/, - > N/M/, rm N; touch N > / | "
+    "create folder N/M; error N/M; error Not a directory; create file N/M/x; delete file N/M/x; "
+    "delete folder N/M; create file N | none/ | -",
+    "entryBelowAnOldFile: touch N | rm N; mkdir N; touch N/x > N/ | - | / | "
+    "delete file N; create folder N; create file N/x",
     "cameAndWent: - | mv A/f B/t > B/, mv B/t A/f > B/, - > A/ | "
     "create file B/t; delete file B/t | none/ | -",
     "movesTwice: - | mv A/f B/t > B/, - > A/, mv B/t B/u > B/ | "
@@ -126,8 +141,8 @@ TEST_P(StoryTest, IsReported) {
     const Texts parts = pieces(step, " | ");
     run(parts[0]);
     EXPECT_EQ(batch(pieces(parts[1])), texts(parts[2])) << step;
-    expectNothingInDoubt();
   }
+  expectNothingInDoubt();
 }
 
 TEST_P(RaceStoryTest, IsReported) {
@@ -144,7 +159,9 @@ TEST_P(RaceStoryTest, IsReported) {
   FSChangeBatch(tree(), changes(), transit).Emit();
   transit.Check();
   EXPECT_EQ(records(), texts(parts[2]));
-  EXPECT_EQ(batch({parts[3]}), texts(parts[4]));
+  if (parts.size() > 3) {
+    EXPECT_EQ(batch({parts[3]}), texts(parts[4]));
+  }
   expectNothingInDoubt();
 }
 

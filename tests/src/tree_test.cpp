@@ -122,4 +122,15 @@ TEST_F(TreeTest, KeepsWhatTheReaderHasWhenItReportsWhatIsNew) {
                               "delete folder A/kind", "rename file A/old -> A/name"}));
 }
 
+TEST_F(TreeTest, FollowsUnreadFoldersThatMoveOrGo) {
+  folder.run("mkdir A; mkdir B");
+  watch();
+  for (const char* name : {"A", "B"}) tree().NoteReading(folder / name, FSReading::failed);
+  folder.run("mv A C; touch C/n");
+  EXPECT_EQ(batch({"/"}), (Texts{"rename folder A -> C", "create file C/n"}));
+  folder.run("rm B");
+  EXPECT_EQ(batch({"/"}), Texts{"delete folder B"});
+  EXPECT_FALSE(tree().retries.Next());
+}
+
 }  // namespace

@@ -51,7 +51,8 @@ class Reader {
     }
     if (isRename) drop(old);
     if (record.action != "change") drop(path);
-    if (record.action != "delete") entries[path] = isFolder ? kFolder : std::stoll(record.modified);
+    if (record.action != "delete")
+      entries[path] = isFolder ? kFolder : static_cast<int64_t>(std::stoull(record.modified));
     entries.merge(moved);
   }
 
