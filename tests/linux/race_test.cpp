@@ -179,7 +179,7 @@ TEST_P(RaceTest, TheReadersPictureIsTheDiskWhateverHappensDuringACallback) {
       const auto [saved, current] = files();
       ASSERT_EQ(saved, current) << state(round);
     }
-    expectNothingInDoubt();
+    expectNothingLeft();
     ASSERT_FALSE(HasFailure()) << state(round);
   }
   EXPECT_GT(injected, 500);

@@ -142,7 +142,7 @@ TEST_P(StoryTest, IsReported) {
     run(parts[0]);
     EXPECT_EQ(batch(pieces(parts[1])), texts(parts[2])) << step;
   }
-  expectNothingInDoubt();
+  expectNothingLeft();
 }
 
 TEST_P(RaceStoryTest, IsReported) {
@@ -162,7 +162,7 @@ TEST_P(RaceStoryTest, IsReported) {
   if (parts.size() > 3) {
     EXPECT_EQ(batch({parts[3]}), texts(parts[4]));
   }
-  expectNothingInDoubt();
+  expectNothingLeft();
 }
 
 TEST_F(CallbackTest, GivesARenameTheAttributesOfItsEarlierHalf) {

@@ -104,6 +104,8 @@ TEST_F(ReconciliationTest, ReportsEveryMoveAndReachesTheDiskInTwoPasses) {
     for (const auto& [old, name] : moves(before, after)) ASSERT_EQ(renames[old], name) << old;
     count += renames.size();
     ASSERT_EQ(batch({"D/"}), Texts{});
+    expectNothingLeft();
+    ASSERT_FALSE(HasFailure());
   }
   EXPECT_GT(count, 500U);
 }
