@@ -81,7 +81,7 @@ class Queue : public testing::Test {
 TEST_F(Queue, IsWrittenInOrderUntilStopped) {
   changes.encodeOutput = true;
   changes.StopThrow();
-  changes.AppendOutput("first", false);
+  changes.AppendOutput(std::string("first\0lost", 10), false);
   changes.Append(change("rootcreate", true));
   for (const char* line : {"", "last"}) changes.AppendOutput(line, true);
   for (const int limit : {-1, 0}) {  // cycles that write nothing
