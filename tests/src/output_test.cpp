@@ -84,11 +84,10 @@ TEST_F(Queue, IsWrittenInOrderUntilStopped) {
   changes.AppendOutput(std::string("first\0lost", 10), false);
   changes.Append(change("rootcreate", true));
   for (const char* line : {"", "last"}) changes.AppendOutput(line, true);
-  for (const int limit : {-1, 0}) {  // cycles that write nothing
-    changes.StartThrow(limit);
-    changes.StopThrow();
-    EXPECT_EQ(written(), "");
-  }
+  changes.StartThrow(-1);  // a cycle that writes nothing
+  changes.StopThrow();
+  EXPECT_EQ(written(), "");
+  changes.StartThrow(0);
   changes.StartThrow(4);
   EXPECT_TRUE(comesTrue([&] { return queued(changes) == 0; }));
   changes.StopThrow();
@@ -115,8 +114,8 @@ TEST_F(Queue, IsWrittenInCyclesOfSoManyLines) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
-// Nothing is lost or torn when a disk is full for a while. A limit on the size of files does as
-// well.
+// Nothing is lost or torn when a disk is full for a while. A limit on the size of files does the
+// same, once just before a line feed.
 TEST_F(Queue, KeepsWhatIsRefused) {
   std::signal(SIGXFSZ, SIG_IGN);
   rlimit before{};
@@ -126,7 +125,7 @@ TEST_F(Queue, KeepsWhatIsRefused) {
     changes.AppendOutput("line " + std::to_string(i), false);
     all += "line " + std::to_string(i) + "\n";
   }
-  for (const rlim_t limit : {rlim_t{0}, rlim_t{100}, rlim_t{350}, before.rlim_cur}) {
+  for (const rlim_t limit : {rlim_t{0}, rlim_t{101}, rlim_t{350}, before.rlim_cur}) {
     const rlimit now{limit, before.rlim_max};
     setrlimit(RLIMIT_FSIZE, &now);
     changes.StartThrow(3000);
