@@ -23,7 +23,7 @@ from picture import difference, disk
 from tool import comes_true, dirwarden, watches
 
 SKIPPED = 77
-TREE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+TREE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 ODD = b" it's \"odd\" %41 \\x41 \xff\xc3\xa9\n*\n"
 
 
