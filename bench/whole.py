@@ -164,19 +164,28 @@ class Bench:
                     raise RuntimeError("watches are missing")
         return *(ready if is_ready else rest), *rest
 
+    def start_inotifywait(self, folder):
+        """The CPU time until a program that sets the same watches, but keeps no files, is ready."""
+        other = Process(["inotifywait", "-q", "-m", "-r", folder])
+        cpu = other.wait_for_rest()[1]
+        other.close()
+        return (cpu,)
+
     def start_ups(self, sizes):
         growth = []
         for folders, runs in sizes:
             tree = self.tree(folders)
-            bare, tool = [], []
+            bare, tool, other = [], [], []
             for _ in range(runs):
                 bare.append(self.bare("watch", tree)[:2])
                 tool.append(self.start(tree, folders))
-            bare, tool = [min(column) for column in zip(*bare)], [min(column) for column in zip(*tool)]
+                other.append(self.start_inotifywait(tree))
+            bare, tool, other = [[min(column) for column in zip(*runs)] for runs in (bare, tool, other)]
             name = f"start-up, {folders * FILES_PER_FOLDER:,} files: "
-            self.table.row(name + "until ready, wall", tool[0], bare[0], 1.4)
+            self.table.row(name + "until ready, wall", tool[0], bare[0], 1.3 if folders == 10000 else None)
             self.table.row(name + "until ready, CPU", tool[1], bare[1])
-            self.table.row(name + "until at rest, CPU", tool[3], bare[1])
+            self.table.row(name + "until at rest, CPU", tool[3], bare[1], 1.4)
+            self.table.row(name + "the same, against inotifywait -r", tool[3], other[0], 1)
             growth.append((folders * FILES_PER_FOLDER, tool[1], bare[1]))
         (few, *first), (many, *last) = growth[0], growth[-1]
         if many > few:
@@ -196,8 +205,11 @@ class Bench:
             if folder == empty:
                 self.table.row("memory of an empty tree, resident", rss / 1024, kind="KiB")
                 self.table.row("memory of an empty tree, anonymous", private / 1024, kind="KiB")
-        self.table.row(f"memory, {entries:,} entries, resident, each", rss / entries, bar=300, kind="B")
+        self.table.row(f"memory, {entries:,} entries, resident, each", rss / entries,
+                       bar=165 if folders == 10000 else 130, kind="B")
         self.table.row(f"memory, {entries:,} entries, anonymous, each", private / entries, kind="B")
+        if folders > 10000:
+            return
         with open(os.path.join(self.base, "listing"), "wb") as output:
             with self.watching(tree, "true", output=output) as tool:
                 tool.wait_for_rest(1, 0.01)
@@ -206,7 +218,7 @@ class Bench:
                 tool.wait_for_rest(1)
                 rss = tool.memory("Rss")
         self.table.row("memory with the whole listing queued, each", most / entries, kind="B")
-        self.table.row("memory after the whole listing, each", rss / entries, bar=300, kind="B")
+        self.table.row("memory after the whole listing, each", rss / entries, kind="B")
 
     def idle(self, folders=10000, seconds=12):
         with self.watching(self.tree(folders)) as tool:
@@ -215,6 +227,54 @@ class Bench:
             time.sleep(seconds)
             share = 100 * (tool.cpu() - used) / (time.monotonic() - at)
         self.table.row(f"idle, {folders * FILES_PER_FOLDER:,} files: share of a core", share, bar=0.1, kind="%")
+
+    def crowded(self, entries=100000):
+        """One large folder: what single changes cost in it, and very many new files."""
+        top = os.path.join(self.base, "crowded")
+        os.mkdir(top)
+        for i in range(entries):
+            os.mknod(f"{top}/entry-{i:06}", 0o644)
+        with self.watching(top) as tool:
+            tool.wait_for_rest(2)
+
+            def cost(change, wait=0.0):
+                used, at = tool.cpu(), time.monotonic()
+                change()
+                time.sleep(wait)
+                return tool.cpu() - used, time.monotonic() - at
+
+            def append(seconds=15):
+                with open(f"{top}/entry-000007", "ab", buffering=0) as file:
+                    for _ in range(seconds * 100):
+                        file.write(b"x")
+                        time.sleep(0.01)
+
+            touched = max(cost(lambda i=i: os.utime(f"{top}/entry-{i:06}", (i, i)), 1.5)[0] for i in range(3))
+            used, wall = cost(append)
+            # Including the full reading that follows when the folder has come to rest.
+            full = cost(lambda: None, 45)[0]
+        self.table.row(f"one file touched among {entries:,}", touched, bar=0.01)
+        self.table.row("the full reading when it has come to rest", full)
+        self.table.row(f"one file appended 100 times a second among {entries:,}", 100 * used / wall, bar=1.5, kind="%")
+        shutil.rmtree(top)
+        self.creations()
+
+    def creations(self, before=50000, new=50000, seconds=16):
+        top = os.path.join(self.base, "crowded")
+        os.mkdir(top)
+        for i in range(before):
+            os.mknod(f"{top}/entry-{i:06}", 0o644)
+        with self.watching(top) as tool:
+            tool.wait_for_rest(2)
+            used, at = tool.cpu(), time.monotonic()
+            for i in range(new):
+                os.mknod(f"{top}/new-{i:06}", 0o644)
+                if i % 100 == 0:
+                    time.sleep(max(0, at + seconds * i / new - time.monotonic()))
+            time.sleep(3)
+            used = tool.cpu() - used
+        shutil.rmtree(top)
+        self.table.row(f"{new:,} files made in {seconds} s in a folder of {before:,}", used, bar=2, kind="s")
 
     def unreadable(self, folders=20000, seconds=20):
         """A file is written ten times a second beside folders that the tool, as another user, cannot read."""
@@ -335,7 +395,7 @@ def drain(path):
 
 
 def main():
-    names = sys.argv[2:] or ["micro", "start-up", "large", "memory", "idle", "unreadable", "storm"]
+    names = sys.argv[2:] or ["micro", "start-up", "large", "memory", "idle", "crowded", "unreadable", "storm"]
     os.environ.setdefault("TMPDIR", "/dev/shm" if os.access("/dev/shm", os.W_OK) else "/tmp")
     base = tempfile.mkdtemp(prefix="dw")
     try:
@@ -343,10 +403,12 @@ def main():
         sizes = [(1000, 7), (10000, 5)] if "start-up" in names else []
         sizes += [(50000, 3)] if "large" in names else []
         steps = {"micro": bench.micros, "start-up": lambda: bench.start_ups(sizes), "memory": bench.memory,
-                 "idle": bench.idle, "unreadable": bench.unreadable, "storm": bench.storm}
-        if "large" in names and "start-up" not in names:
-            steps["large"] = steps.pop("start-up")
-        if unknown := set(names) - set(steps) - {"large"}:
+                 "idle": bench.idle, "crowded": bench.crowded, "unreadable": bench.unreadable, "storm": bench.storm}
+        if "large" in names:
+            steps["large"] = lambda: bench.memory(50000)
+            if "start-up" not in names:
+                bench.start_ups(sizes)
+        if unknown := set(names) - set(steps):
             sys.exit("no such benchmark: " + ", ".join(unknown))
         for name, step in steps.items():
             if name in names:

@@ -78,6 +78,7 @@ void FSChangeEvents::StartThrow(int limit) {
 void FSChangeEvents::ThrowEvents() {
   while (runState != stopped) {
     WriteLines();
+    FSStandardOutput::EndIfUnread();  // also in a quiet tree
     std::this_thread::sleep_until(std::chrono::steady_clock::now() + kPause);
   }
 }

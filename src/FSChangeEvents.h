@@ -41,7 +41,8 @@ class FSChangeEvents {
   // running, only the limit changes. Throws std::system_error when no thread can be had.
   void StartThrow(int limit);
 
-  // The emitter's loop; nothing but the emitter thread calls it.
+  // The emitter's loop; nothing but the emitter thread calls it. Ends the process when nobody can
+  // read standard output any more.
   void ThrowEvents() EXCLUDES(outputLock);
 
   // Ends the emitter and waits for its batch and pause; lines still queued stay. Nothing when none

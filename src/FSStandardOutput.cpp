@@ -36,6 +36,10 @@ void FSStandardOutput::EndWithReader() {
   pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
 }
 
+void FSStandardOutput::EndIfUnread() {
+  if (!canBeRead(0)) end();
+}
+
 size_t FSStandardOutput::Write(std::string_view text) {
   size_t written = 0;
   while (written < text.size()) {

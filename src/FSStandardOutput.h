@@ -6,14 +6,17 @@
 
 namespace FSStandardOutput {
 
-// Gives the signal that ends the process when its reader has gone its usual effect, whatever the
-// parent process made of it. Before any other thread runs.
+// Restores the default action of SIGPIPE, which the parent process may have changed. Before any
+// other thread runs.
 void EndWithReader();
 
+// Ends the process, as the next line would, when nobody can read it any more.
+void EndIfUnread();
+
 // Writes as much of the text as can be written now, and returns how many bytes that is. Where
-// standard output blocks, or would, it waits. Fewer than all: the rest is refused for now, for want
-// of room on a disk, say. Does not return when nobody can ever read it: the process ends as it does
-// when its reader has gone.
+// standard output blocks, or would, it waits. Fewer than all: the rest is refused for now, for
+// example because a disk is full. Does not return when nobody can ever read it: the process ends as
+// it does when its reader has gone.
 size_t Write(std::string_view text);
 
 // Writes the text whole, trying again once a second.

@@ -8,14 +8,15 @@ PLACE is a folder, or the name of a file system that is made for it (places.py):
 subvolumes and snapshots), overlay, bindfs, binds (parts of the tree are mounted at other places of it too) and mounts
 (file systems come, go and move in it). Exit status 77: it cannot be had here.
 
-Modes (all of them in turn when none is named): mixed, burst (more lines than the emitter's pace), stopped (the tool
+Modes (the first five in turn when none is named): mixed, burst (more lines than the emitter's pace), stopped (the tool
 is stopped while the kernel's queue overflows), stalled (nobody reads for a while), root (the watched folder itself
-goes, comes and is replaced). A failure prints the seed, the first differences and the operations that touched them,
+goes, comes and is replaced), crowded (one folder of 50,000 files, which is read by names). A failure prints the seed, the first differences and the operations that touched them,
 and the exit status is 1.
 """
 
 import argparse
 import contextlib
+import mmap
 import os
 import random
 import shutil
@@ -29,6 +30,7 @@ from picture import FOLDER, difference, disk
 from tool import Tool
 
 MODES = ["mixed", "burst", "stopped", "stalled", "root"]
+CROWD = 50000  # files
 LINES_PER_SECOND = 3000
 PATIENCE = 12  # seconds from the last change to the equal picture, without the emitter's backlog
 NAMES = [b"a", b"b", b"c", b"d", b"e", b"f g", b"h.txt", b"i.tmp", b"\xff\xfe", b"k<&\">", b"l%41", b"m"]
@@ -149,6 +151,49 @@ class Mutator:
         os.link(old, new)
         status = os.lstat(new)
         self.linked.add((status.st_dev, status.st_ino))
+
+    def crowd(self):
+        """A change in one very large folder, or of that folder itself."""
+        places_of_it = [os.path.join(self.root, b"crowd"), os.path.join(self.root, b"place", b"crowd")]
+        top = next((path for path in places_of_it if os.path.isdir(path)), None)
+        if top is None:
+            top = places_of_it[0]
+            os.mkdir(top)
+            for i in range(CROWD):
+                os.mknod(b"%s/n%05d" % (top, i), 0o644)
+                os.utime(b"%s/n%05d" % (top, i), (i, i))
+        one, other = [self.choose([b"%s/n%05d" % (top, self.chance.randrange(CROWD + 50))]) for _ in range(2)]
+        kind = self.chance.randrange(100)
+        if kind == 0:
+            os.makedirs(os.path.dirname(places_of_it[1]), exist_ok=True)
+            os.rename(top, places_of_it[top == places_of_it[0]])
+        elif kind < 25:
+            self.fill(one)
+        elif kind < 45:
+            os.rename(one, other)
+        elif kind < 55:
+            spare = one + b".swap"
+            os.rename(one, spare)
+            with contextlib.suppress(OSError):
+                os.rename(other, one)
+            os.rename(spare, other)
+        elif kind < 65:
+            os.link(one, other)
+            status = os.lstat(other)
+            self.linked.add((status.st_dev, status.st_ino))
+        elif kind < 75:
+            os.unlink(one)
+        elif kind < 85:
+            os.unlink(one)
+            os.mkdir(one)
+        elif kind < 90:
+            os.rmdir(one)
+        else:
+            with open(one, "wb") as file:
+                file.write(b"some")
+            self.stamp(one)  # the mapping's second is another one
+            with open(one, "r+b") as file, mmap.mmap(file.fileno(), 0) as mapping:
+                mapping[0:1] = b"y"
 
     def symlink(self):
         target, path = self.chance.choice([self.folder(), b"nowhere"]), self.fresh()
@@ -323,6 +368,11 @@ def disturb(mode, tool, mutator, chance):
         mutator.do(mutator.replace_root)
         for _ in range(chance.randrange(20)):
             mutator.step()
+    elif mode == "crowded":
+        for _ in range(chance.randrange(10, 500)):
+            mutator.do(mutator.crowd)
+            if chance.random() < 0.1:
+                time.sleep(chance.random() * chance.choice([0.01, 0.1, 0.6]))
 
 
 def remove(entries):
