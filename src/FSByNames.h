@@ -1,5 +1,5 @@
-// When folders are read in full of which only some names have been examined. Reading them takes
-// about one hundredth of a processor at most, however large and busy they are.
+// Decides when a folder of which only some names have been examined is read in full. Reading such
+// folders takes about one hundredth of a processor at most, however large and busy they are.
 //
 // Owned by FSTree; main thread only. Times are arguments.
 #pragma once
@@ -18,7 +18,7 @@ class FSByNames {
   using Time = Clock::time_point;
 
   struct Use {
-    Time first, last;      // time that names of it have been examined
+    Time first, last;      // when names of it were examined, since it was read in full
     uint32_t entries = 0;  // of the whole folder
   };
   using Uses = std::map<std::string, Use, std::less<>>;  // by folder
@@ -30,18 +30,19 @@ class FSByNames {
     at->second.entries = entries;
   }
 
-  // It has been read in full, or is gone.
+  // The folder has been read in full, or is gone.
   void Remove(const std::string& folder) { uses_.erase(folder); }
   void Clear() { uses_.clear(); }
 
-  // When the next folder has to be read; nothing when none has.
+  // When the next folder is due, the pause after the one before included; nothing when there is
+  // none.
   std::optional<Time> Next() const {
     std::optional<Time> next;
     for (const auto& [folder, use] : uses_) next = std::min(next.value_or(Time::max()), Due(use));
     return next ? std::optional(std::max(*next, pause_)) : std::nullopt;
   }
 
-  // A folder that has to be read by this time, which leaves; nothing when there is none.
+  // Removes and returns a folder that is due at this time; nothing when none is.
   std::optional<std::string> Take(Time now) {
     if (now < pause_) return std::nullopt;
     for (const auto& [folder, use] : uses_) {
@@ -52,7 +53,7 @@ class FSByNames {
     return std::nullopt;
   }
 
-  // For whoever moves and removes folders.
+  // For FSTree, which moves and removes folders.
   Uses& uses() { return uses_; }
 
  private:

@@ -11,7 +11,7 @@ bool isCreation(const FSChangedResource& record) { return record.action == "crea
 bool isDeletion(const FSChangedResource& record) { return record.action == "delete"; }
 
 // Whether one of the paths is at or below the other.
-bool areInLine(const std::string& a, const std::string& b) {
+bool areNested(const std::string& a, const std::string& b) {
   const std::string& shorter = a.size() < b.size() ? a : b;
   const std::string& longer = a.size() < b.size() ? b : a;
   return longer.starts_with(shorter) &&
@@ -23,14 +23,14 @@ bool isSameFile(const FSResource& a, const FSResource& b) {
 }
 
 // Whether the two records are what one move leaves in two folders. The same path twice is something
-// that came and went, or went and came; and nothing moves below itself.
+// that appeared and disappeared, or the reverse; and nothing moves below itself.
 bool areHalves(const FSChangedResource& a, const FSChangedResource& b) {
   return ((isCreation(a) && isDeletion(b)) || (isDeletion(a) && isCreation(b))) &&
-         !areInLine(a.path, b.path);
+         !areNested(a.path, b.path);
 }
 
-// Whether a reader that knows the one learns nothing from a record of the other.
-bool sayTheSame(const FileStatus& known, const FileStatus& status) {
+// Whether a reader that knows the one needs no record of the other.
+bool haveSameAttributes(const FileStatus& known, const FileStatus& status) {
   return known.identity == status.identity && known.isFolder == status.isFolder &&
          known.modified.tv_sec == status.modified.tv_sec &&
          known.created.tv_sec == status.created.tv_sec && known.size == status.size;
@@ -101,7 +101,7 @@ void FSChangeBatch::EmitHalves(const FSChangedResource& earlier, const FSChanged
   renamed.path = created.path;
   renamed.oldPath = deleted.path;
   EmitRename(renamed);
-  // The attributes are those of the earlier half. What was written besides is reported by itself.
+  // The attributes are those of the earlier half. A write besides has its own record.
   const std::optional<FileStatus> known = tree_.Find(created.path);
   if (!created.isFolder && earlier.modified.tv_sec != later.modified.tv_sec && known &&
       !known->isFolder) {
@@ -110,7 +110,7 @@ void FSChangeBatch::EmitHalves(const FSChangedResource& earlier, const FSChanged
   }
 }
 
-// What the reader does not have, it need not take away.
+// The deletion of what the reader does not have is left out.
 void FSChangeBatch::EmitDeletion(const FSResource& gone) {
   const std::optional<FileStatus> known = tree_.Find(gone.path);
   if (!known || known->isFolder != gone.isFolder) return;
@@ -118,19 +118,20 @@ void FSChangeBatch::EmitDeletion(const FSResource& gone) {
   Queue("delete", gone);
 }
 
-// A new folder is scanned, unless a later record says that it went or moved again: the scan is then
-// that record's.
+// A new folder is scanned, unless a later record removes or moves it: where it is moved to, it is
+// in doubt, and compared in the next pass.
 void FSChangeBatch::EmitCreation(const FSResource& created) {
   const std::optional<FileStatus> known = tree_.Find(created.path);
-  const bool isNews = !known || !sayTheSame(*known, created.status());
-  if (isNews && !Insert(created)) return;
+  const bool needsRecord = !known || !haveSameAttributes(*known, created.status());
+  if (needsRecord && !Insert(created)) return;
   if (created.isFolder && transit_.IsThere(created.path)) {
     tree_.ScanNew(created.path, false, known && known->isFolder, *this);
   }
 }
 
-// What the reader does not have under the old path is new under the new one. What it has under the
-// new path goes before: readers replace a file by themselves, but a folder has more to take away.
+// What the reader does not have at the old path is created at the new one. A folder that it has at
+// the new path is deleted first: readers replace a file by themselves, but a folder has contents to
+// remove.
 void FSChangeBatch::EmitRename(const FSResource& renamed) {
   const std::optional<FileStatus> known = tree_.Find(renamed.oldPath);
   if (!known || known->isFolder != renamed.isFolder) {
@@ -162,7 +163,8 @@ void FSChangeBatch::Queue(const char* action, const FSResource& resource) {
   changes_.Append({action, resource});
 }
 
-// Reports the entry as created. False, and nothing is done, where a reader has no place for it.
+// Reports the entry as created. Returns false and does nothing where the reader has a file above
+// it.
 bool FSChangeBatch::Insert(const FSResource& created) {
   if (IsBelowFile(created.path)) return false;
   const std::optional<FileStatus> known = tree_.Find(created.path);
@@ -175,15 +177,16 @@ bool FSChangeBatch::Insert(const FSResource& created) {
   return true;
 }
 
-// No known folder is at the path, and what the reader has below it would stay for good.
+// Reports what the reader has below the path as deleted. REQUIRES: no known folder is at the path;
+// the entries are of unknown folders, and would stay for good.
 void FSChangeBatch::DeleteBelow(const std::string& path) {
   for (const std::string& below : tree_.PathsBelow(path)) {
     if (const std::optional<FileStatus> known = tree_.Find(below)) EmitDeletion({*known, below});
   }
 }
 
-// Whether the reader has a file at one of the paths above. A folder that it knows is in another,
-// and so on.
+// Whether the reader has a file at one of the paths above. The search ends at the first known
+// folder: that is in another folder, and so on.
 bool FSChangeBatch::IsBelowFile(std::string_view path) {
   for (std::string_view above = FSPaths::parentOf(path); above.size() > tree_.rootPath.size();
        above = FSPaths::parentOf(above)) {
@@ -237,7 +240,7 @@ bool FSChangeBatch::IsBetween(size_t from, size_t to, std::string_view path) con
   return false;
 }
 
-// The first path that is not before this one, of a record at this position or later.
+// The first element of byPath_ that is not before this path and position.
 FSChangeBatch::PathPosition FSChangeBatch::FirstAt(std::string_view path, size_t position) const {
   return std::lower_bound(byPath_.begin(), byPath_.end(), std::pair(path, position));
 }
@@ -252,7 +255,7 @@ void FSChangeBatch::IndexPaths() {
   std::sort(byPath_.begin(), byPath_.end());
 }
 
-// A record still to be emitted, a half that waits included, says what becomes of the path.
+// Whether a record still to be emitted, a half that waits included, concerns the path.
 bool FSChangeBatch::IsPending(const std::string& path) {
   IndexPaths();
   for (auto at = FirstAt(path, 0); at != byPath_.end() && at->first == path; ++at) {

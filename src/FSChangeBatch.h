@@ -3,16 +3,17 @@
 // order that a reader can follow. To emit a record is to queue its line and to do in the snapshot
 // what the reader will do in its picture; nothing else changes the snapshot's entries.
 //
-// Made by FSEventWatcher for one pass. Main thread, without mainlock, which is taken for each
-// record.
+// Made by FSEventWatcher for one pass. Main thread, without mainlock, which is taken to queue
+// each record.
 //
 // A rename takes the place of its earlier half. Where a record between the halves concerns the path
 // of the later half (a folder above it is created or renamed, say), it takes the place of the later
-// half; where that does not do either, the halves stay what they are.
+// half; where that is not possible either, they stay two records.
 //
 // A record can be wrong by the time it is emitted, because things moved between two comparisons. So
-// each is held against the snapshot first, and becomes what a reader can follow or is left out; the
-// check after the pass then finds the difference. See EmitCreation, EmitRename and EmitDeletion.
+// each is compared with the snapshot first, and becomes what a reader can follow or is left out;
+// the check after the pass then finds the difference. See EmitCreation, EmitRename and
+// EmitDeletion.
 #pragma once
 
 #include <cstdint>
@@ -38,7 +39,7 @@ class FSChangeBatch : private FSScanListener {
  private:
   static constexpr size_t kNone = static_cast<size_t>(-1);
 
-  // Single records, without their partners.
+  // Records that are not merged, and the two halves of a move.
   void EmitAlone(const FSChangedResource& record) EXCLUDES(mainlock);
   void EmitHalves(const FSChangedResource& earlier, const FSChangedResource& later)
       EXCLUDES(mainlock);
@@ -59,7 +60,7 @@ class FSChangeBatch : private FSScanListener {
   PathPosition FirstAt(std::string_view path, size_t position) const;
   void IndexPaths();
 
-  // What a scan asks and finds.
+  // What a scan asks and reports; see FSScanListener.
   bool IsPending(const std::string& path) override;
   FSListingPtr OwnListing(const std::string& key) const override;
   void OnNew(const FSResource& entry) override;

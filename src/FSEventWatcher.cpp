@@ -38,8 +38,8 @@ constexpr CFTimeInterval kRetryPause = 1;  // and the pause after them
 CFStringRef watchedPath = nullptr;
 CFArrayRef watchedPaths = nullptr;
 
-// For the folders that could not be read: the stream that is asked to name them again, and what
-// fires when it is time. Null until the stream runs.
+// For RetryUnread: the stream that is asked to name folders again, and the timer that fires when a
+// retry is due. Null until the stream runs.
 FSEventStreamRef retryStream = nullptr;
 CFRunLoopTimerRef retryTimer = nullptr;
 
@@ -67,18 +67,19 @@ void streamCallback(ConstFSEventStreamRef stream, void* clientInfo, size_t count
                                     static_cast<const char* const*>(paths), flags, ids);
 }
 
-// What a root record says: the folder as it was at the start, so that readers know it again. One
+// What a root record says: the folder as it was at the start, so that readers recognise it. One
 // that was not there then is described as it is now.
 FSResource rootResource(const FSResourcePtr& now) {
   if (_pathResource != nullptr) return *_pathResource;
   FSResource resource(0, _path, true, {}, {}, 0, "");
   if (now != nullptr) {
     resource = *now;
-    resource.isFolder = true;  // there is no record of a root that is none
+    resource.isFolder = true;  // root records are of folders only
   }
   return resource;
 }
 
+// An event of the watched folder itself has the ID 0.
 void checkRoot(FSEventStreamEventId id, FSChangeList& batch) {
   if (id != 0) return;
   const FSResourcePtr now = FSTree::GetResource(_path);
@@ -97,7 +98,7 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
-// Whether anything was found, and so for the others.
+// Returns whether the comparison reported anything; so does compareNamed.
 bool compare(const std::string& key, FSTransit& transit) {
   const MutexLock lock(mainlock);
   return FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges).Run();
@@ -128,7 +129,7 @@ void retry(CFRunLoopTimerRef /*timer*/, void* /*info*/) {
   FSEventWatcher::RetryUnread(std::chrono::steady_clock::now());
 }
 
-// When the timer has to fire next.
+// Sets the timer to the next retry.
 void setRetryTimer() {
   if (retryTimer == nullptr) return;
   CFTimeInterval wait = kNever;

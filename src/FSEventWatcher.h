@@ -31,8 +31,8 @@ class FSEventWatcher {
   FSEventWatcher& operator=(const FSEventWatcher&) = delete;
 
   // Echoes the settings, makes the event stream, takes the snapshot, starts the stream and runs the
-  // run loop. Returns when the stream cannot be started, without a word; else when the run loop
-  // ends. Lets standard exceptions through.
+  // run loop. Returns without output when the stream cannot be made or started; else when the
+  // run loop ends. Standard exceptions propagate.
   void start(std::string& path, bool& showAll, bool& debugMode, std::string& logFile,
              const bool& doEncodeOutput);
 
@@ -45,12 +45,12 @@ class FSEventWatcher {
 
   // Compares the folder, named with its final "/", with the snapshot, appends a record to the batch
   // for each difference and brings the snapshot up to date, without emitting anything. Where
-  // entries both went and came, only one side is reported, the larger one, or what went when they
-  // are equal; a second call reports the other.
+  // entries both disappeared and appeared, only one side is reported, the larger one, or what
+  // disappeared when they are equal; a second call reports the other.
   static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
 
-  // Sees to it that the folders that could not be read, or of which only names were examined, are
-  // compared again when it is time: the stream is asked to name them. Where it cannot, they are
+  // Has the folders compared again whose retry time has come: those that could not be read, or of
+  // which only names were examined. The stream is asked to name them; where it cannot, they are
   // compared at once, and what differs is turned into records.
   static void RetryUnread(std::chrono::steady_clock::time_point now) EXCLUDES(mainlock);
 
@@ -59,8 +59,8 @@ class FSEventWatcher {
 
   FSEventStreamRef eventStream = nullptr;
 
-  // Gives the names that an event of the running callback is about, by its number in the batch, and
-  // whether they are known: the event stream's answer.
+  // Sets `names` to those that an event of the running callback is about, by the event's number in
+  // the batch, and returns whether they are known. The event stream's function; tests replace it.
   static bool (*sNamesBehind)(ConstFSEventStreamRef stream, size_t event, FSNames& names);
 
   // The two objects that the process shares; null until a watcher is made.
@@ -72,7 +72,7 @@ class FSEventWatcher {
   bool CreateStream();
 };
 
-// Makes the watcher, starts it and destroys it. Says "watcher not started." when `start` throws a
-// standard exception, be it long after the start, for want of memory.
+// Makes the watcher, starts it and destroys it. Prints "watcher not started." when `start` throws a
+// standard exception, even long after the start, for lack of memory.
 void launchWatcher(std::string path, bool showAll, bool debugMode, std::string logFile,
                    bool doEncodeOutput);

@@ -20,8 +20,8 @@ class FSEventsTree {
   // The template under exactly this key; the empty string when there is none.
   const std::string& Get(std::string_view key) const;
 
-  // The text that printf would give. Never a user's text as the format: user data is always an
-  // argument. The empty string when memory for the text cannot be had. Any thread.
+  // The text that printf would give. The format is never a user's text: user data is always
+  // an argument. The empty string when memory for the text cannot be allocated. Any thread.
   static std::string buildString(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
   // The template under the key filled with one text.

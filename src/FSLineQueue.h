@@ -1,6 +1,6 @@
-// The lines that wait to be written. Their texts, each with its line feed, stand one after the
-// other in large blocks that are freed as soon as they have been written,
-// whatever else the process keeps: a listing of a large tree can be queued whole.
+// The lines that wait to be written. Their texts, each with its line feed, follow each other in
+// large blocks. A block is freed as soon as it has been written, whatever else the process keeps: a
+// listing of a large tree can be queued whole.
 //
 // Not synchronised; its owner has a lock.
 #pragma once
@@ -41,8 +41,8 @@ class FSLineQueue {
     return {block.text.get() + block.begin, block.ends[last] - block.begin};
   }
 
-  // So many bytes of Front have been written. The lines that are complete by now leave the queue.
-  // Returns how many.
+  // So many bytes of Front have been written. The lines that are written completely leave the
+  // queue. Returns how many.
   size_t Consume(size_t bytes) {
     if (bytes == 0) return 0;
     Block& block = blocks_.front();

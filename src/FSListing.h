@@ -1,8 +1,8 @@
-// What one folder held at one look. An entry knows its name, the folder its path: so a folder that
-// moves takes its listing along unchanged, and nothing is kept twice for its entries.
+// What one folder held at one reading. An entry knows its name, the folder its path: so a folder
+// that moves takes its listing along unchanged, and nothing is kept twice for its entries.
 //
-// FSListing is immutable and shared; FSListingBuilder makes one; FSEntries is how both are looked
-// at. FSListingIndex finds entries by name or by identity, FSListingDraft changes a listing entry
+// FSListing is immutable and shared; FSListingBuilder makes one; FSEntries is the view of both.
+// FSListingIndex finds entries by name or by identity, FSListingDraft changes a listing entry
 // by entry. The snapshot (FSTree) keeps one listing for each folder, some millions of entries in
 // all.
 //
@@ -48,15 +48,17 @@ class FSEntries {
            isFolder(position) == other.isFolder(otherPosition);
   }
 
-  // Whether two entries agree in name and in everything that is known of them.
+  // Whether two entries agree in name and in everything that is known of them. Entries with times
+  // out of the packed range never do: they are compared in detail.
   bool isEqual(uint32_t position, const FSEntries& other, uint32_t otherPosition) const;
 
  private:
   friend class FSListing;
   friend class FSListingBuilder;
 
-  // Of one entry. The times are packed: the seconds above 30 bits of nanoseconds or, where that
-  // has no room for the seconds, above kOdd the position in odd_.
+  // Of one entry. The times are packed: the lower 30 bits are the nanoseconds, the upper bits the
+  // seconds. Where the seconds do not fit, the lower bits are kOdd and the upper bits the position
+  // of the time in odd_.
   struct Fixed {
     uint64_t inode;
     uint64_t generation;
@@ -103,7 +105,7 @@ class FSListingBuilder {
   void Add(std::string_view name, const FileStatus& status);
   void Add(const FSEntries& entries, uint32_t position);
 
-  // What has been added so far, until more is.
+  // What has been added so far; valid until more is added.
   FSEntries entries() const;
   FSListingPtr Finish() const;
 
@@ -119,8 +121,8 @@ class FSListingBuilder {
   std::vector<timespec> odd_;
 };
 
-// Positions of entries by name or by identity, made in one pass. Equal keys are met in the entries'
-// order. The entries must outlive it unchanged.
+// Positions of entries by name or by identity, made in one pass. Equal keys are found in the
+// entries' order. The entries must outlive it unchanged.
 class FSListingIndex {
  public:
   enum class Key { name, identity };
@@ -141,8 +143,8 @@ class FSListingIndex {
   uint32_t NextOf(uint32_t position) const;
 
  private:
-  // By position: its key's hash, so that only what is sought has to be looked at, and the next
-  // position in the same bucket.
+  // By position: its key's hash, so that only likely matches are compared, and the next position in
+  // the same bucket.
   struct Link {
     uint32_t hash;
     uint32_t next;
@@ -158,8 +160,8 @@ class FSListingIndex {
   std::vector<Link> links_;
 };
 
-// A listing that is being changed: what it was made of, without what was taken out, then what was
-// put in.
+// A listing that is being changed. Its entries are those of the base that were not taken out, then
+// those that were put in.
 class FSListingDraft {
  public:
   explicit FSListingDraft(FSListingPtr base);
@@ -167,15 +169,15 @@ class FSListingDraft {
   // The entry of this name; nothing when there is none.
   std::optional<FileStatus> Find(std::string_view name) const;
 
-  // Puts the entry in, in the place of what has its name.
+  // Takes out what has the name, and puts the entry in.
   void Put(std::string_view name, const FileStatus& status);
 
-  // Takes out what has the name, and gives it; nothing when there is nothing.
+  // Takes out every entry of this name, and returns the first; nothing when there is none.
   std::optional<FileStatus> Take(std::string_view name);
 
   uint32_t count() const { return count_; }
 
-  // How many entries it has been made to differ in, at most.
+  // An upper bound of the entries in which it differs from its base; 0 only when it does not.
   size_t changes() const { return changes_; }
   FSListingPtr Finish() const;
 

@@ -1,5 +1,5 @@
 // Paths of folders and entries as text. A key is the path of a folder without a final "/", but for
-// "/" itself; paths of entries are formed likewise. No access to the disk; any thread.
+// "/" itself; paths of entries are formed in the same way. No access to the disk; any thread.
 #pragma once
 
 #include <string>
@@ -23,7 +23,7 @@ inline std::string join(const std::string& key, std::string_view name) {
   return path += name;
 }
 
-// The key of the folder that has what has the path, and its name there.
+// The key of the folder that has the entry at the path, and the entry's name in it.
 inline std::string_view parentOf(std::string_view path) {
   const size_t slash = path.rfind('/');
   return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
@@ -32,7 +32,7 @@ inline std::string_view nameOf(std::string_view path) { return path.substr(path.
 
 // Calls `visit(at)` for the element of the map or set at the path, if any, and for those at paths
 // that begin with it and "/". Keys sort by bytes, so those below are together, but not always next
-// to the path's own. `visit` may take its element out.
+// to the path's own. `visit` may remove its element. The path is not "/".
 template <typename Container, typename Visit>
 void eachAtAndBelow(Container& container, const std::string& path, Visit visit) {
   if (container.empty()) return;

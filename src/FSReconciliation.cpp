@@ -7,6 +7,7 @@
 
 namespace {
 
+// The index, made at its first use.
 const FSListingIndex& made(std::optional<FSListingIndex>& index, const FSEntries& entries,
                            FSListingIndex::Key key) {
   if (!index) index.emplace(entries, key);
@@ -123,8 +124,8 @@ void FSReconciliation::SameNameOtherFile(Position c, Position s) {
   }
 }
 
-// The entry stays, as far as records go. It takes over the identity of what has its name now, or a
-// later move would be another file's.
+// No deletion or creation is reported. The entry takes over the identity of what has its name now;
+// otherwise a later move would be reported of another file.
 void FSReconciliation::KeepName(Position c, Position s) {
   if (!current_.isFolder(c) && current_.modified(c).tv_sec != saved_.modified(s).tv_sec) {
     Changed(c, s);
@@ -161,8 +162,8 @@ void FSReconciliation::MoveChain(Position first) {
 }
 
 // Each of the entries has the name of the next, and the last that of the first. As renames, the
-// first would replace another; so that is possible only where one of them is taken away before and
-// put again after. A folder would lose its contents by that.
+// first would replace another; so renames are possible only where one entry is deleted before them
+// and created after them. A folder would lose its contents by that.
 void FSReconciliation::Ring(const Moves& ring) {
   const auto isFolder = [&](const auto& move) { return saved_.isFolder(move.second); };
   const auto file = std::find_if_not(ring.begin(), ring.end(), isFolder);
@@ -190,8 +191,8 @@ void FSReconciliation::Changed(Position c, Position s) {
 void FSReconciliation::Renamed(Position c, Position s) {
   FSResource current = Current(c);
 
-  // What had the new name is gone. A reader replaces a file by itself, but a folder has more to
-  // take away.
+  // What had the new name is gone. A reader replaces a file by itself, but a folder has contents
+  // to remove.
   const Position replaced = SavedByName().FirstNamed(current_.name(c));
   if (replaced != kNone && !isSavedSettled_[replaced] && saved_.isFolder(replaced)) {
     Deleted(replaced);
@@ -242,7 +243,7 @@ void FSReconciliation::Deleted(Position s) {
 FSReconciliation::Position FSReconciliation::OldNameOf(Position c) {
   const Position first = SavedFiles().FirstOf(current_.identity(c), current_.isFolder(c));
   return FirstIn(SavedFiles(), first, nextSaved_,
-                 [&](Position s) { return isSavedSettled_[s] || HasStillItsName(s); });
+                 [&](Position s) { return isSavedSettled_[s] || StillHasItsName(s); });
 }
 
 FSReconciliation::Position FSReconciliation::NewNameOf(Position s) {
@@ -251,8 +252,8 @@ FSReconciliation::Position FSReconciliation::NewNameOf(Position s) {
                  [&](Position c) { return isCurrentSettled_[c] || HadItsName(c); });
 }
 
-// The first position of a file, from this one on, that is not out. What is out stays so, and is
-// passed over the next time: a file may have very many names.
+// The first position of a file, from this one on, that is not ruled out. What is ruled out stays
+// so, and is skipped the next time: a file may have very many names.
 template <typename IsOut>
 FSReconciliation::Position FSReconciliation::FirstIn(const FSListingIndex& index, Position from,
                                                      std::vector<Position>& next, IsOut isOut) {
@@ -264,7 +265,7 @@ FSReconciliation::Position FSReconciliation::FirstIn(const FSListingIndex& index
     passed.push_back(at);
     at = next[at] != kNone ? next[at] : index.NextOf(at);
   }
-  // kNone stands for what has not been sought, so the end is sought again from the last of them.
+  // kNone means not searched yet, so the end is searched for again from the last of them.
   const Position after = at != kNone ? at : passed.back();
   for (const Position position : passed) {
     if (position != after) next[position] = after;
@@ -272,7 +273,7 @@ FSReconciliation::Position FSReconciliation::FirstIn(const FSListingIndex& index
   return at;
 }
 
-bool FSReconciliation::HasStillItsName(Position s) {
+bool FSReconciliation::StillHasItsName(Position s) {
   const Position c = CurrentByName().FirstNamed(saved_.name(s));
   return c != kNone && current_.isSameFile(c, saved_, s);
 }
@@ -286,7 +287,7 @@ void FSReconciliation::Edit() {
   if (edits_.empty()) edits_.resize(saved_.count(), kStays);
 }
 
-// Takes every entry with the name out of the listing to be, those just appended included.
+// Takes every entry with the name out of the resulting listing, those just appended included.
 void FSReconciliation::Leave(std::string_view name) {
   Edit();
   for (Position s = SavedByName().FirstNamed(name); s != kNone; s = SavedByName().NextNamed(s)) {

@@ -2,12 +2,12 @@
 // callback makes one for each named folder, under mainlock, on the main thread.
 //
 // The larger listing is walked (the saved one when they are equal), so that either the gains or the
-// losses are reported; entries with another name and changed files are reported in both. A walk is
-// linear in the entries. Its results go to FSTransit: the records, and the listing that the folder
-// has when they are out.
+// losses are reported; entries with another name and changed files are reported in both cases. A
+// walk is linear in the entries. Its results go to FSTransit: the records, and the listing that the
+// folder has when they are out.
 //
 // Disk and snapshot can differ in ways that two listings alone do not explain. These would leave
-// the reader's picture wrong for good, or report a move as something else, and are met here.
+// the reader's picture wrong for good, or report a move as something else, and are handled here.
 //
 // A file with several names: another name of a file that still has its old one is a creation, not a
 // rename; see OldNameOf and NewNameOf.
@@ -18,9 +18,9 @@
 // by their contents.
 //
 // A name that is of another kind now: a deletion and a creation. A name that is another file's of
-// the same kind: the saved entry takes over its identity, be there a record or not. See SameName.
+// the same kind: the saved entry takes over its identity, with or without a record. See SameName.
 //
-// A folder that cannot be read for now: nothing is reported of it, or of that part of it.
+// A folder or entry that a temporary failure keeps from being read: nothing is reported of it.
 #pragma once
 
 #include <optional>
@@ -38,11 +38,12 @@ class FSReconciliation {
   // `key` is the folder's path without a final "/".
   FSReconciliation(std::string key, FSTree& tree, FSTransit& transit, FSChangeEvents& log);
 
-  // Whether anything was reported. If not, there is no other side to report either.
+  // Compares the folder once. Returns whether anything was reported; if not, there is no other side
+  // to report either.
   bool Run();
 
-  // The same where nothing but these names can have changed. They are examined, and the folder is
-  // not read, where that is sure to give the same.
+  // The same where nothing but these names can have changed. Only they are examined, unless that
+  // may give another result: then the folder is read.
   bool RunOn(const FSNames& names);
 
  private:
@@ -70,14 +71,14 @@ class FSReconciliation {
   // none. Entries that are settled are not found.
   Position OldNameOf(Position c);
   Position NewNameOf(Position s);
-  bool HasStillItsName(Position s);
+  bool StillHasItsName(Position s);
   bool HadItsName(Position c);
   template <typename IsOut>
   Position FirstIn(const FSListingIndex& index, Position from, std::vector<Position>& next,
                    IsOut isOut);
 
-  // The listing to be: saved entries that stay, some of them replaced by the current ones of their
-  // names, then current entries.
+  // The resulting listing: saved entries that stay, some of them replaced by the current ones of
+  // their names, then current entries.
   void Leave(std::string_view name);
   void Append(Position c);
   bool isEdited() const { return !edits_.empty() || !appended_.empty(); }
@@ -106,7 +107,7 @@ class FSReconciliation {
   // left its name.
   std::vector<bool> isCurrentSettled_, isSavedSettled_;
 
-  // By position: the next one of the same file that may not be settled, once that has been sought.
+  // By position: the next one of the same file that may not be settled, if FirstIn has found it.
   std::vector<Position> nextCurrent_, nextSaved_;
 
   // Empty until something is edited. By saved position: the saved entry stays, is replaced by the

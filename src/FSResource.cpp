@@ -39,7 +39,7 @@ void FSResourceArray::Append(FSResourcePtr resource) {
 }
 
 void FSResourceArray::Remove(const FSResourcePtr& resource) {
-  std::erase(items, FSResourcePtr(resource));  // a copy: the argument may stand in the list itself
+  std::erase(items, FSResourcePtr(resource));  // a copy: the argument may be in the list itself
   count = static_cast<uint32_t>(items.size());
 }
 

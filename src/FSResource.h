@@ -2,7 +2,7 @@
 // one change to report (FSChangedResource), and ordered lists of records with their lookups.
 //
 // Plain values, without a lock of their own. The records in lists are shared and immutable: the
-// last to let go frees them. What a folder held is kept in another form, see FSListing.h; records
+// last owner frees them. What a folder held is kept in another form, see FSListing.h; records
 // with their full path are made from it when somebody needs one.
 #pragma once
 
@@ -64,7 +64,7 @@ struct FSResourceArray {
   uint32_t Count() const { return count; }
   FSResourcePtr Get(unsigned int index) const;
 
-  // The first entry with the record's path, or inode; no other field is looked at.
+  // The first entry with the record's path, or inode; no other field is compared.
   int32_t IndexOfByPath(const FSResource& resource) const;
   int32_t IndexOfByINode(const FSResource& resource) const;
 

@@ -16,6 +16,6 @@ extern bool _doEncodeOutput;  // percent-encode paths
 // The watched folder itself as `start` found it; null when it could not be examined then.
 extern FSResourcePtr _pathResource;
 
-// Held while a folder is compared and while a record is emitted. Locks are taken in the order
+// Held while a folder is compared and while a record is queued. Locks are taken in the order
 // mainlock, FSTree::treeMutex, FSChangeEvents::outputLock.
 extern Mutex mainlock;

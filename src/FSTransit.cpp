@@ -31,7 +31,8 @@ bool FSTransit::IsThere(const std::string& path) const {
   return place && tree_.Has(*place);
 }
 
-// From the entries that were compared by their names, and the others as the snapshot has them.
+// Makes a listing in own_ of the entries that were compared by their names and of the others as the
+// snapshot has them.
 void FSTransit::MakeWhole(const std::string& key) {
   const auto found = some_.find(key);
   if (found == some_.end()) return;
@@ -54,7 +55,7 @@ FSListingPtr FSTransit::OwnListing(const std::string& key) const {
   return own == own_.end() ? nullptr : own->second.listing;
 }
 
-// Whether the folder is one of its parent's.
+// Whether the listing of the folder above has the folder.
 bool FSTransit::IsListedFolder(const std::string& key) {
   if (key == tree_.rootPath) return true;
   const FSListingPtr parent = ListingAt(std::string(FSPaths::parentOf(key)));
@@ -107,7 +108,7 @@ void FSTransit::SetCompared(const std::string& key, const Known& known, FSListin
   if (!place) return;
   tree_.NoteReading(*place, reading);
   if (!tree_.Has(*place)) {
-    // One whose record is still to be emitted is in doubt from then on.
+    // A folder whose record is still to be emitted is in doubt once it is emitted.
     if (known.isDetached || isNew || !isReadable(reading)) return;
     tree_.SetListing(*place, emptyListing());
   }
@@ -125,9 +126,9 @@ void FSTransit::SetUnread(const std::string& key, FSReading reading) {
   if (tree_.Has(*place)) Doubt(*place, key, reading);
 }
 
-// The folder has been compared or scanned. What can be read stays in doubt until it is found to
-// agree, and what is not there until it is known where it is; the rest is read again at its own
-// time.
+// The folder has been compared or scanned. One that could be read is in doubt until it is found to
+// agree, one that does not exist until it is reported as gone or moved; the others are read again
+// when their retry is due.
 void FSTransit::Doubt(const std::string& place, const std::string& key, FSReading reading) {
   if (reading == FSReading::denied || reading == FSReading::failed) {
     tree_.doubt.erase(place);
@@ -150,7 +151,8 @@ void FSTransit::RemoveFolder(const std::string& path) {
   place_[path] = std::nullopt;
 }
 
-// What has been compared at the old place was compared as another folder.
+// The listings move, but what was compared under the old path does not count as compared under the
+// new one.
 void FSTransit::MoveFolder(const std::string& oldPath, const std::string& path) {
   const auto moved = [&](const std::string& key) { return path + key.substr(oldPath.size()); };
   const std::optional<std::string> place = PlaceOf(oldPath);
@@ -185,7 +187,7 @@ void FSTransit::Clear() {
 
 FSChangeList FSTransit::Settle() {
   for (const FSChangedResource& record : records) {
-    // Files are in the listing that is taken over below.
+    // The listing that is taken over below has the files.
     const auto own = own_.find(FSPaths::parentOf(record.path));
     if (!record.isFolder && own != own_.end() && own->second.isFound) continue;
     if (record.action == "delete") {
@@ -232,14 +234,15 @@ std::vector<std::string> FSTransit::Check() {
       tree_.doubt.insert(key);
     }
   }
-  // The comparison was of a folder that has moved or gone since. Another may be here by now.
+  // The comparison was of a folder that has moved or gone since. Another folder may be at this path
+  // now.
   for (const std::string& key : compared_) {
-    if (FindFound(key) == nullptr && tree_.Has(key)) tree_.doubt.insert(key);
+    if (FindLook(key) == nullptr && tree_.Has(key)) tree_.doubt.insert(key);
   }
-  // Another folder in the place of one. Unless it has been read itself, it is compared with the
-  // next events, which name it if anything is to be found.
+  // Another folder is in the place of a known one. Unless it has been read itself, it is compared
+  // with the next events, which name it if it differs.
   for (const auto& [key, identity] : replaced) {
-    const FSLook* const look = FindFound(key);
+    const FSLook* const look = FindLook(key);
     if (look != nullptr && look->folder == identity) continue;
     agreeing.erase(key);
     std::erase(agreeingOnSome, key);
@@ -249,7 +252,7 @@ std::vector<std::string> FSTransit::Check() {
   }
   for (auto& [key, listing] : agreeing) {
     tree_.doubt.erase(key);
-    tree_.SetListing(key, std::move(listing), FindFound(key)->folder);
+    tree_.SetListing(key, std::move(listing), FindLook(key)->folder);
   }
   for (const std::string& key : agreeingOnSome) {
     tree_.doubt.erase(key);
@@ -261,8 +264,9 @@ std::vector<std::string> FSTransit::Check() {
   return NextPass();
 }
 
-// What came of reading the folder that is at the path; null when none is known to have been read.
-const FSLook* FSTransit::FindFound(const std::string& key) const {
+// The result of reading the folder that is at the path; null when it has not been read in this
+// pass.
+const FSLook* FSTransit::FindLook(const std::string& key) const {
   for (const auto* folders : {&own_, &detached_}) {
     const auto found = folders->find(key);
     if (found != folders->end() && found->second.isFound) return &found->second.look;
@@ -271,7 +275,7 @@ const FSLook* FSTransit::FindFound(const std::string& key) const {
   return found == some_.end() ? nullptr : &found->second.look;
 }
 
-// An unknown folder that is there waits until the folder above tells of it.
+// An unknown folder that exists is not compared until the folder above reports it.
 std::vector<std::string> FSTransit::NextPass() {
   std::vector<std::string> next;
   for (const std::string& key : tree_.doubt) {

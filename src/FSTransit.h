@@ -1,5 +1,5 @@
-// The books of one running callback: what its comparisons have found and what is still to be
-// emitted. The snapshot knows nothing of it until the records are out.
+// The state of one running callback: what its comparisons have found and what is still to be
+// emitted. The snapshot does not contain it until the records are out.
 //
 // A callback works in passes. A pass compares folders, which fills the overlay and the list of
 // records; then the records are emitted, which changes the snapshot; then Check compares the two. A
@@ -32,27 +32,28 @@ class FSTransit {
   // What is known of the folder, for its comparison.
   struct Known {
     FSListingPtr listing;  // of what has been reported; empty when there is none
-    bool isDetached;       // the folder is unknown, and is compared with nothing
+    bool isDetached;       // the folder is unknown: only what the pass has found in it counts
   };
-  // `isPresent`: it is on the disk.
+  // `isPresent`: the folder is on the disk. An unknown folder that is not there is compared with
+  // its listing, so that its entries are reported as gone.
   Known LookUp(const std::string& key, bool isPresent);
 
-  // The folder's listing for what cannot be read now; null when there is none.
+  // The folder's listing, of the overlay or else of the snapshot; null when there is none.
   FSListingPtr ListingAt(const std::string& key);
 
-  // The same for a comparison of these names of the folder only. Nothing in any doubt: then the
-  // folder has to be read in full.
+  // Like LookUp, for a comparison of these names of the folder only, which are examined now.
+  // Nothing in any doubt: then the folder has to be read in full.
   std::optional<FSTree::Named> LookUpNames(const std::string& key, const FSNames& names);
 
-  // What a comparison has made of the entries of these names.
+  // The entries that a comparison gives the folder for these names.
   void SetComparedByNames(const std::string& key, const FSNames& names, FSListingPtr entries,
                           const FSLook& look);
 
-  // What a comparison has made of the folder's listing.
+  // The listing that a comparison gives the folder.
   void SetCompared(const std::string& key, const Known& known, FSListingPtr listing,
                    const FSLook& look);
 
-  // The comparison could not read the folder, and says nothing.
+  // The comparison could not read the folder, and has no result.
   void SetUnread(const std::string& key, FSReading reading);
 
   // A comparison has found a new folder, that a folder has gone, or that it has another name.
@@ -60,30 +61,30 @@ class FSTransit {
   void RemoveFolder(const std::string& path);
   void MoveFolder(const std::string& oldPath, const std::string& path);
 
-  // In the order of the comparisons; FSChangeBatch takes them.
+  // In the order in which comparisons reported them; FSChangeBatch takes them.
   FSChangeList records;
 
   // ---- While records are emitted.
 
-  // Whether the folder is still there after the last comparison.
+  // Whether the folder still exists at the path after the last comparison of the pass.
   bool IsThere(const std::string& path) const;
 
-  // The listing that comparisons have made of the folder; null when they have made none.
+  // The overlay's listing of the folder; null when it has none.
   FSListingPtr OwnListing(const std::string& key) const;
 
   // A scan has read the folder.
   void SetScanned(const std::string& key, FSListingPtr listing, const FSLook& look);
 
-  // The snapshot has been made anew: nothing of the overlay holds.
+  // Empties the overlay: at the end of a pass, or when the snapshot was emptied or scanned anew.
   void Clear();
 
   // ---- When the records are out.
 
-  // For a comparison by itself: does at once in the snapshot what its records say, takes its
-  // listing over, and gives the records.
+  // For a comparison outside a callback: applies its records to the snapshot at once, takes its
+  // listing over, and returns the records.
   FSChangeList Settle();
 
-  // Takes the listings over with which the snapshot agrees, and gives the folders that have to be
+  // Takes over the listings with which the snapshot agrees, and returns the folders that have to be
   // compared in the next pass, parents first.
   std::vector<std::string> Check();
 
@@ -94,7 +95,7 @@ class FSTransit {
     FSLook look = {FSReading::whole, {}};
   };
 
-  // What comparisons have made of some entries.
+  // The result of comparing some names of a folder.
   struct Some {
     FSNames names;
     FSListingPtr entries;
@@ -105,18 +106,18 @@ class FSTransit {
   bool IsListedFolder(const std::string& key);
   void MakeWhole(const std::string& key);
   void Doubt(const std::string& place, const std::string& key, FSReading reading);
-  const FSLook* FindFound(const std::string& key) const;
+  const FSLook* FindLook(const std::string& key) const;
   std::vector<std::string> NextPass();
 
   FSTree& tree_;
 
   // The overlay of one pass.
-  std::map<std::string, Own, std::less<>> own_;  // by key: what comparisons and scans have made
+  std::map<std::string, Own, std::less<>> own_;  // by key: what comparisons and scans have found
   std::map<std::string, std::optional<std::string>> place_;  // by prefix: where the snapshot has
                                                              // it; nothing: nowhere
-  std::map<std::string, Own, std::less<>> detached_;  // of unknown folders, compared with nothing
+  std::map<std::string, Own, std::less<>> detached_;  // the same of unknown folders, see Known
   std::map<std::string, Some, std::less<>> some_;     // of folders that are not in own_
-  std::vector<std::string> compared_;                 // keys, at the time
+  std::vector<std::string> compared_;                 // keys, as they were then
 
   // Of the callback: folders that are not to be compared again in it.
   std::set<std::string> waiting_;

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t kMostKept = 8;  // drafts that stay, with an index of the folder's names each
+constexpr size_t kMostKept = 8;  // drafts that are kept, each with an index of the folder's names
 
 bool areEqual(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -22,8 +22,8 @@ bool areEqual(const FileStatus& a, const FileStatus& b) {
          areEqual(a.modified, b.modified) && areEqual(a.created, b.created);
 }
 
-// Whether the entries, and their counterparts by position or by name, say the same to a reader.
-bool sayTheSame(const FileStatus& a, const FileStatus& b) {
+// Whether the two, of the same name, give a reader the same picture.
+bool giveSamePicture(const FileStatus& a, const FileStatus& b) {
   return a.isFolder == b.isFolder && (a.isFolder || a.modified.tv_sec == b.modified.tv_sec);
 }
 
@@ -60,7 +60,7 @@ FSListingPtr FSTree::Listing(std::string_view key) {
   return found->second.listing;
 }
 
-// The same without a change of its own.
+// Like Listing, but leaves the folder and its draft as they are.
 FSListingPtr FSTree::KnownListing(std::string_view key) const {
   const auto found = snapshot.find(key);
   if (found == snapshot.end()) return nullptr;
@@ -92,7 +92,7 @@ void FSTree::Rename(const std::string& oldPath, const std::string& path, const F
   PutEntry(path, status);
 }
 
-// The draft has an index: what is looked up in a folder is about to change it.
+// Looking up an entry makes the draft too: it has an index, and the entry is about to change.
 FSListingDraft& FSTree::DraftOf(Folder& folder) {
   if (folder.draft == nullptr) {
     folder.draft = std::make_unique<FSListingDraft>(folder.listing);
@@ -101,12 +101,14 @@ FSListingDraft& FSTree::DraftOf(Folder& folder) {
   return *folder.draft;
 }
 
+// Makes the draft's listing the folder's.
 void FSTree::Finish(Folder& folder) {
   if (folder.draft->changes() > 0) folder.listing = folder.draft->Finish();
   Drop(folder);
 }
 
-// Without its draft.
+// Removes the folder's draft, without making a listing of it. Whatever removes or replaces a
+// folder calls it first, because drafted_ and kept_ point to folders.
 void FSTree::Drop(Folder& folder) {
   folder.draft.reset();
   drafted_.erase(&folder);
@@ -135,7 +137,8 @@ std::optional<FileStatus> FSTree::TakeEntry(const std::string& path) {
                                   : DraftOf(parent->second).Take(FSPaths::nameOf(path));
 }
 
-// Only a folder has anything below it, or what is below an unknown one.
+// Only a folder has entries below it; but while there are unknown folders, these can be below any
+// path.
 void FSTree::TakeAllAt(const std::string& path) {
   const std::optional<FileStatus> taken = TakeEntry(path);
   if ((taken && taken->isFolder) || !unknown_.empty()) EraseAtAndBelow(path);
@@ -155,7 +158,7 @@ void FSTree::EraseAtAndBelow(const std::string& path) {
   for (const std::string& key : unread) retries.Remove(key);
 }
 
-// What could not be read at the old place is in doubt at the new one: there it may be read.
+// What could not be read at the old place is in doubt at the new one: it may be readable there.
 void FSTree::MoveAtAndBelow(const std::string& from, const std::string& to) {
   const auto moved = [&](const std::string& key) { return to + key.substr(from.size()); };
   std::vector<Snapshot::node_type> folders;
@@ -209,7 +212,7 @@ bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& 
     if (current.isFolder && saved.isFolder && current.identity != saved.identity) {
       replaced.emplace_back(FSPaths::join(key, entries.name(position)), current.identity);
     }
-    return sayTheSame(current, saved);
+    return giveSamePicture(current, saved);
   };
   if (folder.draft != nullptr) {
     bool isSame = folder.draft->count() == entries.count();
@@ -219,7 +222,7 @@ bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& 
     }
     return isSame;
   }
-  // No record has changed it. Most often the comparison has not found anything new either, or only
+  // No record has changed it. Most often the comparison has found nothing new either, or only other
   // attributes, and the order is the same.
   const FSEntries saved = folder.listing->entries();
   std::optional<FSListingIndex> byName;
@@ -249,7 +252,7 @@ bool FSTree::AgreesOn(const std::string& key, const FSNames& names, const FSEntr
       continue;
     }
     const FileStatus current = entries.status(at);
-    isSame = isSame && sayTheSame(current, *saved);
+    isSame = isSame && giveSamePicture(current, *saved);
     if (current.isFolder && saved->isFolder && current.identity != saved->identity) {
       replaced.emplace_back(FSPaths::join(key, name), current.identity);
     }

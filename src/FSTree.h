@@ -1,10 +1,11 @@
 // The snapshot: the picture of the watched tree that a reader has who applies every record by the
-// rules in docs/records.md. It changes where a record is emitted, by those rules, and nowhere else
-// (Put, Take, Rename); so it is the reader's picture whatever the disk does meanwhile. What the
-// comparisons of a running callback find stands in FSTransit until then.
+// rules in docs/records.md. A scan of the whole tree fills it. After that it changes where a record
+// is emitted, by those rules, and nowhere else (Put, Take, Rename); so it is the reader's picture
+// whatever the disk does meanwhile. What the comparisons of a running callback find is in FSTransit
+// until then. A listing that agrees with the snapshot's is taken over for its order and attributes.
 //
-// One tree per process, owned by FSEventWatcher. Main thread only; treeMutex guards nothing that
-// another thread looks at today.
+// One tree per process, owned by FSEventWatcher. Main thread only: no other thread reads what
+// treeMutex guards.
 //
 // A folder's listing is here under the folder's path. Most folders are known: the listing of the
 // folder above has them. A listing can also be of an unknown folder, when entries of it were
@@ -34,10 +35,10 @@
 // How far a folder could be read.
 enum class FSReading : uint8_t {
   whole,
-  partial,  // some of it will have to be read again; of that the listing has what is saved
-  absent,   // it is not there, or is no folder: it counts as empty
-  denied,   // for want of permission: likewise
-  failed,   // by a failure that passes; this says nothing
+  partial,  // some entries could not be read: the folder has to be read again
+  absent,   // it does not exist, or is no folder: it counts as empty
+  denied,   // not read, for lack of permission: it counts as empty too
+  failed,   // not read, by a temporary failure: the contents are not known
 };
 
 inline FSReading readingOf(Failure failure) {
@@ -49,10 +50,10 @@ inline bool isReadable(FSReading reading) {
   return reading == FSReading::whole || reading == FSReading::partial;
 }
 
-// What came of reading a folder.
+// The result of reading a folder.
 struct FSLook {
   FSReading reading;
-  FileIdentity folder;  // of the folder that was read
+  FileIdentity folder;  // of the folder that was read; unknown where it could not be opened
 };
 
 // Names of a folder's entries, sorted, each once.
@@ -63,10 +64,10 @@ class FSScanListener {
  public:
   virtual ~FSScanListener() = default;
 
-  // Whether a record still to be emitted concerns what has the path: a scan leaves that out.
+  // Whether a record still to be emitted concerns the path: a scan leaves that out.
   virtual bool IsPending(const std::string& path) = 0;
 
-  // The listing that comparisons have made of the folder, or null.
+  // The listing that comparisons and scans of the pass have made of the folder, or null.
   virtual FSListingPtr OwnListing(const std::string& key) const = 0;
 
   // The scan has found an entry that is new to the reader.
@@ -79,8 +80,8 @@ class FSScanListener {
 class FSTree {
  public:
   // One folder of the snapshot. What records change in it is in the draft until the callback has
-  // compared it with what was found. The draft of a large folder stays, so that a few changes cost
-  // no more than themselves.
+  // compared it with what was found. The draft of a large folder with few changes is kept longer,
+  // so that each change does not copy the whole listing.
   struct Folder {
     FSListingPtr listing;
     std::unique_ptr<FSListingDraft> draft = nullptr;
@@ -115,14 +116,14 @@ class FSTree {
 
   // ---- Reading the disk.
 
-  // Reads the folder of the key. `saved` is what is known of it: it stands for entries that cannot
-  // be read now. `current` is cleared first; its entries are in listing order, without what the
-  // tool ignores, what vanishes meanwhile, what must not be looked at, and what lies so deep that
-  // no path leads to it.
+  // Reads the folder of the key. `saved` is what is known of it: it is used for entries that a
+  // temporary failure keeps from being read, which come last. `current` is cleared first; its
+  // entries are in listing order, without what the tool ignores, what vanishes meanwhile, what may
+  // not be read, and what is so deep that its path exceeds the limit.
   FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
 
-  // Examines these names of the folder only, and gives those that are there, saved and current.
-  // Nothing in any doubt: then the folder has to be read in full.
+  // Examines these names of the folder only, and returns the saved and the current entries of these
+  // names. Nothing in any doubt: then the folder has to be read in full.
   struct Named {
     FSListingPtr saved, current;
     FSLook look;
@@ -135,7 +136,7 @@ class FSTree {
   bool Has(std::string_view key) const { return snapshot.find(key) != snapshot.end(); }
   FSListingPtr Listing(std::string_view key) EXCLUDES(treeMutex);
 
-  // What the reader knows to be at the path; nothing when there is nothing.
+  // What the reader knows at the path; nothing when it knows nothing there.
   std::optional<FileStatus> Find(const std::string& path);
 
   // Whether the folder has a listing, but the reader does not know the folder.
@@ -149,51 +150,55 @@ class FSTree {
   void Rename(const std::string& oldPath, const std::string& path, const FileStatus& status)
       EXCLUDES(treeMutex);
 
-  // The paths of what the reader knows below an unknown folder, the deepest first.
+  // The paths of what the reader knows below a path at which it knows no folder: they are of
+  // unknown folders. What is in a folder comes before the folder.
   std::vector<std::string> PathsBelow(const std::string& key) const;
 
-  // Whether the folder's listing has the same entries, of the same kinds and, as to files, with the
-  // same seconds of modification. Adds to `replaced` the subfolders that are others by their
-  // identity, which it gives. False when the folder has no listing.
+  // Whether the folder's listing has the same entries, of the same kinds and, for files, with the
+  // same seconds of modification. Adds to `replaced` the subfolders with another identity, each
+  // with the identity that it has in `entries`. False when the folder has no listing.
   using Replaced = std::vector<std::pair<std::string, FileIdentity>>;
   bool Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) const;
 
-  // The same for these names of the folder only. `entries` has those of them that are there.
+  // The same for these names of the folder only. `entries` has those of them that exist.
   bool AgreesOn(const std::string& key, const FSNames& names, const FSEntries& entries,
                 Replaced& replaced);
 
-  // Forgets an unknown folder of which nothing is known any more.
+  // Removes the listing of an unknown folder; does nothing while the listing has entries.
   void Forget(const std::string& key) EXCLUDES(treeMutex);
 
   // Sets the folder's listing, whether or not it had one, and which folder it is of.
   void SetListing(const std::string& key, FSListingPtr listing, const FileIdentity& identity = {})
       EXCLUDES(treeMutex);
 
-  // Takes these entries over, with which the folder's listing agrees.
+  // Takes over the attributes of these entries, on which AgreesOn is true, and notes that only
+  // names of the folder have been examined.
   void SetEntries(const std::string& key, const FSEntries& entries) EXCLUDES(treeMutex);
 
-  // Makes listings of the drafts, but for those of large folders with few changes.
+  // Makes listings of the drafts. Of large folders with few changes, a fixed number keep theirs.
   void FinishDrafts() EXCLUDES(treeMutex);
 
-  // ---- What may be wrong, or cannot be read. Both go with the folders that Take and Rename move.
+  // ---- Folders that have to be read again. Rename moves these with the folders, and Take removes
+  // them.
 
-  // Folders whose listing may be wrong: those that have been put and not been read yet, that are
-  // unknown, or have been compared and not found to agree. They are compared again.
+  // Folders whose listing may be wrong: those that have been put and not been read yet, are
+  // unknown, have been compared and not been found to agree yet, were replaced by another folder,
+  // or may be readable at last. They are compared again at the end of a callback.
   std::set<std::string, std::less<>> doubt;
 
-  // Folders that could not be read, or not wholly, with and without listings, and when they are to
-  // be read again.
+  // Folders that could not be read, or only in part, with and without listings, and when they are
+  // to be read again. Where Rename moves one, it is in doubt instead.
   Backoff<std::string> retries;
 
   // Folders of which only some names have been examined since they were read in full. They are read
   // in full when they have come to rest, or after a minute, because some changes give no event.
   FSByNames byNames;
 
-  // Notes how far the folder could be read.
+  // Keeps `retries` up to date with a reading of the folder.
   void NoteReading(const std::string& key, FSReading reading) EXCLUDES(treeMutex);
 
-  // The folder's attributes have changed. If it could not be read, that may be otherwise now: it is
-  // compared again. Whether that is so.
+  // The folder's attributes have changed. If it could not be read, it may be readable now: it is
+  // compared again. Returns whether it could not be read.
   bool ReadAgain(const std::string& key) EXCLUDES(treeMutex);
 
   // ---- Records of single folders, for programs that use the tree as a library. The tool itself
@@ -217,7 +222,7 @@ class FSTree {
   void AddDirResource(const std::string& folder, const FSResourcePtr& resource) EXCLUDES(treeMutex);
 
   // Replaces the folder's listing by the entries, or takes out what has the resource's path.
-  // Nothing when it has none.
+  // Does nothing when it has none.
   void UpdateDir(const std::string& folder, const FSResourceArray& entries) EXCLUDES(treeMutex);
   void DeleteDirResource(const std::string& folder, const FSResource& resource) EXCLUDES(treeMutex);
 
@@ -226,24 +231,24 @@ class FSTree {
   // ---- Fields.
 
   // A folder of fewer entries is read in full even where few names have changed: that costs less
-  // than to keep account of them. With 0 no folder is read in full for its size, nor for the number
+  // than to keep track of them. With 0 no folder is read in full for its size, nor for the number
   // of names.
   uint32_t fewestForNames = 256;
 
   // Called with each folder before the scan of the whole tree reads it, open or with the reason why
-  // it cannot be opened; may be empty. What changes in it from then on is somebody else's to
-  // notice.
+  // it cannot be opened; may be empty. It has to make sure that what changes in the folder from
+  // then on is reported.
   std::function<void(const std::string& key, const OpenFolder& folder)> beforeScanning;
 
   FSChangeEvents* changes = nullptr;
   bool showAll = false;
   std::vector<std::string> prohibitedSuffixes;
   std::string rootPath;  // as passed to InitWithPath, without a final "/"
-  Snapshot snapshot;     // by folder path; written under treeMutex
+  Snapshot snapshot;     // by folder path; listings change under treeMutex
   Mutex treeMutex;
 
  private:
-  // Whether so many of a folder's entries are few enough to be treated by themselves.
+  // Whether `some` of a folder's entries are few enough to be handled one by one.
   bool AreFew(size_t some, uint32_t entries) const {
     return entries >= fewestForNames && (fewestForNames == 0 || some <= entries / 4);
   }
@@ -269,6 +274,6 @@ class FSTree {
   void Rebuild(const std::string& key, const FSResourceList& entries);
 
   std::set<std::string, std::less<>> unknown_;  // keys of the snapshot whose folders are unknown
-  std::unordered_set<Folder*> drafted_;         // those of the snapshot that have drafts
-  std::deque<Folder*> kept_;                    // those of them whose drafts stay, oldest first
+  std::unordered_set<Folder*> drafted_;         // folders of the snapshot that have drafts
+  std::deque<Folder*> kept_;                    // those of them whose drafts are kept, oldest first
 };

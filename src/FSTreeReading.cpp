@@ -50,7 +50,7 @@ std::string inOtherCase(std::string name) {
   return name;
 }
 
-// Adds the saved entries of those names, where what has been read does not have them.
+// Adds the saved entries whose names are wanted and have not been read.
 template <typename Wanted>
 void keepSaved(const FSEntries& saved, Wanted isWanted, FSListingBuilder& current) {
   const FSListingPtr read = current.Finish();
@@ -116,7 +116,7 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
         current);
   }
   if (isCutOff || isPartial) return FSReading::partial;
-  // A folder that has gone meanwhile is empty.
+  // A folder that is removed while it is open lists as empty.
   const bool isGone = current.entries().count() == 0 && !readStatus(AT_FDCWD, path.c_str());
   return isGone ? FSReading::absent : FSReading::whole;
 }
@@ -138,8 +138,8 @@ std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSN
     const std::optional<FileStatus> status = readStatus(folder.number(), name.c_str());
     if (!status && failureOf(errno) != Failure::absent) return std::nullopt;
     if (!status || (!status->isFolder && isProhibited(name))) continue;
-    // The file system may not tell capital letters from small ones: then this is the name of
-    // another entry, or there is no such entry any more.
+    // The file system may not distinguish capital letters from small ones: then this name can find
+    // an entry whose name is written in another way.
     const std::optional<FileStatus> other = readStatus(folder.number(), inOtherCase(name).c_str());
     if (name != inOtherCase(name) && other && other->identity == status->identity) {
       return std::nullopt;

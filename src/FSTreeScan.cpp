@@ -13,21 +13,21 @@ namespace {
 constexpr int kMostOpen = 32;  // folders held open on the way down
 
 // Entries that need not be reported as new.
-class Acquaintance {
+class KnownEntries {
  public:
-  explicit Acquaintance(FSListingPtr listing)
+  explicit KnownEntries(FSListingPtr listing)
       : listing_(listing != nullptr ? std::move(listing) : emptyListing()),
         byName_(listing_->entries(), FSListingIndex::Key::name),
         files_(listing_->entries(), FSListingIndex::Key::identity) {}
 
-  // Whether they have this one, under its name or another.
+  // Whether this entry is among them, under its name or another.
   bool Has(const FSEntries& entries, uint32_t position) const {
     if (HasKind(entries.name(position), entries.isFolder(position))) return true;
     return files_.FirstOf(entries.identity(position), entries.isFolder(position)) !=
            FSListingIndex::kNone;
   }
 
-  // Whether a folder or not of this name, as selected, is among them.
+  // Whether an entry of this name and kind is among them.
   bool HasKind(std::string_view name, bool isFolder) const {
     const uint32_t at = byName_.FirstNamed(name);
     return at != FSListingIndex::kNone && listing_->entries().isFolder(at) == isFolder;
@@ -38,7 +38,7 @@ class Acquaintance {
   const FSListingIndex byName_, files_;
 };
 
-// Reports what is new by itself, where no callback runs.
+// Queues the records of what is new at once: for scans outside a callback.
 class QueueingListener : public FSScanListener {
  public:
   explicit QueueingListener(FSTree& tree) : tree_(tree) {}
@@ -83,7 +83,7 @@ void FSTree::DirSearch(const std::string& path, bool listSync, bool reportNew) {
 }
 
 // The first folders on the way down stay open, so that those below them are quickly found. The
-// others do not, so that the depth of a tree is not bound by the number of open files.
+// others do not, so that the limit of open files does not limit the depth of a tree.
 void FSTree::ScanFolder(const std::string& path, OpenFolder folder, const FileIdentity& identity,
                         bool listSync, int depth) {
   if (beforeScanning) beforeScanning(path, folder);
@@ -108,7 +108,7 @@ void FSTree::ScanFolder(const std::string& path, OpenFolder folder, const FileId
     OpenFolder below =
         folder.isOpen() ? OpenFolder(folder, std::string(entries.name(i))) : OpenFolder(subfolder);
     if (folder.isOpen() && below.failure() == Failure::passing) {
-      // Perhaps for want of descriptors.
+      // Possibly for lack of descriptors.
       folder.Close();
       below = OpenFolder(subfolder);
     }
@@ -131,6 +131,7 @@ void FSTree::ReportUnreadable(const std::string& path, int error) {
 
 void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
                      FSScanListener& listener) {
+  if (!Utility::isAllowedPath(path + "/")) return;
   FSListingBuilder current;
   OpenFolder folder(path, path == rootPath);
   if (!folder.isOpen()) ReportUnreadable(path, folder.error());
@@ -143,10 +144,10 @@ void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
     listener.OnRead(path, listing, look);
     return;
   }
-  const Acquaintance own(listener.OwnListing(path));
-  const Acquaintance known(wasKnown ? KnownListing(path) : nullptr);
+  const KnownEntries own(listener.OwnListing(path));
+  const KnownEntries known(wasKnown ? KnownListing(path) : nullptr);
   const FSEntries entries = listing->entries();
-  // What was of another kind is left to a comparison, with all below it.
+  // An entry that the reader knows with the other kind is left to a comparison, with all below it.
   const auto isOtherKind = [&](uint32_t position) {
     return known.HasKind(entries.name(position), !entries.isFolder(position));
   };
@@ -163,7 +164,7 @@ void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
   for (uint32_t i = 0; i < entries.count(); ++i) {
     if (!entries.isFolder(i) || isOtherKind(i)) continue;
     const std::string subfolder = FSPaths::join(path, entries.name(i));
-    if (listener.IsPending(subfolder) || !Utility::isAllowedPath(subfolder + "/")) continue;
+    if (listener.IsPending(subfolder)) continue;
     ScanNew(subfolder, listSync, known.HasKind(entries.name(i), true), listener);
   }
 }

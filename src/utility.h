@@ -28,7 +28,7 @@ std::string charToHex(unsigned char byte);
 // digit.
 std::string urlDecode(const std::string& text);
 
-// The byte that up to two hexadecimal digits stand for, read as a number in text is read: leading
+// The byte that up to two hexadecimal digits give, parsed as a stream parses a number: leading
 // white space and a sign are accepted, reading stops at the first other character. An empty text is
 // 0. Throws std::runtime_error("stream decode failure") when there is no digit or the number
 // exceeds 16 bits.

@@ -17,8 +17,8 @@ constexpr milliseconds kMoveWait(2);        // for the second half of a move
 }  // namespace
 
 Reader::Reader(const std::string& path, Latency::Duration latency)
-    : table_(root_),
-      root_(path),
+    : root_(path),
+      table_(root_),
       probe_([this](const OpenFolder& folder) { return table_.ProbeRoot(folder); }),
       latency_(latency) {}
 

@@ -87,9 +87,8 @@ class Reader {
   void ExamineMounts();
   void NoteMounts();
 
-  // The table comes first: when there is one inotify instance only, it is the tree's.
-  WatchTable table_;
   Root root_;
+  WatchTable table_;
   const Root::Probe probe_;
   MountTable mounts_;
   Latency latency_;

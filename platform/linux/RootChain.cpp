@@ -82,23 +82,24 @@ void RootChain::Watch() {
     for (const Step& old : before) {
       const bool isKept = std::any_of(steps_.begin(), steps_.end(),
                                       [&](const Step& step) { return step.watch == old.watch; });
-      if (!isKept && old.watch >= 0) inotify_.Remove(old.watch);
+      if (!isKept && old.watch >= 0) inotify_->Remove(old.watch);
     }
   }
 }
 
 void RootChain::WatchSteps() {
-  needsPolling_ = !inotify_.isOpen();
+  if (!inotify_) inotify_.emplace(Inotify::Interest::names);
+  needsPolling_ = !inotify_->isOpen();
   for (Step& step : steps_) {
     const OpenFolder folder(step.folder, true);
-    step.watch = folder.isOpen() ? inotify_.Add(folder) : -1;
+    step.watch = folder.isOpen() ? inotify_->Add(folder) : -1;
     if (step.watch < 0 && folder.failure() != Failure::absent) needsPolling_ = true;
   }
 }
 
 bool RootChain::Read() {
   std::string events;
-  if (!inotify_.isOpen() || !inotify_.Read(events, kMostBytes)) return false;
+  if (!inotify_ || !inotify_->isOpen() || !inotify_->Read(events, kMostBytes)) return false;
   bool isHit = false;
   for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
     if (event->kind == Event::Kind::overflow) isHit = true;

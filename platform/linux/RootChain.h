@@ -7,6 +7,7 @@
 // above cannot be watched, the way has to be looked at from time to time instead: see NeedsPolling.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ class RootChain {
   explicit RootChain(std::string path);
 
   // The descriptor to wait on; -1 when there is no instance.
-  int number() const { return inotify_.number(); }
+  int number() const { return inotify_ ? inotify_->number() : -1; }
 
   // Looks the path up by hand and watches every folder on the way, links included, until nothing
   // changed between the look and the watches.
@@ -45,7 +46,8 @@ class RootChain {
   void WatchSteps();
 
   const std::string path_;
-  Inotify inotify_{Inotify::Interest::names};
+  // From the first Watch on: when the system gives one instance only, it is the tree's.
+  std::optional<Inotify> inotify_;
   std::vector<Step> steps_;
   bool needsPolling_ = false;
 };

@@ -13,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool ignoresCase = false;  // a folder can be opened by its name in the other case
+bool ignoresCase = false;  // an entry is found by its name in the other case
 
 bool fails(const char* call, int folder, const std::string& name) {
   std::error_code ignored;
@@ -41,7 +41,12 @@ int __wrap_openat(int folder, const char* name, int flags, ...) {
 
 int __real_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status);
 int __wrap_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status) {
-  return fails("status ", folder, name) ? -1 : __real_statx(folder, name, flags, mask, status);
+  if (fails("status ", folder, name)) return -1;
+  const int found = __real_statx(folder, name, flags, mask, status);
+  if (found == 0 || !ignoresCase || *name == 0) return found;
+  std::string other = name;
+  other.back() ^= 'a' ^ 'A';
+  return __real_statx(folder, other.c_str(), flags, mask, status);
 }
 
 int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
@@ -225,6 +230,15 @@ TEST_F(FaultTest, FollowsAFolderToItsNameInTheOtherCase) {
     EXPECT_EQ(cut(), Names{"t/"});
     EXPECT_EQ(expectInStep(), Names{});
   }
+  FSEventWatcher::sNamesBehind = [](ConstFSEventStreamRef, size_t, FSNames& names) {
+    names = {"F", "f"};
+    return true;
+  };
+  tree().fewestForNames = 0;
+  folder.run("touch t/f; touch t/g");
+  watch();
+  folder.run("mv t/f t/F");
+  EXPECT_EQ(batch({"t/", "t/"}), Texts{"rename file t/f -> t/F"});
   ignoresCase = false;
 }
 

@@ -71,7 +71,7 @@ TEST_F(ReaderTest, NamesWhatChangesInFoldersThatAScanHasEntered) {
     reader->Start(now);
     if (before == "none") run(commands);
     run("step");
-    if (!expected.empty()) EXPECT_TRUE(step(kLatency) || step(milliseconds(2)));
+    EXPECT_EQ(step(kLatency) || step(milliseconds(2)), !expected.empty());
     EXPECT_EQ(named, expected);
     expectEveryFolderWatched(reader->tree(), folder / "t");
     folder.tryToRun("rm t2");

@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "StreamExtension.h"
 #include "watcher_test.h"
 
 namespace {
@@ -132,6 +133,35 @@ TEST_F(TreeTest, FollowsUnreadFoldersThatMoveOrGo) {
   folder.run("rm B");
   EXPECT_EQ(batch({"/"}), Texts{"delete folder B"});
   EXPECT_FALSE(tree().retries.Next());
+}
+
+TEST_F(TreeTest, ExaminesNamesOfALargeFolderAndReadsTheRestLater) {
+  for (int i = 0; i < 300; ++i) folder.write("A" + std::to_string(i), "");
+  folder.run("mkdir B; touch B/A7 1");
+  watch();
+  static FSNames known;
+  FSEventWatcher::sNamesBehind = [](ConstFSEventStreamRef, size_t, FSNames& names) {
+    names = known;
+    return !names.empty();
+  };
+  known = {"A7", "A8", "n"};
+  folder.run("touch A7 7; touch A9 9; mv A8 n; mv B/A7 B/n");
+  EXPECT_EQ(batch({"B/"}), Texts{"rename file B/A7 -> B/n"}) << "a small folder";
+  EXPECT_EQ(batch({"/", "/"}), (Texts{"change file A7", "rename file A8 -> n"}));
+  const FSByNames::Time due = *tree().byNames.Next();
+  FSEventWatcher::RetryUnread(due - std::chrono::seconds(1));
+  EXPECT_EQ(records(), Texts{});
+  FSEventWatcher::RetryUnread(due);
+  EXPECT_EQ(records(), Texts{"change file A9"});
+  EXPECT_FALSE(tree().byNames.Next());
+
+  // Another folder is at the path. What it holds is not examined by the names.
+  known = {"A7"};
+  const TempFolder other;
+  std::filesystem::rename(folder.path(), other / "away");
+  std::filesystem::create_directory(folder.path());
+  EXPECT_EQ(batch({"/"}).size(), 301U);
+  FSEventWatcher::sNamesBehind = namesBehind;
 }
 
 }  // namespace
