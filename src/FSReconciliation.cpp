@@ -23,7 +23,7 @@ FSReconciliation::FSReconciliation(std::string key, FSTree& tree, FSTransit& tra
 bool FSReconciliation::Run() {
   const FSListingPtr before = transit_.ListingAt(key_);
   FSListingBuilder listed;
-  const FSLook look = tree_.Read(key_, before != nullptr ? before->entries() : FSEntries(), listed);
+  FSLook look = tree_.Read(key_, before != nullptr ? before->entries() : FSEntries(), listed);
   if (look.reading == FSReading::failed || (before == nullptr && !isReadable(look.reading))) {
     transit_.SetUnread(key_, look.reading);
     return false;
@@ -32,19 +32,21 @@ bool FSReconciliation::Run() {
   current_ = listed.entries();
   saved_ = known.listing->entries();
   Walk();
-  transit_.SetCompared(key_, known, isEdited() ? MakeListing() : known.listing, look);
+  const FSListingPtr listing = isEdited() ? MakeListing() : known.listing;
+  look.isReported = listing->entries().count() == current_.count();
+  transit_.SetCompared(key_, known, listing, look);
   return hasReported_;
 }
 
 bool FSReconciliation::RunOn(const FSNames& names) {
-  const std::optional<FSTree::Named> named = transit_.LookUpNames(key_, names);
-  if (!named) {
-    return Run();
-  }
+  std::optional<FSTree::Named> named = transit_.LookUpNames(key_, names);
+  if (!named) return Run();
   current_ = named->current->entries();
   saved_ = named->saved->entries();
   Walk();
-  transit_.SetComparedByNames(key_, names, isEdited() ? MakeListing() : named->saved, named->look);
+  const FSListingPtr entries = isEdited() ? MakeListing() : named->saved;
+  named->look.isReported = entries->entries().count() == current_.count();
+  transit_.SetComparedByNames(key_, names, entries, named->look);
   return hasReported_;
 }
 

@@ -201,7 +201,7 @@ FSChangeList FSTransit::Settle() {
   tree_.FinishDrafts();
   for (const auto& [key, own] : own_) {
     if (!own.isFound || !tree_.Has(key)) continue;
-    tree_.SetListing(key, own.listing, own.look.folder);
+    tree_.SetListing(key, own.listing, own.look.isReported ? own.look.folder : FileIdentity());
     tree_.doubt.erase(key);
   }
   Clear();
@@ -252,11 +252,13 @@ std::vector<std::string> FSTransit::Check() {
   }
   for (auto& [key, listing] : agreeing) {
     tree_.doubt.erase(key);
-    tree_.SetListing(key, std::move(listing), FindLook(key)->folder);
+    const FSLook& look = *FindLook(key);
+    tree_.SetListing(key, std::move(listing), look.isReported ? look.folder : FileIdentity());
   }
   for (const std::string& key : agreeingOnSome) {
     tree_.doubt.erase(key);
-    tree_.SetEntries(key, some_.at(key).entries->entries());
+    const Some& some = some_.at(key);
+    tree_.SetEntries(key, some.entries->entries(), some.look.isReported);
   }
   tree_.FinishDrafts();
   for (const std::string& key : empty) tree_.Forget(key);

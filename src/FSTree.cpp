@@ -279,7 +279,7 @@ void FSTree::SetListing(const std::string& key, FSListingPtr listing,
   byNames.Remove(key);
 }
 
-void FSTree::SetEntries(const std::string& key, const FSEntries& entries) {
+void FSTree::SetEntries(const std::string& key, const FSEntries& entries, bool isReported) {
   const MutexLock lock(treeMutex);
   Folder& folder = snapshot.find(key)->second;
   for (uint32_t i = 0; i < entries.count(); ++i) {
@@ -287,6 +287,7 @@ void FSTree::SetEntries(const std::string& key, const FSEntries& entries) {
     const std::optional<FileStatus> saved = DraftOf(folder).Find(entries.name(i));
     if (!saved || !areEqual(*saved, current)) DraftOf(folder).Put(entries.name(i), current);
   }
+  if (!isReported) folder.identity = {};
   byNames.Note(key, folder.listing->entries().count(), FSByNames::Clock::now());
 }
 

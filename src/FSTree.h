@@ -54,6 +54,10 @@ inline bool isReadable(FSReading reading) {
 struct FSLook {
   FSReading reading;
   FileIdentity folder;  // of the folder that was read; unknown where it could not be opened
+
+  // Everything that was found has been reported. Not so where a comparison met both what came and
+  // what went, and reported one side.
+  bool isReported = true;
 };
 
 // Names of a folder's entries, sorted, each once.
@@ -85,7 +89,8 @@ class FSTree {
   struct Folder {
     FSListingPtr listing;
     std::unique_ptr<FSListingDraft> draft = nullptr;
-    FileIdentity identity = {};  // of the folder that was read; unknown where it has not been
+    FileIdentity identity = {};  // of the folder that was read; unknown where it has not been,
+                                 // or not everything has been reported
   };
   using Snapshot = std::map<std::string, Folder, std::less<>>;
 
@@ -172,8 +177,10 @@ class FSTree {
       EXCLUDES(treeMutex);
 
   // Takes over the attributes of these entries, on which AgreesOn is true, and notes that only
-  // names of the folder have been examined.
-  void SetEntries(const std::string& key, const FSEntries& entries) EXCLUDES(treeMutex);
+  // names of the folder have been examined. `isReported`: see FSLook; if not, the folder is read in
+  // full the next time.
+  void SetEntries(const std::string& key, const FSEntries& entries, bool isReported)
+      EXCLUDES(treeMutex);
 
   // Makes listings of the drafts. Of large folders with few changes, a fixed number keep theirs.
   void FinishDrafts() EXCLUDES(treeMutex);
