@@ -4,10 +4,11 @@
 usage: copy_tree.py FOLDER COPY [TOOL]
 
 Needs the client (clients/python). Works after each burst of changes, when what was written is at rest. At the start, and when
-the folder came back, the two are compared as wholes: a file is copied when its time of modification or its size is
-another. Nothing is taken out of the copy while FOLDER, or the folder concerned, is away or cannot be read. Owners, hard
-links and special files are not copied. A file that another one of the same second replaces has no record, so the copy keeps
-the old one until the next comparison. Files whose endings the tool ignores are left alone on both sides.
+the folder came back, the two are compared as wholes: a file is copied when its time of modification or its size is another,
+and what only COPY holds is removed. Nothing is taken out of the copy while FOLDER, or the folder concerned, is away or cannot
+be read. Owners, modes of folders, hard links and special files are not copied. A file that another one of the same second
+replaces has no record, so the copy keeps the old one until the next comparison. Files whose endings the tool ignores are left
+alone on both sides.
 """
 
 import os
@@ -109,6 +110,9 @@ class Copy:
 
 
 def main(folder, copy, tool="Dirwarden"):
+    ends = [os.path.realpath(path) for path in (folder, copy)]
+    if os.path.commonpath(ends) in ends:
+        sys.exit("copy_tree.py: one of the two folders is in the other")
     os.makedirs(copy, exist_ok=True)
     with dirwarden.watch(os.fsencode(folder), tool=tool) as watcher:
         mirror = Copy(watcher, os.fsencode(copy).rstrip(b"/"))
