@@ -7,8 +7,8 @@ Needs the client (clients/python). Works after each burst of changes, when what 
 the folder came back, the two are compared as wholes: a file is copied when its time of modification or its size is another,
 and what only COPY holds is removed. Nothing is taken out of the copy while FOLDER, or the folder concerned, is away or cannot
 be read. Owners, modes of folders, hard links and special files are not copied. A file that another one of the same second
-replaces has no record, so the copy keeps the old one until the next comparison. Files whose endings the tool ignores are left
-alone on both sides.
+replaces has no record, so the copy keeps the old one until the next comparison. Files whose endings the tool ignores are not
+copied; those in COPY stay only where FOLDER has them too.
 """
 
 import os
