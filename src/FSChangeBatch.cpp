@@ -97,8 +97,7 @@ void FSChangeBatch::EmitAlone(const FSChangedResource& record) {
 void FSChangeBatch::EmitHalves(const FSChangedResource& earlier, const FSChangedResource& later) {
   const FSChangedResource& deleted = isDeletion(earlier) ? earlier : later;
   const FSChangedResource& created = isDeletion(earlier) ? later : earlier;
-  FSResource renamed = earlier;
-  renamed.path = created.path;
+  FSResource renamed(earlier.status(), created.path);
   renamed.oldPath = deleted.path;
   EmitRename(renamed);
   // The attributes are those of the earlier half. A write besides has its own record.

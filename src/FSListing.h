@@ -85,6 +85,7 @@ class FSListing {
  public:
   // A copy of the entries.
   explicit FSListing(const FSEntries& entries);
+  ~FSListing() = default;
   FSListing(const FSListing&) = delete;
   FSListing& operator=(const FSListing&) = delete;
 

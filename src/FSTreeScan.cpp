@@ -15,8 +15,8 @@ constexpr int kMostOpen = 32;  // folders held open on the way down
 // Entries that need not be reported as new.
 class KnownEntries {
  public:
-  explicit KnownEntries(FSListingPtr listing)
-      : listing_(listing != nullptr ? std::move(listing) : emptyListing()),
+  explicit KnownEntries(const FSListingPtr& listing)
+      : listing_(listing != nullptr ? listing : emptyListing()),
         byName_(listing_->entries(), FSListingIndex::Key::name),
         files_(listing_->entries(), FSListingIndex::Key::identity) {}
 

@@ -89,6 +89,8 @@ class OpenFolder {
   OpenFolder(const OpenFolder& parent, const std::string& name)
       : OpenFolder(parent.number(), name.c_str(), false) {}
 
+  OpenFolder(const OpenFolder&) = delete;
+  OpenFolder& operator=(const OpenFolder&) = delete;
   OpenFolder(OpenFolder&&) = default;
   OpenFolder& operator=(OpenFolder&&) = default;
   ~OpenFolder() { Close(); }

@@ -53,7 +53,8 @@ MountTable::Mounts MountTable::Read() {
     std::istringstream words(line);
     std::string number, parent, device, root, path;
     if (words >> number >> parent >> device >> root >> path) {
-      mounts.insert({unescaped(path), number + " " + device + " " + root});
+      number.append(" ").append(device).append(" ").append(root);
+      mounts.insert({unescaped(path), number});
     }
   }
   return mounts;

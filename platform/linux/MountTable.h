@@ -4,9 +4,9 @@
 // Owned by the stream; used by one thread at a time.
 #pragma once
 
-#include <compare>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "Descriptor.h"
 
@@ -24,7 +24,9 @@ class MountTable {
   struct Mount {
     std::string path;
     std::string what;
-    auto operator<=>(const Mount& other) const = default;
+    bool operator<(const Mount& other) const {
+      return std::tie(path, what) < std::tie(other.path, other.what);
+    }
   };
   using Mounts = std::set<Mount>;
 

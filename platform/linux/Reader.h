@@ -36,6 +36,7 @@ class Reader {
 
   // `path` is without a final "/", but for "/". What is there now is what the callback knows.
   Reader(const std::string& path, Latency::Duration latency);
+  ~Reader() = default;
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 

@@ -63,6 +63,7 @@ class WatchTable {
 
   // `watched` is put in doubt when the root does not seem to be where it was. It must outlive this.
   explicit WatchTable(Root& watched) : watched_(watched) {}
+  ~WatchTable() = default;
   WatchTable(const WatchTable&) = delete;
   WatchTable& operator=(const WatchTable&) = delete;
 
