@@ -1,6 +1,6 @@
-// The lines that wait to be written. Their texts, each with its line feed, follow each other in
-// large blocks. A block is freed as soon as it has been written, whatever else the process keeps: a
-// listing of a large tree can be queued whole.
+// The lines that wait to be written. Their texts, each with its line feed, follow each
+// other in large blocks of memory that go back to the system as soon as they have been written,
+// whatever else the process keeps: a listing of a large tree can be queued whole.
 //
 // Not synchronised; its owner has a lock.
 #pragma once
@@ -10,9 +10,12 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "FreshMemory.h"
 
 class FSLineQueue {
  public:
@@ -41,8 +44,8 @@ class FSLineQueue {
     return {block.text.get() + block.begin, block.ends[last] - block.begin};
   }
 
-  // So many bytes of Front have been written. The lines that are written completely leave the
-  // queue. Returns how many.
+  // So many bytes of Front have been written. The lines that are complete by now leave the queue.
+  // Returns how many.
   size_t Consume(size_t bytes) {
     if (bytes == 0) return 0;
     Block& block = blocks_.front();
@@ -72,10 +75,18 @@ class FSLineQueue {
   static constexpr size_t kFirstBlock = 16 << 10;
   static constexpr size_t kBlock = 256 << 10;
 
+  struct Unmap {
+    size_t size = 0;
+    void operator()(char* memory) const { unmapFresh(memory, size); }
+  };
   struct Block {
-    explicit Block(size_t size)
-        : text(std::make_unique_for_overwrite<char[]>(size)), capacity(size) {}
-    std::unique_ptr<char[]> text;
+    explicit Block(size_t size) : text(Map(size), Unmap{size}), capacity(size) {}
+    static char* Map(size_t size) {
+      void* memory = mapFresh(size);
+      if (memory == nullptr) throw std::bad_alloc();
+      return static_cast<char*>(memory);
+    }
+    std::unique_ptr<char, Unmap> text;
     size_t capacity;
     std::vector<size_t> ends;  // by line: behind its line feed
     size_t first = 0;          // the oldest line that is not complete
