@@ -108,7 +108,7 @@ bool compare(const std::string& key, FSTransit& transit) {
 bool compareNamed(const std::string& key, ConstFSEventStreamRef stream, size_t event,
                   FSTransit& transit) {
   FSNames names;
-  if (!FSEventWatcher::sNamesBehind(stream, event, names)) {
+  if (!FSEventWatcher::sTree->IsLarge(key) || !FSEventWatcher::sNamesBehind(stream, event, names)) {
     return compare(key, transit);
   }
   const MutexLock lock(mainlock);

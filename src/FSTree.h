@@ -127,6 +127,9 @@ class FSTree {
   // not be read, and what is so deep that its path exceeds the limit.
   FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
 
+  // Whether the folder is large enough to be read by the names that have changed.
+  bool IsLarge(const std::string& key) const;
+
   // Examines these names of the folder only, and returns the saved and the current entries of these
   // names. Nothing in any doubt: then the folder has to be read in full.
   struct Named {

@@ -121,6 +121,11 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
   return isGone ? FSReading::absent : FSReading::whole;
 }
 
+bool FSTree::IsLarge(const std::string& key) const {
+  const auto found = snapshot.find(key);
+  return found != snapshot.end() && found->second.listing->entries().count() >= fewestForNames;
+}
+
 std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSNames& names) {
   const auto found = snapshot.find(key);
   if (found == snapshot.end() || retries.contains(key)) return std::nullopt;

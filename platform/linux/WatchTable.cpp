@@ -13,7 +13,7 @@ constexpr uint32_t kMostHeldBack = 3;  // batches
 struct Mention {
   std::string path;
   bool isTwice;
-  std::optional<std::vector<std::string>> names;
+  std::shared_ptr<const std::vector<std::string>> names;
 };
 
 // Parents come before children when paths sort by bytes, because every path ends with "/".
@@ -248,11 +248,16 @@ void WatchTable::ForgetNames(Folder& folder) {
   folder.names.reset();
 }
 
-std::optional<std::vector<std::string>> WatchTable::TakeNames(Folder& folder) {
-  if (folder.names == nullptr) return std::nullopt;
-  std::vector<std::string> names(folder.names->begin(), folder.names->end());
-  std::sort(names.begin(), names.end());
-  ForgetNames(folder);
+std::shared_ptr<const std::vector<std::string>> WatchTable::TakeNames(Folder& folder) {
+  if (folder.names == nullptr) return nullptr;
+  auto names = std::make_shared<std::vector<std::string>>();
+  names->reserve(folder.names->size());
+  namesKept_ -= folder.names->size();
+  while (!folder.names->empty()) {
+    names->push_back(std::move(folder.names->extract(folder.names->begin()).value()));
+  }
+  folder.names.reset();
+  std::sort(names->begin(), names->end());
   return names;
 }
 
@@ -345,7 +350,7 @@ std::vector<NamedFolder> WatchTable::Cut() {
   for (Folder* folder : marked_) {
     if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
-    std::optional<std::vector<std::string>> names = TakeNames(*folder);
+    std::shared_ptr<const std::vector<std::string>> names = TakeNames(*folder);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
     named.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;

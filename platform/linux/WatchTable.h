@@ -52,9 +52,9 @@ struct NamedFolder {
   std::string path;
   FSEventStreamEventFlags flags;
 
-  // Of the entries that have changed since the folder was named the last time, sorted; nothing
+  // Of the entries that have changed since the folder was named the last time, sorted; null
   // where other entries may have changed too.
-  std::optional<std::vector<std::string>> names = std::nullopt;
+  std::shared_ptr<const std::vector<std::string>> names = nullptr;
 };
 
 class WatchTable {
@@ -203,7 +203,7 @@ class WatchTable {
   void MarkFolder(Folder& folder, uint8_t marks);
   void MarkEntry(Folder& folder, uint8_t marks, std::string_view name);
   void ForgetNames(Folder& folder);
-  std::optional<std::vector<std::string>> TakeNames(Folder& folder);
+  std::shared_ptr<const std::vector<std::string>> TakeNames(Folder& folder);
   void MarkAll(Folder& folder, uint8_t marks);
   void Touch(Folder& folder);
   bool IsRecent(uint32_t epoch) const { return epoch + 1 >= epoch_; }
