@@ -228,15 +228,21 @@ class Bench:
             share = 100 * (tool.cpu() - used) / (time.monotonic() - at)
         self.table.row(f"idle, {folders * FILES_PER_FOLDER:,} files: share of a core", share, bar=0.1, kind="%")
 
-    def crowded(self, entries=100000):
-        """One large folder: what single changes cost in it, and very many new files."""
+    @contextlib.contextmanager
+    def watching_crowd(self, entries):
+        """One folder of so many files, and the tool at rest."""
         top = os.path.join(self.base, "crowded")
         os.mkdir(top)
         for i in range(entries):
             os.mknod(f"{top}/entry-{i:06}", 0o644)
         with self.watching(top) as tool:
             tool.wait_for_rest(2)
+            yield top, tool
+        shutil.rmtree(top)
 
+    def crowded(self, entries=100000):
+        """One large folder: what single changes cost in it, and very many new files."""
+        with self.watching_crowd(entries) as (top, tool):
             def cost(change, wait=0.0):
                 used, at = tool.cpu(), time.monotonic()
                 change()
@@ -256,16 +262,10 @@ class Bench:
         self.table.row(f"one file touched among {entries:,}", touched, bar=0.01)
         self.table.row("the full reading when it has come to rest", full)
         self.table.row(f"one file appended 100 times a second among {entries:,}", 100 * used / wall, bar=1.5, kind="%")
-        shutil.rmtree(top)
         self.creations()
 
     def creations(self, before=50000, new=50000, seconds=16):
-        top = os.path.join(self.base, "crowded")
-        os.mkdir(top)
-        for i in range(before):
-            os.mknod(f"{top}/entry-{i:06}", 0o644)
-        with self.watching(top) as tool:
-            tool.wait_for_rest(2)
+        with self.watching_crowd(before) as (top, tool):
             used, at = tool.cpu(), time.monotonic()
             for i in range(new):
                 os.mknod(f"{top}/new-{i:06}", 0o644)
@@ -273,7 +273,6 @@ class Bench:
                     time.sleep(max(0, at + seconds * i / new - time.monotonic()))
             time.sleep(3)
             used = tool.cpu() - used
-        shutil.rmtree(top)
         self.table.row(f"{new:,} files made in {seconds} s in a folder of {before:,}", used, bar=2, kind="s")
 
     def unreadable(self, folders=20000, seconds=20):

@@ -169,10 +169,8 @@ bool FSChangeBatch::Insert(const FSResource& created) {
   const std::optional<FileStatus> known = tree_.Find(created.path);
   if (known && known->isFolder != created.isFolder) EmitDeletion({*known, created.path});
   if (!created.isFolder) DeleteBelow(created.path);
-  FSResource entry = created;
-  entry.oldPath.clear();
-  tree_.Put(entry.path, entry.status());
-  Queue("create", entry);
+  tree_.Put(created.path, created.status());
+  Queue("create", created);
   return true;
 }
 
@@ -204,10 +202,7 @@ size_t FSChangeBatch::PartnerOf(size_t position) const {
   auto at = std::upper_bound(byINode_.begin(), byINode_.end(), std::pair(record.inode, position));
   for (; at != byINode_.end() && at->first == record.inode; ++at) {
     const FSChangedResource& other = records_[at->second];
-    if (isEmitted_[at->second] || earlierHalf_[at->second] != kNone || !isSameFile(record, other)) {
-      continue;
-    }
-    return areHalves(record, other) ? at->second : kNone;
+    if (isSameFile(record, other)) return areHalves(record, other) ? at->second : kNone;
   }
   return kNone;
 }

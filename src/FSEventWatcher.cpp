@@ -120,11 +120,6 @@ void compareBothSides(const std::string& key, FSTransit& transit) {
   if (compare(key, transit)) compare(key, transit);
 }
 
-// The key of the folder that an event names.
-std::string keyOf(const std::string& folder) {
-  return folder.ends_with('/') ? FSPaths::keyOf(folder) : folder;
-}
-
 void retry(CFRunLoopTimerRef /*timer*/, void* /*info*/) {
   FSEventWatcher::RetryUnread(std::chrono::steady_clock::now());
 }
@@ -218,7 +213,7 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef stream, void* /*cli
     if (isRoot) {
       checkRoot(ids[i], transit.records);
     } else {
-      std::string key = keyOf(paths[i]);
+      std::string key = FSPaths::keyOf(paths[i]);
       if (key == unchanged) continue;
       unchanged = compareNamed(key, stream, i, transit) ? "" : std::move(key);
     }
@@ -255,7 +250,7 @@ void FSEventWatcher::EmitAndCheck(FSTransit& transit) {
 
 void FSEventWatcher::PrintChangedFiles(const std::string& folder, FSChangeList& batch) {
   FSTransit transit(*sTree);
-  compare(keyOf(folder), transit);
+  compare(FSPaths::keyOf(folder), transit);
   for (FSChangedResource& record : transit.Settle()) batch.push_back(std::move(record));
 }
 

@@ -7,10 +7,9 @@
 
 namespace FSPaths {
 
-// The key of a folder named with its final "/", and the reverse.
-inline std::string keyOf(const std::string& folderWithSlash) {
-  return folderWithSlash.size() == 1 ? folderWithSlash
-                                     : folderWithSlash.substr(0, folderWithSlash.size() - 1);
+// The key of a folder that is named with or without its final "/", and the name with it.
+inline std::string keyOf(const std::string& folder) {
+  return folder.size() > 1 && folder.ends_with('/') ? folder.substr(0, folder.size() - 1) : folder;
 }
 inline std::string folderOf(const std::string& key) { return key == "/" ? key : key + "/"; }
 

@@ -201,7 +201,7 @@ FSChangeList FSTransit::Settle() {
   tree_.FinishDrafts();
   for (const auto& [key, own] : own_) {
     if (!own.isFound || !tree_.Has(key)) continue;
-    tree_.SetListing(key, own.listing, own.look.isReported ? own.look.folder : FileIdentity());
+    tree_.SetListing(key, own.listing, own.look.identity());
     tree_.doubt.erase(key);
   }
   Clear();
@@ -252,8 +252,7 @@ std::vector<std::string> FSTransit::Check() {
   }
   for (auto& [key, listing] : agreeing) {
     tree_.doubt.erase(key);
-    const FSLook& look = *FindLook(key);
-    tree_.SetListing(key, std::move(listing), look.isReported ? look.folder : FileIdentity());
+    tree_.SetListing(key, std::move(listing), FindLook(key)->identity());
   }
   for (const std::string& key : agreeingOnSome) {
     tree_.doubt.erase(key);

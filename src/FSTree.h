@@ -58,6 +58,9 @@ struct FSLook {
   // Everything that was found has been reported. Not so where a comparison met both what came and
   // what went, and reported one side.
   bool isReported = true;
+
+  // What the snapshot keeps of `folder`: unknown while something is left to report.
+  FileIdentity identity() const { return isReported ? folder : FileIdentity(); }
 };
 
 // Names of a folder's entries, sorted, each once.

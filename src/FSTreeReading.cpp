@@ -145,9 +145,9 @@ std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSN
     if (!status || (!status->isFolder && isProhibited(name))) continue;
     // The file system may not distinguish capital letters from small ones: then this name can find
     // an entry whose name is written in another way.
-    const std::optional<FileStatus> other = readStatus(folder.number(), inOtherCase(name).c_str());
-    if (name != inOtherCase(name) && other && other->identity == status->identity) {
-      return std::nullopt;
+    if (const std::string otherName = inOtherCase(name); otherName != name) {
+      const std::optional<FileStatus> other = readStatus(folder.number(), otherName.c_str());
+      if (other && other->identity == status->identity) return std::nullopt;
     }
     current.Add(name, *status);
   }

@@ -7,7 +7,7 @@
 #include "FSTree.h"
 
 FSResourceArray FSTree::GetCurrentResourceList(const std::string& folder) const {
-  const std::string key = folder.ends_with('/') ? FSPaths::keyOf(folder) : folder;
+  const std::string key = FSPaths::keyOf(folder);
   FSListingBuilder current;
   Read(key, {}, current);
   FSResourceArray records;

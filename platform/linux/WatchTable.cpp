@@ -206,11 +206,9 @@ void WatchTable::Repair() {
 void WatchTable::NameAgain(const std::string& path) {
   if (root_ == nullptr) return;
   Folder* folder = root_.get();
-  size_t start = root_->name == "/" ? 1 : root_->name.size() + 1;
-  while (folder != nullptr && start < path.size()) {
-    const size_t end = std::min(path.find('/', start), path.size());
-    folder = ChildOf(*folder, std::string_view(path).substr(start, end - start));
-    start = end + 1;
+  if (path != root_->name) {
+    const Place place = PlaceOf(BelowRoot(path));
+    folder = place.parent != nullptr ? ChildOf(*place.parent, place.name) : nullptr;
   }
   if (folder != nullptr) MarkFolder(*folder, kLost | kGained);
 }

@@ -215,6 +215,7 @@ class WatchTable {
   void ForgetOrigins();
 
   // WatchTableFolders.cpp: the folders against the disk.
+  std::string BelowRoot(const std::string& path) const;
   Place PlaceOf(const std::string& path) const;
   void Examine(Folder& parent, const std::string& name, bool isNew = false);
   void Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk);

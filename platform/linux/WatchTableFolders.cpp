@@ -41,7 +41,7 @@ void WatchTable::Examine(Folder& parent, const std::string& name, bool isNew) {
 void WatchTable::EnterScanned(const std::string& path, const OpenFolder& folder) {
   ReadDuringWalk();
   if (root_ == nullptr || isTooLong(path.size())) return;
-  const Place place = PlaceOf(path.substr(root_->name == "/" ? 1 : root_->name.size() + 1));
+  const Place place = PlaceOf(BelowRoot(path));
   if (place.parent == nullptr) return;
   if (!folder.isOpen()) {
     Missing(*place.parent, place.name, folder.failure());
@@ -55,6 +55,11 @@ void WatchTable::EnterScanned(const std::string& path, const OpenFolder& folder)
   if (Relocate(watch, *place.parent, place.name, folder) == nullptr) {
     Enter(*place.parent, place.name, watch, folder);
   }
+}
+
+// The path relative to the root, of a folder below it. REQUIRES: there is a root.
+std::string WatchTable::BelowRoot(const std::string& path) const {
+  return path.substr(Join(root_->name, "").size());
 }
 
 // No parent when that is not known. The path is relative to the root.
