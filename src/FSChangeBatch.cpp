@@ -117,13 +117,14 @@ void FSChangeBatch::EmitDeletion(const FSResource& gone) {
   Queue("delete", gone);
 }
 
-// A new folder is scanned, unless a later record removes or moves it: where it is moved to, it is
-// in doubt, and compared in the next pass.
+// A new folder is scanned, unless a comparison has read it already or a later record removes or
+// moves it: where it is moved to, it is in doubt, and compared in the next pass.
 void FSChangeBatch::EmitCreation(const FSResource& created) {
   const std::optional<FileStatus> known = tree_.Find(created.path);
   const bool needsRecord = !known || !haveSameAttributes(*known, created.status());
   if (needsRecord && !Insert(created)) return;
-  if (created.isFolder && transit_.IsThere(created.path)) {
+  if (created.isFolder && transit_.IsThere(created.path) &&
+      !transit_.IsCompared(created.path, created.status().identity)) {
     tree_.ScanNew(created.path, false, known && known->isFolder, *this);
   }
 }

@@ -98,7 +98,7 @@ void logEvent(const char* path, FSEventStreamEventId id, FSEventStreamEventFlags
   }
 }
 
-// Returns whether the comparison reported anything; so does compareNamed.
+// Returns whether the other side is left to report; so does compareNamed.
 bool compare(const std::string& key, FSTransit& transit) {
   const MutexLock lock(mainlock);
   return FSReconciliation(key, *FSEventWatcher::sTree, transit, *FSEventWatcher::sChanges).Run();
@@ -205,7 +205,7 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef stream, void* /*cli
                                        const FSEventStreamEventId* ids) {
   if (count == 0) return;
   FSTransit transit(*sTree);
-  std::string unchanged;
+  std::string reported;  // with both sides
   for (size_t i = count; i-- > 0;) {
     const bool isRoot = (flags[i] & kFSEventStreamEventFlagRootChanged) != 0;
     if (!isRoot && !Utility::isAllowedPath(paths[i])) continue;
@@ -214,8 +214,8 @@ void FSEventWatcher::FSEvents_Callback(ConstFSEventStreamRef stream, void* /*cli
       checkRoot(ids[i], transit.records);
     } else {
       std::string key = FSPaths::keyOf(paths[i]);
-      if (key == unchanged) continue;
-      unchanged = compareNamed(key, stream, i, transit) ? "" : std::move(key);
+      if (key == reported) continue;
+      reported = compareNamed(key, stream, i, transit) ? "" : std::move(key);
     }
   }
   EmitAndCheck(transit);

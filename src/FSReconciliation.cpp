@@ -35,7 +35,7 @@ bool FSReconciliation::Run() {
   const FSListingPtr listing = isEdited() ? MakeListing() : known.listing;
   look.isReported = listing->entries().count() == current_.count();
   transit_.SetCompared(key_, known, listing, look);
-  return hasReported_;
+  return hasReported_ && !look.isReported;
 }
 
 bool FSReconciliation::RunOn(const FSNames& names) {
@@ -47,7 +47,7 @@ bool FSReconciliation::RunOn(const FSNames& names) {
   const FSListingPtr entries = isEdited() ? MakeListing() : named->saved;
   named->look.isReported = entries->entries().count() == current_.count();
   transit_.SetComparedByNames(key_, names, entries, named->look);
-  return hasReported_;
+  return hasReported_ && !named->look.isReported;
 }
 
 void FSReconciliation::Walk() {
@@ -183,9 +183,9 @@ void FSReconciliation::Ring(const Moves& ring) {
 }
 
 void FSReconciliation::Changed(Position c, Position s) {
-  const FSResource current = Current(c);
+  FSResource current = Current(c);
   Log("* CHANGED %s \"%s\"", current);
-  Report("change", current);
+  Report("change", std::move(current));
   Leave(saved_.name(s));
   Append(c);
 }
@@ -225,19 +225,19 @@ void FSReconciliation::Created(Position c) {
   isCurrentSettled_[c] = true;
   // A listing may hold a name twice when entries move while it is read.
   if (CurrentByName().FirstNamed(current_.name(c)) != c) return;
-  const FSResource current = Current(c);
+  FSResource current = Current(c);
   if (current.isFolder) transit_.AddFolder(current.path);
-  Report("create", current);
   Log("* CREATED %s \"%s\"", current);
+  Report("create", std::move(current));
   Append(c);
 }
 
 void FSReconciliation::Deleted(Position s) {
-  const FSResource saved = Saved(s);
+  FSResource saved = Saved(s);
   isSavedSettled_[s] = true;
   if (saved.isFolder) transit_.RemoveFolder(saved.path);
-  Report("delete", saved);
   Log("* REMOVED %s \"%s\"", saved);
+  Report("delete", std::move(saved));
   Edit();
   edits_[s] = kNone;
 }

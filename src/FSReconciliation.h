@@ -38,8 +38,8 @@ class FSReconciliation {
   // `key` is the folder's path without a final "/".
   FSReconciliation(std::string key, FSTree& tree, FSTransit& transit, FSChangeEvents& log);
 
-  // Compares the folder once. Returns whether anything was reported; if not, there is no other side
-  // to report either.
+  // Compares the folder once. Returns whether the other side is left to report: a second comparison
+  // reports it.
   bool Run();
 
   // The same where nothing but these names can have changed. Only they are examined, unless that

@@ -31,6 +31,12 @@ bool FSTransit::IsThere(const std::string& path) const {
   return place && tree_.Has(*place);
 }
 
+bool FSTransit::IsCompared(const std::string& key, const FileIdentity& folder) const {
+  const auto own = own_.find(key);
+  return own != own_.end() && own->second.isFound && own->second.look.isReported &&
+         own->second.look.reading == FSReading::whole && own->second.look.folder == folder;
+}
+
 // Makes a listing in own_ of the entries that were compared by their names and of the others as the
 // snapshot has them.
 void FSTransit::MakeWhole(const std::string& key) {

@@ -69,6 +69,10 @@ class FSTransit {
   // Whether the folder still exists at the path after the last comparison of the pass.
   bool IsThere(const std::string& path) const;
 
+  // Whether this very folder has been read in full in this pass, so that records have been made of
+  // all that it has.
+  bool IsCompared(const std::string& key, const FileIdentity& folder) const;
+
   // The overlay's listing of the folder; null when it has none.
   FSListingPtr OwnListing(const std::string& key) const;
 
