@@ -1,7 +1,6 @@
 #include "FSChangeBatch.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "FSPaths.h"
 
@@ -122,7 +121,7 @@ void FSChangeBatch::EmitDeletion(const FSResource& gone) {
 void FSChangeBatch::EmitCreation(const FSResource& created) {
   const std::optional<FileStatus> known = tree_.Find(created.path);
   const bool needsRecord = !known || !haveSameAttributes(*known, created.status());
-  if (needsRecord && !Insert(created)) return;
+  if (needsRecord && !Insert(created, known)) return;
   if (created.isFolder && transit_.IsThere(created.path) &&
       !transit_.IsCompared(created.path, created.status().identity)) {
     tree_.ScanNew(created.path, false, known && known->isFolder, *this);
@@ -160,14 +159,13 @@ void FSChangeBatch::EmitRoot(const FSChangedResource& record) {
 
 void FSChangeBatch::Queue(const char* action, const FSResource& resource) {
   const MutexLock lock(mainlock);
-  changes_.Append({action, resource});
+  changes_.Append(action, resource);
 }
 
-// Reports the entry as created. Returns false and does nothing where the reader has a file above
-// it.
-bool FSChangeBatch::Insert(const FSResource& created) {
+// Reports the entry as created, where the reader knows this at its path. Returns false and does
+// nothing where the reader has a file above it.
+bool FSChangeBatch::Insert(const FSResource& created, const std::optional<FileStatus>& known) {
   if (IsBelowFile(created.path)) return false;
-  const std::optional<FileStatus> known = tree_.Find(created.path);
   if (known && known->isFolder != created.isFolder) EmitDeletion({*known, created.path});
   if (!created.isFolder) DeleteBelow(created.path);
   tree_.Put(created.path, created.status());
@@ -263,7 +261,7 @@ FSListingPtr FSChangeBatch::OwnListing(const std::string& key) const {
   return transit_.OwnListing(key);
 }
 
-void FSChangeBatch::OnNew(const FSResource& entry) { Insert(entry); }
+void FSChangeBatch::OnNew(const FSResource& entry) { Insert(entry, tree_.Find(entry.path)); }
 
 void FSChangeBatch::OnRead(const std::string& key, const FSListingPtr& listing,
                            const FSLook& look) {

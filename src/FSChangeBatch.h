@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,7 +50,7 @@ class FSChangeBatch : private FSScanListener {
   void EmitRoot(const FSChangedResource& record) EXCLUDES(mainlock);
   void Queue(const char* action, const FSResource& resource) EXCLUDES(mainlock);
 
-  bool Insert(const FSResource& created) EXCLUDES(mainlock);
+  bool Insert(const FSResource& created, const std::optional<FileStatus>& known) EXCLUDES(mainlock);
   void DeleteBelow(const std::string& path) EXCLUDES(mainlock);
   bool IsBelowFile(std::string_view path);
 

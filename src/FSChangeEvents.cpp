@@ -52,9 +52,11 @@ FSChangeEvents::FSChangeEvents() : templates(std::make_unique<FSEventsTree>()) {
 
 FSChangeEvents::~FSChangeEvents() { StopThrow(); }
 
-void FSChangeEvents::Append(const FSChangedResource& record) {
-  AppendOutput(buildMessage(record, encodeOutput), false);
-  if (logging) dolog(buildMessage(record, false));
+void FSChangeEvents::Append(const FSChangedResource& record) { Append(record.action, record); }
+
+void FSChangeEvents::Append(std::string_view action, const FSResource& resource) {
+  AppendOutput(BuildMessage(action, resource, encodeOutput), false);
+  if (logging) dolog(BuildMessage(action, resource, false));
 }
 
 void FSChangeEvents::AppendOutput(const std::string& line, bool log) {
@@ -111,30 +113,30 @@ const FSChangedResource* FSChangeEvents::Get(unsigned int index) const {
 }
 
 std::string FSChangeEvents::buildMessage(const FSChangedResource& record, bool doEncode) const {
-  const std::string_view action = record.action;
-  const std::string& text =
-      templates->Get(std::string(record.isFolder ? "dir_" : "file_").append(action));
-  const std::string path = encode(record.path, doEncode);
-  const auto inode = static_cast<unsigned long>(record.inode);
-  const auto modified = static_cast<unsigned long>(record.modified.tv_sec);
-  const auto created = static_cast<unsigned long>(record.created.tv_sec);
-  const auto size = static_cast<unsigned long>(record.size);
+  return BuildMessage(record.action, record, doEncode);
+}
 
-  // The formats are the table's own; the compiler sees their pattern at no one place.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::string FSChangeEvents::BuildMessage(std::string_view action, const FSResource& resource,
+                                         bool doEncode) const {
+  const std::string& text =
+      templates->Get(std::string(resource.isFolder ? "dir_" : "file_").append(action));
+  const std::string path = encode(resource.path, doEncode);
+  const std::string inode = std::to_string(resource.inode);
+  if (action == "rootcreate" || action == "rootdelete") {
+    return FSEventsTree::Replace(text, {inode.c_str(), path.c_str()});
+  }
+  const std::string modified = std::to_string(static_cast<uint64_t>(resource.modified.tv_sec));
+  const std::string created = std::to_string(static_cast<uint64_t>(resource.created.tv_sec));
+  const std::string size = std::to_string(resource.size);
   if (action == "sync" || action == "create" || action == "delete" || action == "change") {
-    return FSEventsTree::buildString(text.c_str(), inode, modified, created, size, path.c_str());
+    return FSEventsTree::Replace(
+        text, {inode.c_str(), modified.c_str(), created.c_str(), size.c_str(), path.c_str()});
   }
   if (action == "rename") {
-    const std::string oldPath = encode(record.oldPath, doEncode);
-    return FSEventsTree::buildString(text.c_str(), inode, oldPath.c_str(), modified, created, size,
-                                     path.c_str());
+    const std::string oldPath = encode(resource.oldPath, doEncode);
+    return FSEventsTree::Replace(text, {inode.c_str(), oldPath.c_str(), modified.c_str(),
+                                        created.c_str(), size.c_str(), path.c_str()});
   }
-  if (action == "rootcreate" || action == "rootdelete") {
-    return FSEventsTree::buildString(text.c_str(), inode, path.c_str());
-  }
-#pragma GCC diagnostic pop
   return {};
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -32,6 +33,7 @@ class FSChangeEvents {
   // Queues the record's line, and hands its unencoded form to the debug log. Never drops a line;
   // waits for the emitter's batch in progress, which lasts as long as the reader takes for it.
   void Append(const FSChangedResource& record) EXCLUDES(outputLock);
+  void Append(std::string_view action, const FSResource& resource) EXCLUDES(outputLock);
 
   // Queues a finished line; with `log` it goes to the debug log as well, before it can be written.
   void AppendOutput(const std::string& line, bool log) EXCLUDES(outputLock);
@@ -82,5 +84,7 @@ class FSChangeEvents {
   std::string logFile;
 
  private:
+  std::string BuildMessage(std::string_view action, const FSResource& resource,
+                           bool doEncode) const;
   void WriteLines() EXCLUDES(outputLock);
 };

@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr size_t kMostlyEnough = 512;  // bytes of a record
+
 struct Free {
   void operator()(char* memory) const { std::free(memory); }
 };
@@ -26,7 +28,7 @@ const std::string& FSEventsTree::Get(std::string_view key) const {
 }
 
 std::string FSEventsTree::buildString(const char* format, ...) {
-  char inPlace[512];  // most records fit at once
+  char inPlace[kMostlyEnough];
   std::unique_ptr<char, Free> grown;
   char* buffer = inPlace;
   size_t size = sizeof inPlace;
@@ -46,6 +48,20 @@ std::string FSEventsTree::buildString(const char* format, ...) {
   } catch (const std::bad_alloc&) {
     return {};
   }
+}
+
+std::string FSEventsTree::Replace(std::string_view text,
+                                  std::initializer_list<const char*> values) {
+  std::string filled;
+  filled.reserve(kMostlyEnough);
+  for (const char* const value : values) {
+    const size_t conversion = text.find('%');
+    if (conversion == std::string_view::npos) break;
+    filled.append(text.substr(0, conversion)).append(value);
+    const bool isNumber = text.substr(conversion).starts_with("%lu");
+    text.remove_prefix(conversion + (isNumber ? 3 : 2));
+  }
+  return filled.append(text);
 }
 
 std::string FSEventsTree::Fill(const std::string& key, const std::string& value) const {

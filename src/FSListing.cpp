@@ -6,7 +6,9 @@
 
 namespace {
 
-constexpr size_t kMostKept = 4096;  // entries that a builder keeps room for
+constexpr size_t kMostKept = 4096;    // entries that a builder keeps room for
+constexpr size_t kMostlyEnough = 16;  // entries that it has room for at first,
+constexpr size_t kNameSize = 24;      // and of each name
 
 // Inode numbers are often consecutive and often multiples; multiplying spreads both over the
 // buckets.
@@ -75,6 +77,11 @@ const FSListingPtr& emptyListing() {
 }
 
 void FSListingBuilder::Add(std::string_view name, const FileStatus& status) {
+  if (fixed_.capacity() == 0) {
+    fixed_.reserve(kMostlyEnough);
+    ends_.reserve(kMostlyEnough);
+    names_.reserve(kMostlyEnough * kNameSize);
+  }
   names_ += name;
   ends_.push_back(static_cast<uint32_t>(names_.size()) |
                   (status.isFolder ? FSEntries::kFolder : 0));
@@ -168,40 +175,73 @@ uint32_t FSListingIndex::MatchFile(uint32_t position, uint32_t hash, const FileI
 
 FSListingDraft::FSListingDraft(FSListingPtr base)
     : base_(std::move(base)),
-      byName_(base_->entries(), FSListingIndex::Key::name),
       isTaken_(base_->entries().count()),
-      count_(base_->entries().count()) {}
+      links_(base_->entries().count()),
+      count_(base_->entries().count()) {
+  const FSEntries entries = base_->entries();
+  for (uint32_t i = 0; i < entries.count(); ++i) links_[i].hash = hashOf(entries.name(i));
+  MakeBuckets();
+}
+
+// What the entry is in, and where.
+std::pair<FSEntries, uint32_t> FSListingDraft::At(uint32_t position) const {
+  const FSEntries base = base_->entries();
+  if (position < base.count()) return {base, position};
+  return {put_.entries(), position - base.count()};
+}
+
+uint32_t FSListingDraft::Match(uint32_t position, uint32_t hash, std::string_view name) const {
+  for (; position != kNone; position = links_[position].next) {
+    if (links_[position].hash != hash || isTaken_[position]) continue;
+    const auto [entries, at] = At(position);
+    if (entries.name(at) == name) break;
+  }
+  return position;
+}
+
+void FSListingDraft::Enter(uint32_t position) {
+  links_[position].next = std::exchange(Bucket(links_[position].hash), position);
+}
+
+void FSListingDraft::MakeBuckets() {
+  heads_.assign(std::bit_ceil(2 * links_.size() + 8), kNone);
+  const uint32_t base = base_->entries().count();
+  for (uint32_t i = base; i-- > 0;) Enter(i);
+  for (uint32_t i = base; i < links_.size(); ++i) Enter(i);
+}
 
 std::optional<FileStatus> FSListingDraft::Find(std::string_view name) const {
-  if (const auto put = putByName_.find(name); put != putByName_.end()) {
-    return put->second->second;
-  }
-  const uint32_t position = byName_.FirstNamed(name);
-  if (position == FSListingIndex::kNone || isTaken_[position]) return std::nullopt;
-  return base_->entries().status(position);
+  const uint32_t hash = hashOf(name);
+  const uint32_t position = Match(heads_[hash & (heads_.size() - 1)], hash, name);
+  if (position == kNone) return std::nullopt;
+  const auto [entries, at] = At(position);
+  return entries.status(at);
 }
 
 void FSListingDraft::Put(std::string_view name, const FileStatus& status) {
   Take(name);
-  Entry& entry = put_.emplace_back(name, status);
-  putByName_.insert_or_assign(entry.first, &entry);
+  put_.Add(name, status);
+  isTaken_.push_back(false);
+  links_.push_back({hashOf(name), kNone});
+  if (links_.size() > heads_.size()) {
+    MakeBuckets();
+  } else {
+    Enter(static_cast<uint32_t>(links_.size() - 1));
+  }
   ++count_;
   ++changes_;
 }
 
 std::optional<FileStatus> FSListingDraft::Take(std::string_view name) {
   std::optional<FileStatus> taken;
-  if (const auto put = putByName_.find(name); put != putByName_.end()) {
-    taken = std::exchange(put->second->second, std::nullopt);
-    if (taken) --count_;
-  }
-  for (uint32_t at = byName_.FirstNamed(name); at != FSListingIndex::kNone;
-       at = byName_.NextNamed(at)) {
-    if (isTaken_[at]) continue;
-    if (!taken) taken = base_->entries().status(at);
-    isTaken_[at] = true;
+  const uint32_t hash = hashOf(name);
+  for (uint32_t position = Match(Bucket(hash), hash, name); position != kNone;
+       position = Match(links_[position].next, hash, name)) {
+    const auto [entries, at] = At(position);
+    if (!taken) taken = entries.status(at);
+    isTaken_[position] = true;
     --count_;
-    ++changes_;
+    if (position < base_->entries().count()) ++changes_;
   }
   return taken;
 }
@@ -209,10 +249,9 @@ std::optional<FileStatus> FSListingDraft::Take(std::string_view name) {
 FSListingPtr FSListingDraft::Finish() const {
   FSListingBuilder builder;
   for (uint32_t i = 0; i < isTaken_.size(); ++i) {
-    if (!isTaken_[i]) builder.Add(base_->entries(), i);
-  }
-  for (const auto& [name, status] : put_) {
-    if (status) builder.Add(name, *status);
+    if (isTaken_[i]) continue;
+    const auto [entries, at] = At(i);
+    builder.Add(entries, at);
   }
   return builder.Finish();
 }

@@ -12,12 +12,10 @@
 
 #include <cstdint>
 #include <ctime>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -162,7 +160,7 @@ class FSListingIndex {
 };
 
 // A listing that is being changed. Its entries are those of the base that were not taken out, then
-// those that were put in.
+// those that were put in; positions count in this order.
 class FSListingDraft {
  public:
   explicit FSListingDraft(FSListingPtr base);
@@ -183,12 +181,25 @@ class FSListingDraft {
   FSListingPtr Finish() const;
 
  private:
-  FSListingPtr base_;
-  FSListingIndex byName_;
-  std::vector<bool> isTaken_;                                       // by position in the base
-  using Entry = std::pair<std::string, std::optional<FileStatus>>;  // nothing: taken out again
-  std::deque<Entry> put_;
-  std::unordered_map<std::string_view, Entry*> putByName_;  // the last of each name
+  // By position: the hash of the name, and the next position in the same bucket.
+  struct Link {
+    uint32_t hash;
+    uint32_t next;
+  };
+  static constexpr uint32_t kNone = UINT32_MAX;
+
+  std::pair<FSEntries, uint32_t> At(uint32_t position) const;
+  uint32_t Match(uint32_t position, uint32_t hash, std::string_view name) const;
+  uint32_t& Bucket(uint32_t hash) { return heads_[hash & (heads_.size() - 1)]; }
+  void Enter(uint32_t position);
+  void MakeBuckets();
+
+  const FSListingPtr base_;
+  FSListingBuilder put_;
+  std::vector<bool> isTaken_;    // by position
+  std::vector<uint32_t> heads_;  // by bucket: the last one put in, or the first of the base; size
+                                 // is a power of two
+  std::vector<Link> links_;
   uint32_t count_;
   size_t changes_ = 0;
 };

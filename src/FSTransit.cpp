@@ -216,14 +216,13 @@ FSChangeList FSTransit::Settle() {
 
 std::vector<std::string> FSTransit::Check() {
   FSTree::Replaced replaced;
-  std::map<std::string, FSListingPtr> agreeing;
   std::vector<std::string> empty;  // unknown and gone
-  for (const auto* folders : {&own_, &detached_}) {
-    for (const auto& [key, own] : *folders) {
+  for (auto* folders : {&own_, &detached_}) {
+    for (auto& [key, own] : *folders) {
       if (!own.isFound || !tree_.Has(key)) continue;
       const bool agrees = tree_.Agrees(key, own.listing->entries(), replaced);
       if (agrees && isReadable(own.look.reading) && !tree_.IsUnknown(key)) {
-        agreeing[key] = own.listing;
+        own.isTakenOver = true;
       } else if (agrees && own.look.reading == FSReading::absent && tree_.IsUnknown(key)) {
         empty.push_back(key);
       } else if (!agrees && isReadable(own.look.reading)) {
@@ -250,15 +249,22 @@ std::vector<std::string> FSTransit::Check() {
   for (const auto& [key, identity] : replaced) {
     const FSLook* const look = FindLook(key);
     if (look != nullptr && look->folder == identity) continue;
-    agreeing.erase(key);
+    for (auto* folders : {&own_, &detached_}) {
+      if (const auto own = folders->find(key); own != folders->end()) {
+        own->second.isTakenOver = false;
+      }
+    }
     std::erase(agreeingOnSome, key);
     if (!Utility::isAllowedPath(key + "/")) continue;
     tree_.doubt.insert(key);
     waiting_.insert(key);
   }
-  for (auto& [key, listing] : agreeing) {
-    tree_.doubt.erase(key);
-    tree_.SetListing(key, std::move(listing), FindLook(key)->identity());
+  for (const auto* folders : {&detached_, &own_}) {
+    for (const auto& [key, own] : *folders) {
+      if (!own.isTakenOver) continue;
+      tree_.doubt.erase(key);
+      tree_.SetListing(key, own.listing, own.look.identity());
+    }
   }
   for (const std::string& key : agreeingOnSome) {
     tree_.doubt.erase(key);

@@ -97,6 +97,7 @@ class FSTransit {
     FSListingPtr listing;
     bool isFound = false;  // compared or scanned at this path
     FSLook look = {FSReading::whole, {}};
+    bool isTakenOver = false;  // the snapshot agrees; see Check
   };
 
   // The result of comparing some names of a folder.

@@ -42,6 +42,7 @@ void FSTree::InitWithPath(const std::string& path, FSChangeEvents& queue, bool l
 void FSTree::ClearSnapshot() {
   const MutexLock lock(treeMutex);
   snapshot.clear();
+  last_ = nullptr;
   drafted_.clear();
   kept_.clear();
   unknown_.clear();
@@ -52,12 +53,22 @@ void FSTree::ClearSnapshot() {
 
 void FSTree::BuildSnapshot() { DirSearch(rootPath, showAll, false); }
 
-FSListingPtr FSTree::Listing(std::string_view key) {
-  const MutexLock lock(treeMutex);
+// Null when the folder has no listing. Most records concern the same folder as the record before
+// them, so the last one found is remembered.
+FSTree::Folder* FSTree::FolderAt(std::string_view key) {
+  if (last_ != nullptr && last_->first == key) return &last_->second;
   const auto found = snapshot.find(key);
   if (found == snapshot.end()) return nullptr;
-  if (found->second.draft != nullptr && found->second.draft->changes() > 0) Finish(found->second);
-  return found->second.listing;
+  last_ = &*found;
+  return &last_->second;
+}
+
+FSListingPtr FSTree::Listing(std::string_view key) {
+  const MutexLock lock(treeMutex);
+  Folder* const folder = FolderAt(key);
+  if (folder == nullptr) return nullptr;
+  if (folder->draft != nullptr && folder->draft->changes() > 0) Finish(*folder);
+  return folder->listing;
 }
 
 // Like Listing, but leaves the folder and its draft as they are.
@@ -69,9 +80,9 @@ FSListingPtr FSTree::KnownListing(std::string_view key) const {
 }
 
 std::optional<FileStatus> FSTree::Find(const std::string& path) {
-  const auto parent = snapshot.find(FSPaths::parentOf(path));
-  if (parent == snapshot.end()) return std::nullopt;
-  return DraftOf(parent->second).Find(FSPaths::nameOf(path));
+  Folder* const parent = FolderAt(FSPaths::parentOf(path));
+  if (parent == nullptr) return std::nullopt;
+  return DraftOf(*parent).Find(FSPaths::nameOf(path));
 }
 
 void FSTree::Put(const std::string& path, const FileStatus& status) {
@@ -108,23 +119,30 @@ void FSTree::Finish(Folder& folder) {
 }
 
 // Removes the folder's draft, without making a listing of it. Whatever removes or replaces a
-// folder calls it first, because drafted_ and kept_ point to folders.
+// folder calls it first, because last_, drafted_ and kept_ point to folders.
 void FSTree::Drop(Folder& folder) {
+  last_ = nullptr;
+  if (folder.draft == nullptr) return;
   folder.draft.reset();
   drafted_.erase(&folder);
   std::erase(kept_, &folder);
 }
 
-void FSTree::PutEntry(const std::string& path, const FileStatus& status) {
-  const std::string parent(FSPaths::parentOf(path));
-  auto folder = snapshot.find(parent);
-  if (folder == snapshot.end()) {
-    const std::optional<FileStatus> known = parent == rootPath ? std::nullopt : Find(parent);
-    folder = snapshot.emplace(parent, Folder{emptyListing()}).first;
-    if (parent != rootPath && !(known && known->isFolder)) unknown_.insert(parent);
+// The folder of an entry that is put in has no listing yet.
+FSTree::Folder& FSTree::EnterFolder(const std::string& key) {
+  if (key != rootPath) {
+    const std::optional<FileStatus> known = Find(key);
+    if (!known || !known->isFolder) unknown_.insert(key);
   }
-  if (unknown_.contains(parent)) doubt.insert(parent);
-  DraftOf(folder->second).Put(FSPaths::nameOf(path), status);
+  return snapshot.emplace(key, Folder{emptyListing()}).first->second;
+}
+
+void FSTree::PutEntry(const std::string& path, const FileStatus& status) {
+  const std::string_view parent = FSPaths::parentOf(path);
+  Folder* folder = FolderAt(parent);
+  if (folder == nullptr) folder = &EnterFolder(std::string(parent));
+  if (unknown_.contains(parent)) doubt.emplace(parent);
+  DraftOf(*folder).Put(FSPaths::nameOf(path), status);
   if (!status.isFolder) return;
   unknown_.erase(path);
   const bool isFirst = snapshot.try_emplace(path, Folder{emptyListing()}).second;
@@ -132,9 +150,8 @@ void FSTree::PutEntry(const std::string& path, const FileStatus& status) {
 }
 
 std::optional<FileStatus> FSTree::TakeEntry(const std::string& path) {
-  const auto parent = snapshot.find(FSPaths::parentOf(path));
-  return parent == snapshot.end() ? std::nullopt
-                                  : DraftOf(parent->second).Take(FSPaths::nameOf(path));
+  Folder* const parent = FolderAt(FSPaths::parentOf(path));
+  return parent == nullptr ? std::nullopt : DraftOf(*parent).Take(FSPaths::nameOf(path));
 }
 
 // Only a folder has entries below it; but while there are unknown folders, these can be below any
@@ -161,6 +178,7 @@ void FSTree::EraseAtAndBelow(const std::string& path) {
 // What could not be read at the old place is in doubt at the new one: it may be readable there.
 void FSTree::MoveAtAndBelow(const std::string& from, const std::string& to) {
   const auto moved = [&](const std::string& key) { return to + key.substr(from.size()); };
+  last_ = nullptr;
   std::vector<Snapshot::node_type> folders;
   FSPaths::eachAtAndBelow(snapshot, from,
                           [&](auto at) { folders.push_back(snapshot.extract(at)); });
@@ -203,10 +221,10 @@ std::vector<std::string> FSTree::PathsBelow(const std::string& key) const {
   return paths;
 }
 
-bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) const {
-  const auto found = snapshot.find(key);
-  if (found == snapshot.end()) return false;
-  const Folder& folder = found->second;
+bool FSTree::Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) {
+  const Folder* const found = FolderAt(key);
+  if (found == nullptr) return false;
+  const Folder& folder = *found;
   const auto agrees = [&](uint32_t position, const FileStatus& saved) {
     const FileStatus current = entries.status(position);
     if (current.isFolder && saved.isFolder && current.identity != saved.identity) {
@@ -273,7 +291,7 @@ void FSTree::Forget(const std::string& key) {
 void FSTree::SetListing(const std::string& key, FSListingPtr listing,
                         const FileIdentity& identity) {
   const MutexLock lock(treeMutex);
-  Folder& folder = snapshot[key];
+  Folder& folder = last_ != nullptr && last_->first == key ? last_->second : snapshot[key];
   Drop(folder);
   folder = {std::move(listing), nullptr, identity};
   byNames.Remove(key);

@@ -131,7 +131,7 @@ class FSTree {
   FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
 
   // Whether the folder is large enough to be read by the names that have changed.
-  bool IsLarge(const std::string& key) const;
+  bool IsLarge(const std::string& key);
 
   // Examines these names of the folder only, and returns the saved and the current entries of these
   // names. Nothing in any doubt: then the folder has to be read in full.
@@ -144,7 +144,7 @@ class FSTree {
   // ---- The snapshot as the reader's picture. Paths and keys are without a final "/", but for "/".
 
   // Whether the folder has a listing, and the listing; null when it has none.
-  bool Has(std::string_view key) const { return snapshot.find(key) != snapshot.end(); }
+  bool Has(std::string_view key) { return FolderAt(key) != nullptr; }
   FSListingPtr Listing(std::string_view key) EXCLUDES(treeMutex);
 
   // What the reader knows at the path; nothing when it knows nothing there.
@@ -169,7 +169,7 @@ class FSTree {
   // same seconds of modification. Adds to `replaced` the subfolders with another identity, each
   // with the identity that it has in `entries`. False when the folder has no listing.
   using Replaced = std::vector<std::pair<std::string, FileIdentity>>;
-  bool Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced) const;
+  bool Agrees(const std::string& key, const FSEntries& entries, Replaced& replaced);
 
   // The same for these names of the folder only. `entries` has those of them that exist.
   bool AgreesOn(const std::string& key, const FSNames& names, const FSEntries& entries,
@@ -275,10 +275,12 @@ class FSTree {
   void ReportUnreadable(const std::string& path, int error) EXCLUDES(treeMutex);
   void QueueSync(const std::string& path, const FSEntries& entries) EXCLUDES(treeMutex);
 
+  Folder* FolderAt(std::string_view key);
   FSListingPtr KnownListing(std::string_view key) const;
   FSListingDraft& DraftOf(Folder& folder);
   void Finish(Folder& folder);
   void Drop(Folder& folder);
+  Folder& EnterFolder(const std::string& key);
   void PutEntry(const std::string& path, const FileStatus& status);
   std::optional<FileStatus> TakeEntry(const std::string& path);
   void TakeAllAt(const std::string& path);
@@ -287,6 +289,7 @@ class FSTree {
   void Rebuild(const std::string& key, const FSResourceList& entries);
 
   std::set<std::string, std::less<>> unknown_;  // keys of the snapshot whose folders are unknown
+  Snapshot::value_type* last_ = nullptr;        // what FolderAt found last
   std::unordered_set<Folder*> drafted_;         // folders of the snapshot that have drafts
   std::deque<Folder*> kept_;                    // those of them whose drafts are kept, oldest first
 };

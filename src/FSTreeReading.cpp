@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <iterator>
 #include <set>
 
@@ -68,8 +69,9 @@ void FSTree::SetProhibitedSuffixes() {
 }
 
 bool FSTree::isProhibited(std::string_view path) const {
+  // Most names have no dot, which is found out most quickly from the front.
+  if (path.empty() || std::memchr(path.data(), '.', path.size()) == nullptr) return false;
   const size_t dot = path.rfind('.');
-  if (dot == std::string_view::npos) return false;
   return std::find(prohibitedSuffixes.begin(), prohibitedSuffixes.end(), path.substr(dot)) !=
          prohibitedSuffixes.end();
 }
@@ -121,9 +123,9 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
   return isGone ? FSReading::absent : FSReading::whole;
 }
 
-bool FSTree::IsLarge(const std::string& key) const {
-  const auto found = snapshot.find(key);
-  return found != snapshot.end() && found->second.listing->entries().count() >= fewestForNames;
+bool FSTree::IsLarge(const std::string& key) {
+  const Folder* const folder = FolderAt(key);
+  return folder != nullptr && folder->listing->entries().count() >= fewestForNames;
 }
 
 std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSNames& names) {

@@ -46,7 +46,7 @@ class QueueingListener : public FSScanListener {
   bool IsPending(const std::string&) override { return false; }
   FSListingPtr OwnListing(const std::string&) const override { return nullptr; }
   void OnNew(const FSResource& entry) override {
-    tree_.changes->Append({"create", entry});
+    tree_.changes->Append("create", entry);
     tree_.Put(entry.path, entry.status());
   }
   void OnRead(const std::string& key, const FSListingPtr& listing, const FSLook& look) override {
@@ -119,7 +119,7 @@ void FSTree::ScanFolder(const std::string& path, OpenFolder folder, const FileId
 void FSTree::QueueSync(const std::string& path, const FSEntries& entries) {
   const MutexLock lock(treeMutex);
   for (uint32_t i = 0; i < entries.count(); ++i) {
-    changes->Append({"sync", FSResource(entries.status(i), FSPaths::join(path, entries.name(i)))});
+    changes->Append("sync", FSResource(entries.status(i), FSPaths::join(path, entries.name(i))));
   }
 }
 
@@ -153,7 +153,7 @@ void FSTree::ScanNew(const std::string& path, bool listSync, bool wasKnown,
   };
   for (uint32_t i = 0; i < entries.count(); ++i) {
     const FSResource entry(entries.status(i), FSPaths::join(path, entries.name(i)));
-    if (listSync) changes->Append({"sync", entry});
+    if (listSync) changes->Append("sync", entry);
     if (listener.IsPending(entry.path) || own.Has(entries, i) || known.Has(entries, i) ||
         isOtherKind(i)) {
       continue;
