@@ -258,7 +258,7 @@ void __FSEventStream::Wait() {
 
 bool __FSEventStream::NamesBehind(size_t event, std::vector<std::string>& names) const {
   if (delivered_ == nullptr || !delivered_->folders.at(event).names) return false;
-  names = *delivered_->folders[event].names;
+  names = delivered_->folders[event].names->Sorted();
   return true;
 }
 

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "EntryNames.h"
+
 struct KnownFolder {
   // Why the folder is to be named.
   enum Mark : uint8_t {
@@ -41,7 +43,7 @@ struct KnownFolder {
 
   // The names behind the marks; null where they are not known, or are too many, or there are no
   // marks. Enters with the first mark, and leaves with the marks or when one has no name.
-  std::unique_ptr<std::unordered_set<std::string>> names;
+  std::unique_ptr<EntryNames> names;
   bool isUnreadable = false;  // no permission to open it
   bool isUnlisted = false;    // could not be opened or listed, by a failure that passes
 };

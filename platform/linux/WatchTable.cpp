@@ -5,15 +5,17 @@
 namespace {
 
 constexpr size_t kMostOfOne = 8192;    // names of one folder's entries that are kept,
-constexpr size_t kMostKept = 1 << 15;  // and of all folders' together
+constexpr size_t kMostKept = 1 << 15;  // and of all folders' together, repeated ones included
 
 constexpr uint32_t kMostHeldBack = 3;  // batches
+
+std::string withFinalSlash(std::string path) { return path == "/" ? path : std::move(path += '/'); }
 
 // One folder to name, once or twice in a row.
 struct Mention {
   std::string path;
   bool isTwice;
-  std::shared_ptr<const std::vector<std::string>> names;
+  std::shared_ptr<const EntryNames> names;
 };
 
 // Parents come before children when paths sort by bytes, because every path ends with "/".
@@ -234,29 +236,27 @@ void WatchTable::MarkEntry(Folder& folder, uint8_t marks, std::string_view name)
   }
   if (std::exchange(folder.marks, folder.marks | marks) == 0) {
     marked_.insert(&folder);
-    folder.names = std::make_unique<std::unordered_set<std::string>>();
+    folder.names = std::make_unique<EntryNames>();
   }
-  if (folder.names->emplace(name).second) ++namesKept_;
-  if (folder.names->size() > kMostOfOne || namesKept_ > kMostKept) ForgetNames(folder);
+  EntryNames& names = *folder.names;
+  namesKept_ -= names.count();
+  names.Add(name);
+  const bool isFull = names.count() > 2 * kMostOfOne;
+  if (isFull) names.Compact();
+  namesKept_ += names.count();
+  if ((isFull && names.count() > kMostOfOne) || namesKept_ > kMostKept) ForgetNames(folder);
 }
 
 void WatchTable::ForgetNames(Folder& folder) {
   if (folder.names == nullptr) return;
-  namesKept_ -= folder.names->size();
+  namesKept_ -= folder.names->count();
   folder.names.reset();
 }
 
-std::shared_ptr<const std::vector<std::string>> WatchTable::TakeNames(Folder& folder) {
+std::shared_ptr<const EntryNames> WatchTable::TakeNames(Folder& folder) {
   if (folder.names == nullptr) return nullptr;
-  auto names = std::make_shared<std::vector<std::string>>();
-  names->reserve(folder.names->size());
-  namesKept_ -= folder.names->size();
-  while (!folder.names->empty()) {
-    names->push_back(std::move(folder.names->extract(folder.names->begin()).value()));
-  }
-  folder.names.reset();
-  std::sort(names->begin(), names->end());
-  return names;
+  namesKept_ -= folder.names->count();
+  return std::exchange(folder.names, nullptr);
 }
 
 void WatchTable::MarkAll(Folder& folder, uint8_t marks) {
@@ -299,7 +299,20 @@ std::string WatchTable::Join(const std::string& folder, const std::string& name)
 }
 
 std::string WatchTable::PathOf(const Folder& folder) const {
-  return folder.parent == nullptr ? folder.name : Join(PathOf(*folder.parent), folder.name);
+  size_t size = 1;
+  for (const Folder* at = &folder; at != nullptr; at = at->parent) size += 1 + at->name.size();
+  std::string path;
+  path.reserve(size);  // with a final "/"
+  AppendPath(folder, path);
+  return path;
+}
+
+void WatchTable::AppendPath(const Folder& folder, std::string& path) {
+  if (folder.parent != nullptr) {
+    AppendPath(*folder.parent, path);
+    if (path != "/") path += '/';
+  }
+  path += folder.name;
 }
 
 // The moves that this batch reports need no origin. Where one of the two folders of a move is held
@@ -348,12 +361,12 @@ std::vector<NamedFolder> WatchTable::Cut() {
   for (Folder* folder : marked_) {
     if (heldBack.contains(folder)) continue;
     const uint8_t marks = std::exchange(folder->marks, 0);
-    std::shared_ptr<const std::vector<std::string>> names = TakeNames(*folder);
+    std::shared_ptr<const EntryNames> names = TakeNames(*folder);
     if (!IsReadable(*folder)) continue;  // named, with all below it, when it can be read again
     named.insert(folder);
     const bool isTwice = (marks & kLost) != 0 && (marks & kGained) != 0;
     ((marks & kGained) != 0 ? gaining : others)
-        .push_back({Join(PathOf(*folder), ""), isTwice, std::move(names)});
+        .push_back({withFinalSlash(PathOf(*folder)), isTwice, std::move(names)});
   }
   marked_ = std::move(heldBack);
   fresh_.merge(std::exchange(moved_, {}));

@@ -52,9 +52,9 @@ struct NamedFolder {
   std::string path;
   FSEventStreamEventFlags flags;
 
-  // Of the entries that have changed since the folder was named the last time, sorted; null
-  // where other entries may have changed too.
-  std::shared_ptr<const std::vector<std::string>> names = nullptr;
+  // Of the entries that have changed since the folder was named the last time; null where other
+  // entries may have changed too.
+  std::shared_ptr<const EntryNames> names = nullptr;
 };
 
 class WatchTable {
@@ -203,7 +203,7 @@ class WatchTable {
   void MarkFolder(Folder& folder, uint8_t marks);
   void MarkEntry(Folder& folder, uint8_t marks, std::string_view name);
   void ForgetNames(Folder& folder);
-  std::shared_ptr<const std::vector<std::string>> TakeNames(Folder& folder);
+  std::shared_ptr<const EntryNames> TakeNames(Folder& folder);
   void MarkAll(Folder& folder, uint8_t marks);
   void Touch(Folder& folder);
   bool IsRecent(uint32_t epoch) const { return epoch + 1 >= epoch_; }
@@ -212,6 +212,7 @@ class WatchTable {
   bool IsReadable(const Folder& folder) const;
   static std::string Join(const std::string& folder, const std::string& name);
   std::string PathOf(const Folder& folder) const;
+  static void AppendPath(const Folder& folder, std::string& path);
   void ForgetOrigins();
 
   // WatchTableFolders.cpp: the folders against the disk.

@@ -140,7 +140,7 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
 // Half of the seeds read every folder in full, the others by the names that the events gave.
 bool namesOfCut(ConstFSEventStreamRef /*stream*/, size_t event, FSNames& names) {
   if (!cut.at(event).names) return false;
-  names = *cut[event].names;
+  names = cut[event].names->Sorted();
   ++readByNames;
   return true;
 }
