@@ -52,20 +52,6 @@ Kind kindOf(uint32_t mask) {
   return Kind::itself;
 }
 
-// Without /proc there is no path to an open folder; but a thread with a working folder of its own
-// can go there.
-int addFromWithin(int inotify, const OpenFolder& folder, uint32_t mask) {
-  thread_local const bool hasOwnWorkingFolder = unshare(CLONE_FS) == 0;
-  if (!hasOwnWorkingFolder) return -1;
-  const Descriptor back(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!back.isOpen() || fchdir(folder.number()) != 0) return -1;
-  const int watch = inotify_add_watch(inotify, ".", mask);
-  const int error = errno;
-  const bool isBack = fchdir(back.number()) == 0;
-  errno = error;
-  return isBack ? watch : -1;
-}
-
 }  // namespace
 
 std::optional<Event> takeEvent(std::string_view& events) {
@@ -79,13 +65,30 @@ std::optional<Event> takeEvent(std::string_view& events) {
 }
 
 Inotify::Inotify(Interest interest)
-    : mask_(maskFor(interest)), descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+    : mask_(maskFor(interest)),
+      descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+      workingFolder_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
+  if (workingFolder_.isOpen() && fchdir(workingFolder_.number()) != 0) workingFolder_.Close();
+}
 
 int Inotify::Add(const OpenFolder& folder) {
+  if (const std::optional<int> watch = AddFromWithin(folder)) return *watch;
   const std::string path = "/proc/self/fd/" + std::to_string(folder.number());
-  const int watch = inotify_add_watch(number(), path.c_str(), mask_);
-  if (watch >= 0 || errno != ENOENT) return watch;
-  return addFromWithin(number(), folder, mask_);
+  return inotify_add_watch(number(), path.c_str(), mask_);
+}
+
+// Enters the folder and watches it from there, which takes less than half as long as its path below
+// /proc, and works without /proc. The thread must have a working folder of its own. Nothing where
+// the folder cannot be entered.
+std::optional<int> Inotify::AddFromWithin(const OpenFolder& folder) {
+  thread_local const bool hasOwn = unshare(CLONE_FS) == 0;
+  if (!hasOwn || !workingFolder_.isOpen() || fchdir(folder.number()) != 0) return std::nullopt;
+  const int watch = inotify_add_watch(number(), ".", mask_);
+  const int error = errno;
+  // If it cannot be entered any more, no path that begins in it leads anywhere.
+  if (fchdir(workingFolder_.number()) != 0) workingFolder_.Close();
+  errno = error;
+  return watch;
 }
 
 void Inotify::Remove(int watch) { inotify_rm_watch(number(), watch); }

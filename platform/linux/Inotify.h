@@ -54,7 +54,8 @@ class Inotify {
   int number() const { return descriptor_.number(); }
 
   // Watches the open folder, wherever its path leads meanwhile. The watch descriptor, the same as
-  // before for a folder that is watched already, or -1.
+  // before for a folder that is watched already, or -1. The calling thread gets a working folder of
+  // its own, the same one as before.
   int Add(const OpenFolder& folder);
   void Remove(int watch);
 
@@ -63,6 +64,9 @@ class Inotify {
   bool Read(std::string& events, size_t limit);
 
  private:
+  std::optional<int> AddFromWithin(const OpenFolder& folder);
+
   const uint32_t mask_;
   Descriptor descriptor_;
+  Descriptor workingFolder_;  // where threads return to; none if they could not
 };

@@ -49,10 +49,13 @@ int __wrap_statx(int folder, const char* name, int flags, unsigned mask, struct 
   return __real_statx(folder, other.c_str(), flags, mask, status);
 }
 
+int __real_fchdir(int folder);
+int __wrap_fchdir(int folder) { return fails("enter ", folder, "") ? -1 : __real_fchdir(folder); }
+
 int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
 int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
-  const int folder = std::stoi(std::strrchr(path, '/') + 1);
-  if (!fails("watch ", folder, "")) return __real_inotify_add_watch(inotify, path, mask);
+  const Descriptor folder(__real_openat(AT_FDCWD, path, O_PATH));
+  if (!fails("watch ", folder.number(), "")) return __real_inotify_add_watch(inotify, path, mask);
   const int error = errno;
   const int added = __real_inotify_add_watch(inotify, path, mask | IN_MASK_CREATE);
   if (added < 0) return __real_inotify_add_watch(inotify, path, mask);  // which needs no room
@@ -196,6 +199,7 @@ TEST_F(FaultTest, EndsInStepWithTheDisk) {
   const std::pair<std::string, Faults> cases[] = {
       {"mkdir t/n/m", {{"open t/n", "rm t/n"}}},
       {"mkdir t/n/m", {{"open t/n/m", "mv t/n/m t/m; mkdir t/n/m/o"}}},
+      {"mkdir t/n/m", {{"enter t/n", "fail"}}},
       {"mkdir t/n/m", {{"watch t/n", "mkdir t/n/o/p"}}},
       {"mkdir t/n/m", {{"watch t/n", "rm t/n; mkdir t/n/o"}}},
       {"mv t/a t/c/a", {{"watch t/c/a", "mv t/c t/d; mkdir t/d/a/b/n/m"}}},
