@@ -7,25 +7,23 @@ Exit status 77: the case needs what this machine does not permit.
 """
 
 import os
-import random
 import resource
-import shutil
-import subprocess
 import sys
-import tempfile
 import time
 
-from picture import ANY, FOLDER, disk
-from tool import PATIENCE, Tool, comes_true
+import places
+from picture import FOLDER, disk
+from tool import PATIENCE, Place, Tool, comes_true, run_case
 
-SKIPPED = 77
 NOBODY = 65534
-PATH_MAX = 4096
 
 
-def write(path, text="x"):
-    with open(path, "a", encoding="ascii") as file:
-        file.write(text)
+class Tree(Place):
+    """The watched folder. Commands run in it; ".." is a folder that nobody watches."""
+
+    def __init__(self, tool, base):
+        super().__init__(tool, os.path.join(base, b"watched"))
+        os.mkdir(self.base)
 
 
 def expect(what, left):
@@ -34,240 +32,134 @@ def expect(what, left):
         sys.exit(f"{what}: {len(left)} differences, the first, with the lengths of their paths: {shown}")
 
 
-def deep(tool, base, root):
+def story(tree, before, *steps, prefix=(), root=None):
+    """Runs the commands `before`, starts the tool, and runs the steps. After each the picture has to come to equal the
+    disk or, where the step is a pair of commands and a path, to hold that path."""
+    tree.run(before)
+    watching = Tool([*prefix, tree.tool], root or tree.base)
+    for step in steps:
+        commands, seen = step if isinstance(step, tuple) else (step, None)
+        tree.run(commands)
+        if seen is None:
+            expect(commands, watching.wait_for(disk(root or tree.base)))
+        else:
+            expect(commands, [] if comes_true(lambda p=tree.path(seen): p in watching.entries()) else [(seen,)])
+    return watching
+
+
+def deep(tree):
     """500 folders, one in the other: changes at the bottom, and the whole moved."""
-    at = root
-    for i in range(500):
-        at = os.path.join(at, b"d%d" % (i % 10))
-        os.mkdir(at)
-        write(os.path.join(at, b"f"))
-    watching = Tool(tool, root)
-    expect("at the start", watching.wait_for(disk(root)))
-    write(os.path.join(at, b"new"))
-    os.unlink(os.path.join(at, b"f"))
-    expect("at the bottom", watching.wait_for(disk(root)))
-    os.rename(os.path.join(root, b"d0"), os.path.join(root, b"moved"))
-    write(os.path.join(root, b"moved" + at[len(root) + 3:], b"newer"))
-    expect("moved", watching.wait_for(disk(root)))
-    os.rename(os.path.join(root, b"moved/d1/d2"), os.path.join(base, b"d2"))
-    expect("cut off", watching.wait_for(disk(root)))
-    os.rename(os.path.join(base, b"d2"), os.path.join(root, b"back"))
-    expect("back", watching.wait_for(disk(root)))
+    to_bottom = "cd $(find . -depth -type d | head -n 1)"
+    story(tree, "for i in {0..499}; do mkdir d$((i % 10)); cd d$((i % 10)); echo >f; done",
+          "",
+          f"{to_bottom}; echo >new; rm f",
+          f"mv d0 moved; {to_bottom}; echo >newer",
+          "mv moved/d1/d2 ..",
+          "mv ../d2 back")
 
 
-def long_paths(tool, _base, root):
+def long_paths(tree):
     """Folders down to beyond the longest path: what has no path is left out, everything else goes on."""
-    def nameable():
-        return {path: kind for path, kind in disk(root).items() if len(path) < PATH_MAX}
-
-    watching = Tool(tool, root)
-    at = os.open(root, os.O_RDONLY)
-    last = root
-    for i in range(24):
-        name = b"%d" % (i % 10) + b"n" * 199
-        os.mkdir(name, dir_fd=at)
-        below = os.open(name, os.O_RDONLY, dir_fd=at)
-        os.close(os.open(b"file", os.O_CREAT | os.O_WRONLY, dir_fd=below))
-        os.close(at)
-        at = below
-        last = last + b"/" + name if len(last) + len(name) + 2 < PATH_MAX else last
-    expect("made", watching.wait_for(nameable))
-    for length in range(PATH_MAX - 4, PATH_MAX + 2):  # about the last path that can be named
-        try:
-            os.mkdir(last + b"/" + b"x" * (length - len(last) - 1))
-        except OSError:
-            pass
-    write(os.path.join(root, b"short"))
-    expect("at the limit", watching.wait_for(nameable))
-    os.rename(os.path.join(root, b"0" + b"n" * 199), os.path.join(root, b"s"))  # now more has a path
-    expect("shortened", watching.wait_for(nameable))
-    shutil.rmtree(os.path.join(root, b"s"))
-    expect("removed", watching.wait_for(nameable))
+    story(tree, "",
+          "for i in {0..23}; do name=$(printf %0200d $i); mkdir $name; cd -P $name; echo >file; done",
+          # About the last path that can be named.
+          """echo >short
+             while [ ${#PWD} -lt 3890 ]; do cd 0*; done
+             for length in {4092..4097}; do mkdir $(printf %0$((length - ${#PWD} - 1))d); done""",
+          "mv 0* s",  # now more has a path
+          "rm -r s")
 
 
-def unreadable(tool, base, root):
+def unreadable(tree):
     """Folders that the tool, as another user, can and cannot read in turn."""
-    os.chmod(base, 0o755)
-    for name in (b"before", b"later", b"later/below", b"apart"):
-        os.mkdir(os.path.join(root, name))
-        write(os.path.join(root, name, b"file"))
-    os.chmod(os.path.join(root, b"before"), 0)
     other = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
-    watching = Tool([*(other if os.getuid() == 0 else []), tool], root)
-    os.chmod(os.path.join(root, b"before"), 0o755)
-    expect("readable at last", watching.wait_for(disk(root)))
-    later = os.path.join(root, b"later")
-    os.chmod(later, 0)
-    write(os.path.join(root, b"apart/other"))
-    if os.getuid() == 0:
-        os.unlink(os.path.join(later, b"below/file"))
-        write(os.path.join(later, b"below/new"))
-        write(os.path.join(later, b"new"))
-        expect("elsewhere", watching.wait_for(
-            lambda: {**watching.entries(), os.path.join(root, b"apart/other"): (ANY, ANY)}))
-    os.chmod(later, 0o755)
-    expect("readable again", watching.wait_for(disk(root)))
-    os.chmod(os.path.join(root, b"before"), 0)
-    os.rename(os.path.join(root, b"before"), os.path.join(root, b"moved"))
-    os.chmod(os.path.join(root, b"moved"), 0o755)
-    write(os.path.join(root, b"moved/new"))
-    expect("moved meanwhile", watching.wait_for(disk(root)))
+    inside = "rm later/below/file; echo >later/below/new; echo >later/new" if os.getuid() == 0 else ""
+    story(tree,
+          "chmod 755 ..; mkdir -p before later/below apart; touch {before,later,later/below,apart}/file; chmod 0 before",
+          "chmod 755 before",
+          (f"chmod 0 later; echo >apart/other; {inside}", "apart/other"),
+          "chmod 755 later",
+          "chmod 0 before; mv before moved; chmod 755 moved; echo >moved/new",
+          prefix=other if os.getuid() == 0 else ())
 
 
-def few_watches(tool, _base, root):
+def few_watches(tree):
     """A limit of 40 watches on 1,000 folders, raised in the end."""
     limit = "/proc/sys/user/max_inotify_watches"
-    with open(limit, "w", encoding="ascii") as file:
-        file.write("40")
-    for i in range(1000):
-        os.makedirs(os.path.join(root, b"d%d/s%d" % (i % 30, i)))
-    watching = Tool(tool, root)
-    chance = random.Random(7)
-    folders = [path for path, kind in disk(root).items() if kind == FOLDER]
-    for folder in chance.sample(folders, 40):
-        write(os.path.join(folder, b"new"))
-    os.rename(os.path.join(root, b"d7"), os.path.join(root, b"d8/d7"))
-    os.rename(os.path.join(root, b"d9"), os.path.join(root, b"renamed"))
-    shutil.rmtree(os.path.join(root, b"d10"))
-    write(os.path.join(root, b"d8/d7/s7/deep"))
-    expect("without watches", watching.wait_for(disk(root)))
-    with open(limit, "w", encoding="ascii") as file:
-        file.write("5000")
-    wanted = 1 + list(disk(root).values()).count(FOLDER)
+    watching = story(tree, f"echo 40 >{limit}; for i in {{0..999}}; do mkdir -p d$((i % 30))/s$i; done",
+                     """for folder in $(find . -mindepth 1 -type d | sort | sed -n '0~26p'); do echo >$folder/new; done
+                        mv d7 d8
+                        mv d9 renamed
+                        rm -r d10
+                        echo >d8/d7/s7/deep""")
+    tree.run(f"echo 5000 >{limit}")
+    wanted = 1 + list(disk(tree.base).values()).count(FOLDER)
     expect("watches", [] if comes_true(lambda: watching.watches() == wanted, 60) else [(b"watches", wanted)])
 
 
-def few_descriptors(tool, _base, root):
+def few_descriptors(tree):
     """The limit of open files is lowered for some seconds, below what is open already, while the tree changes."""
-    for name in (b"a", b"b", b"c"):
-        os.mkdir(os.path.join(root, name))
-        write(os.path.join(root, name, b"before"))
-    watching = Tool(tool, root)
+    watching = story(tree, "mkdir a b c; touch {a,b,c}/before")
     pid = watching.pid
     most = len(os.listdir(f"/proc/{pid}/fd"))
     limits = resource.prlimit(pid, resource.RLIMIT_NOFILE)
     for limit in (most, 4, 3):
         resource.prlimit(pid, resource.RLIMIT_NOFILE, (limit, limits[1]))
         before = len(watching.changes)
-        for i in range(6):
-            write(os.path.join(root, b"abc"[i % 3:i % 3 + 1], b"during%d-%d" % (limit, i)))
-        os.mkdir(os.path.join(root, b"new%d" % limit))
-        write(os.path.join(root, b"new%d" % limit, b"file"))
+        tree.run(f"touch {{a,b,c}}/{limit}-{{1,2}}; mkdir new{limit}; touch new{limit}/file")
         if limit > 3:  # the one in reserve is enough, though two threads want it
-            expect(f"with {limit} descriptors", watching.wait_for(disk(root), 2 * PATIENCE))
+            expect(f"with {limit} descriptors", watching.wait_for(disk(tree.base), 2 * PATIENCE))
         time.sleep(2)
         resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
-        expect(f"after {limit} descriptors", watching.wait_for(disk(root)))
+        expect(f"after {limit} descriptors", watching.wait_for(disk(tree.base)))
         expect("deleted", [(change.path,) for change in watching.changes[before:] if change.action == "delete"])
 
 
-def no_proc(tool, _base, root):
+def no_proc(tree):
     """Nothing is mounted on /proc: folders are watched all the same, and moves are followed."""
-    for i in range(20):
-        os.makedirs(os.path.join(root, b"d%d/s" % i))
-    os.chdir(os.path.dirname(root))
-    hidden = ["unshare", "-m", "sh", "-c", 'mount -t tmpfs none /proc; exec "$0" "$@"', tool]
-    watching = Tool(hidden, b"watched")
-    relative = lambda: disk(b"watched")
-    expect("at the start", watching.wait_for(relative))
+    os.chdir(os.path.dirname(tree.base))
+    watching = story(tree, "mkdir -p d{0..19}/s", "",
+                     prefix=["unshare", "-m", "sh", "-c", 'mount -t tmpfs none /proc; exec "$0" "$@"'], root=b"watched")
     expect("watches", [] if watching.watches() == 41 else [(b"watches", watching.watches())])
-    os.rename(os.path.join(root, b"d3"), os.path.join(root, b"d4/s/moved"))
-    write(os.path.join(root, b"d4/s/moved/s/new"))
-    expect("moved", watching.wait_for(relative))
-    expect("created", [(change.path,) for change in watching.changes if (change.action, change.kind) == ("create", FOLDER)])
+    tree.run("mv d3 d4/s/moved; echo >d4/s/moved/s/new")
+    expect("moved", watching.wait_for(disk(b"watched")))
+    expect("created", [(change.path,) for change in watching.changes
+                       if (change.action, change.kind) == ("create", FOLDER)])
 
 
-def came_back(tool, base, root):
+def came_back(tree):
     """A folder that leaves another one, which moves at the same time, and comes back with nothing in it."""
-    os.makedirs(os.path.join(root, b"d/a"))
-    write(os.path.join(root, b"d/a/x"))
-    watching = Tool(tool, root)
-    os.rename(os.path.join(root, b"d"), os.path.join(root, b"e"))
-    os.rename(os.path.join(root, b"e/a"), os.path.join(base, b"o"))
-    expect("told", watching.wait_for(lambda: {**watching.entries(), os.path.join(root, b"e"): FOLDER}))
-    os.unlink(os.path.join(base, b"o/x"))
-    os.rename(os.path.join(base, b"o"), os.path.join(root, b"b"))
-    expect("back", watching.wait_for(disk(root)))
+    story(tree, "mkdir -p d/a; echo >d/a/x",
+          ("mv d e; mv e/a ../o", "e"),
+          "rm ../o/x; mv ../o b")
 
 
-def two_paths(tool, _base, root):
+def two_paths(tree):
     """One folder under two paths of the tree."""
-    os.makedirs(os.path.join(root, b"a/x"))
-    os.mkdir(os.path.join(root, b"b"))
-    write(os.path.join(root, b"a/x/f"))
-    subprocess.run(["mount", "--bind", os.path.join(root, b"a"), os.path.join(root, b"b")], check=True)
-    watching = Tool(tool, root)
-    os.unlink(os.path.join(root, b"a/x/f"))
-    os.rename(os.path.join(root, b"a/x"), os.path.join(root, b"a/y"))
-    expect("renamed", watching.wait_for(disk(root)))
-    os.mkdir(os.path.join(root, b"b/y/z"))
-    write(os.path.join(root, b"b/y/z/f"))
-    os.rename(os.path.join(root, b"b/y/z"), os.path.join(root, b"b/w"))
-    expect("from the other side", watching.wait_for(disk(root)))
+    story(tree, "mkdir -p a/x b; echo >a/x/f; mount --bind a b",
+          "rm a/x/f; mv a/x a/y",
+          "mkdir b/y/z; echo >b/y/z/f; mv b/y/z b/w")
 
 
-def unmounted(tool, _base, root):
+def unmounted(tree):
     """File systems that are mounted on folders of the tree, and taken away."""
-    one, two = os.path.join(root, b"one"), os.path.join(root, b"two")
-    os.mkdir(one)
-    os.mkdir(two)
-    write(os.path.join(one, b"covered"))
-
-    def mount(path):
-        subprocess.run(["mount", "-t", "tmpfs", "none", path], check=True)
-        os.mkdir(os.path.join(path, b"inside"))
-        write(os.path.join(path, b"inside/file"))
-
-    mount(one)
-    watching = Tool(tool, root)
-    write(os.path.join(one, b"inside/new"))
-    expect("mounted", watching.wait_for(disk(root)))
-    subprocess.run(["umount", one], check=True)
-    expect("unmounted", watching.wait_for(disk(root)))
-    mount(two)
-    mount(one)
-    expect("mounted meanwhile", watching.wait_for(disk(root)))
-    write(os.path.join(two, b"inside/newer"))
-    expect("watched", watching.wait_for(disk(root)))
-    subprocess.run(["umount", "-l", two], check=True)
-    write(os.path.join(two, b"bare"))
-    expect("unmounted lazily", watching.wait_for(disk(root)))
-    bound = [os.path.join(root, b"bound%d" % i) for i in range(2)]
-    for path in bound:
-        os.mkdir(path)
-        write(path + b"/in-" + path[-1:])
-    subprocess.run(["mount", "--bind", bound[0], one], check=True)
-    expect("bound", watching.wait_for(disk(root)))
-    subprocess.run(["sh", "-c", 'umount "$0"; mount --bind "$1" "$0"', one, bound[1]], check=True)
-    expect("bound to another at once", watching.wait_for(disk(root)))
-    write(os.path.join(one, b"newest"))
-    expect("watched", watching.wait_for(disk(root)))
+    mount = "mount -t tmpfs none {0}; mkdir {0}/inside; echo >{0}/inside/file; ".format
+    story(tree, "mkdir one two; echo >one/covered; " + mount("one"),
+          "echo >one/inside/new",
+          "umount one",
+          mount("two") + mount("one"),
+          "echo >two/inside/newer",
+          "umount -l two; echo >two/bare",
+          "mkdir bound0 bound1; touch bound0/in-0 bound1/in-1; mount --bind bound0 one",
+          "umount one; mount --bind bound1 one",  # at once
+          "echo >one/newest")
 
 
-CASES = {case.__name__: case for case in (deep, long_paths, unreadable, few_watches, few_descriptors, no_proc,
-                                          came_back, two_paths, unmounted)}
-MOUNTS = ["unshare", "-U", "-r", "-m"]
-NAMESPACES = {"few_watches": ["unshare", "-U", "-r"], "no_proc": ["unshare", "-m"], "two_paths": MOUNTS,
-              "unmounted": MOUNTS}
-
-
-def main():
-    tool, name = os.path.abspath(sys.argv[1]), sys.argv[2]
-    own = NAMESPACES.get(name)
-    if own is not None and "OWN_NAMESPACE" not in os.environ:
-        if subprocess.run([*own, "true"], check=False).returncode != 0:
-            sys.exit(SKIPPED)
-        os.execvpe(own[0], [*own, sys.executable, *sys.argv], {**os.environ, "OWN_NAMESPACE": "1"})
-    base = tempfile.mkdtemp(prefix="extremes").encode()
-    root = os.path.join(base, b"watched")
-    os.mkdir(root)
-    try:
-        CASES[name](tool, base, root)
-    finally:
-        for watching in Tool.all:
-            watching.close()
-        shutil.rmtree(base, ignore_errors=True)
-
+MOUNTS = ["-U", "-r", "-m"]
+NAMESPACES = {"few_watches": ["-U", "-r"], "no_proc": ["-m"], "two_paths": MOUNTS, "unmounted": MOUNTS}
 
 if __name__ == "__main__":
-    main()
+    if sys.argv[2] in NAMESPACES:
+        places.enter_namespace(*NAMESPACES[sys.argv[2]])
+    run_case([deep, long_paths, unreadable, few_watches, few_descriptors, no_proc, came_back, two_paths, unmounted],
+             Tree)

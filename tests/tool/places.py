@@ -1,4 +1,4 @@
-"""Where the soak can make its changes: folders of the machine, and file systems made for it alone.
+"""Where the tests run: folders of the machine, and file systems that are made for the soak alone.
 
 A file system is mounted in a mount namespace of the process's own, below its temporary folder, and goes with it. That
 needs root, and for some of them a program that may not be installed; where it cannot be had, the process ends with the
@@ -20,14 +20,13 @@ def run(*command):
         raise OSError(b" ".join(os.fsencode(word) for word in command) + b": " + done.stderr)
 
 
-def enter_namespace(variable="OWN_MOUNTS"):
-    """Starts this program once more in a mount namespace of its own."""
-    if variable in os.environ:
+def enter_namespace(*options):
+    """Starts this program once more in namespaces of its own, which the options of unshare(1) name."""
+    if "OWN_NAMESPACE" in os.environ:
         return
-    probe = subprocess.run(["unshare", "-m", "true"], stderr=subprocess.DEVNULL, check=False)
-    if os.getuid() != 0 or probe.returncode != 0:
-        skip("no mount namespace can be had")
-    os.execvpe("unshare", ["unshare", "-m", sys.executable, *sys.argv], {**os.environ, variable: "1"})
+    if subprocess.run(["unshare", *options, "true"], stderr=subprocess.DEVNULL, check=False).returncode != 0:
+        skip("no namespace of its own can be had")
+    os.execvpe("unshare", ["unshare", *options, sys.executable, *sys.argv], {**os.environ, "OWN_NAMESPACE": "1"})
 
 
 def skip(reason):
@@ -35,58 +34,34 @@ def skip(reason):
     sys.exit(SKIPPED)
 
 
-def loop(base, folder, make, size="2G", **options):
-    image = os.path.join(base, b"image")
-    run("truncate", "-s", size, image)
-    run(*make, image)
-    run("mount", "-o", options.get("mount", "loop"), image, folder)
+def need(program):
+    if shutil.which(program) is None:
+        skip(f"there is no {program}")
 
 
-def on_tmpfs(_base, folder):
-    run("mount", "-t", "tmpfs", "none", folder)
-
-
-def on_ext4_128(base, folder):
-    """Inodes without room for a time of birth."""
-    loop(base, folder, ["mkfs.ext4", "-q", "-I", "128"])
-
-
-def on_xfs(base, folder):
-    loop(base, folder, ["mkfs.xfs", "-q"])
-
-
-def on_btrfs(base, folder):
-    loop(base, folder, ["mkfs.btrfs", "-q"])
-
-
-def on_overlay(base, folder):
-    """A tree in the lower layer, from which files are copied up when they change."""
-    layers = os.path.join(base, b"layers")
-    os.mkdir(layers)
-    run("mount", "-t", "tmpfs", "none", layers)
-    lower, upper, work = [os.path.join(layers, name) for name in (b"lower", b"upper", b"work")]
-    for layer in (lower, upper, work):
-        os.mkdir(layer)
-    for i in range(40):
-        below = os.path.join(lower, b"watched/%d/%d" % (i % 3, i % 7))
-        os.makedirs(below, exist_ok=True)
-        with open(os.path.join(below, b"f%d" % i), "wb") as file:
-            file.write(b"x" * i)
-    run("mount", "-t", "overlay", "none", "-o",
-        b"redirect_dir=on,lowerdir=%s,upperdir=%s,workdir=%s" % (lower, upper, work), folder)
-
-
-def on_bindfs(base, folder):
-    """Passes everything through to another folder, with neither times of birth nor lasting handles."""
-    if not os.path.exists("/dev/fuse"):
-        skip("no FUSE")
-    source = os.path.join(base, b"source")
-    os.mkdir(source)
-    run("bindfs", source, folder)
-
-
-FILE_SYSTEMS = {"tmpfs": on_tmpfs, "ext4-128": on_ext4_128, "xfs": on_xfs, "btrfs": on_btrfs,
-                "overlay": on_overlay, "bindfs": on_bindfs, "binds": on_tmpfs, "mounts": on_tmpfs}
+LOOP = "truncate -s 2G image; %s image; mount -o loop image place"
+# How each is mounted on the folder "place", in the shell.
+FILE_SYSTEMS = {
+    "tmpfs": "mount -t tmpfs none place",
+    "ext4-128": LOOP % "mkfs.ext4 -q -I 128",  # inodes without room for a time of birth
+    "xfs": LOOP % "mkfs.xfs -q",
+    "btrfs": LOOP % "mkfs.btrfs -q",
+    # A tree in the lower layer, from which files are copied up when they change.
+    "overlay": """
+        mkdir layers
+        mount -t tmpfs none layers
+        mkdir layers/{lower,upper,work}
+        for i in {0..39}; do
+          mkdir -p layers/lower/watched/$((i % 3))/$((i % 7))
+          head -c $i /dev/zero >layers/lower/watched/$((i % 3))/$((i % 7))/f$i
+        done
+        cd layers
+        mount -t overlay none -o redirect_dir=on,lowerdir=lower,upperdir=upper,workdir=work ../place""",
+    # Passes everything through to another folder, with neither times of birth nor lasting handles.
+    "bindfs": "mkdir source; bindfs source place",
+    "binds": "mount -t tmpfs none place",
+    "mounts": "mount -t tmpfs none place",
+}
 
 
 def prepare(place, base):
@@ -95,15 +70,11 @@ def prepare(place, base):
         if not os.path.isdir(place):
             sys.exit(f"no folder {place}, and no file system of that name; there are: {' '.join(FILE_SYSTEMS)}")
         return base
-    folder = os.path.join(base, b"place")
-    os.mkdir(folder)
     try:
-        FILE_SYSTEMS[place](base, folder)
-    except FileNotFoundError as missing:
-        skip(f"there is no {missing.filename}")
+        run("bash", "-ec", 'cd "$0"; mkdir place; ' + FILE_SYSTEMS[place], base)
     except OSError as error:
         skip(f"no {place}: {error}")
-    return folder
+    return os.path.join(base, b"place")
 
 
 def mounts_below(folder):

@@ -421,13 +421,11 @@ def main():
     given = arguments()
     is_own = given.on in places.FILE_SYSTEMS
     if is_own:
-        places.enter_namespace()
+        places.enter_namespace("-m")
     base = tempfile.mkdtemp(prefix="soak", dir=None if is_own else given.on).encode()
     try:
         return soak(given, places.prepare(given.on, base))
     finally:
-        for watching in Tool.all:
-            watching.close()
         places.clear(base)
 
 

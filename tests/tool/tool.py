@@ -1,12 +1,18 @@
-"""The real tool, followed by the Python client, and what the kernel says of its process."""
+"""What the test programs share: the folder in which a case runs, the real tool, followed by the Python client, and what
+the kernel says of its process.
+"""
 
+import atexit
 import contextlib
 import os
 import select
+import subprocess
 import sys
+import tempfile
 import threading
 import time
 
+import places
 from picture import FOLDER, difference
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../clients/python/src"))
@@ -41,10 +47,65 @@ def flat(picture):
     return {path: FOLDER if entry.is_folder else (entry.modified, entry.size) for path, entry in picture.items()}
 
 
-class Tool:
-    """A watched folder, and the client that a thread of its own reads with."""
+class Place(contextlib.ExitStack):
+    """A folder for one case; what the case starts in it ends with it."""
 
-    all = []
+    def __init__(self, tool, base):
+        super().__init__()
+        self.tool, self.base = tool, base
+
+    def path(self, name):
+        return os.path.join(self.base, os.fsencode(name))
+
+    def read(self, name):
+        with open(self.path(name), "rb") as file:
+            return file.read()
+
+    def run(self, commands, **environment):
+        """Runs shell commands in the folder."""
+        subprocess.run(["bash", "-ec", commands], cwd=self.base, env={**os.environ, **environment}, check=True)
+
+
+def run_case(cases, make=Place):
+    """Runs the case that the command line names: TOOL CASE, and what else `make` takes."""
+    tool, name, *more = sys.argv[1:]
+    base = tempfile.mkdtemp(prefix="dirwarden-").encode()
+    try:
+        with make(os.path.abspath(tool), base, *more) as place:
+            {case.__name__: case for case in cases}[name](place)
+    finally:
+        places.clear(base)
+
+
+class Piped:
+    """A process whose lines wait in a pipe until they are taken; killed at the end."""
+
+    def __init__(self, command, **options):
+        self.rest = b""  # read, not taken yet
+        self.process = subprocess.Popen(command, **{"bufsize": 0, "stdout": subprocess.PIPE, **options})
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+
+    def take(self, count=sys.maxsize, patience=PATIENCE):
+        """The next lines, so many; fewer when they do not come in time or the output ends."""
+        output = self.process.stdout
+        while self.rest.count(b"\n") < count and select.select([output], [], [], patience)[0]:
+            piece = output.read(65536)
+            if not piece:
+                break
+            self.rest += piece
+        *lines, self.rest = self.rest.split(b"\n", count)
+        return [os.fsdecode(line) for line in lines]
+
+
+class Tool:
+    """A watched folder, and the client that a thread of its own reads with; it ends with the program."""
 
     def __init__(self, command, root):
         self.watcher = dirwarden.watch(root, tool=command, log=os.environ.get("SOAK_LOG"))
@@ -54,7 +115,7 @@ class Tool:
         self.error = None
         self.may_read = threading.Event()
         self.may_read.set()
-        Tool.all.append(self)
+        atexit.register(self.watcher.close)
         threading.Thread(target=self._read, daemon=True).start()
         if not comes_true(lambda: self.watcher.is_ready or self.error, 60) or self.error:
             raise RuntimeError(f"no end of the first scan: {self.error}")
@@ -71,10 +132,6 @@ class Tool:
                             self.changes += event
                 except dirwarden.DirwardenError as error:
                     self.error = error
-
-    def close(self):
-        self.error = self.error or "closed"
-        self.watcher.close()
 
     def entries(self):
         with self.lock:

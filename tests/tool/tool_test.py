@@ -17,9 +17,9 @@ import sys
 import tempfile
 import termios
 
-from tool import PATIENCE, comes_true, watches
+import places
+from tool import PATIENCE, Piped, Place, comes_true, run_case, watches
 
-SKIPPED = 77
 VERSION = "<version>3.0.7.160915</version>"
 ODD = os.fsdecode(b'w/B/%41"<&>\xc3\xa9\xff')  # $odd for commands
 INSTANCES = "/proc/sys/user/max_inotify_instances"
@@ -31,44 +31,18 @@ def expect(what, came, wanted):
         raise AssertionError(f"{what}: came {sides[0]}\nwanted {sides[1]}")
 
 
-def read(path):
-    with open(path, "rb") as file:
-        return os.fsdecode(file.read())
-
-
-class PipedTool:
-    """A running tool whose lines wait in the pipe until they are taken; killed at the end. Its standard error has to
-    stay empty."""
+class PipedTool(Piped):
+    """A running tool, in the folder that it is to watch. Its standard error has to stay empty."""
 
     def __init__(self, case, arguments, before=(), **options):
-        self.rest = b""  # read, not taken yet
         self.errors = tempfile.TemporaryFile()
-        self.process = subprocess.Popen([*before, case.binary, *arguments], bufsize=0,
-                                        **{"cwd": case.path("w"), "stdout": subprocess.PIPE, "stderr": self.errors,
-                                           **options})
-
-    def __enter__(self):
-        return self
+        super().__init__([*before, case.tool, *arguments],
+                         **{"cwd": case.path("w"), "stderr": self.errors, **options})
 
     def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
+        super().__exit__()
         self.errors.seek(0)
         expect("standard error", self.errors.read(), b"")
-
-    def take(self, count=sys.maxsize):
-        """The next lines, so many; fewer when they do not come in time or the output ends."""
-        output = self.process.stdout
-        while self.rest.count(b"\n") < count and select.select([output], [], [], PATIENCE)[0]:
-            piece = output.read(65536)
-            if not piece:
-                break
-            self.rest += piece
-        lines = self.rest.split(b"\n")
-        count = min(count, len(lines) - 1)
-        self.rest = b"\n".join(lines[count:])
-        return [os.fsdecode(line) for line in lines[:count]]
 
     def must_watch(self):
         """Waits until the tool watches something. What changes before the stream exists is not told."""
@@ -84,22 +58,16 @@ class PipedTool:
         return self.process.returncode
 
 
-class Case:
-    """A folder with the folder to watch, "w", in it. Names are relative to it."""
+class Case(Place):
+    """A folder with the folder to watch, "w", in it. Names are relative to it. A time is set with `touch -c`: without
+    it, the file would be opened for writing too."""
 
-    def __init__(self, binary, folder):
-        self.binary, self.folder = binary, folder
-        self.root = self.path("w")  # as the tool was given it, without a final "/"
+    def __init__(self, tool, base):
+        super().__init__(tool, base)
+        self.root = os.fsdecode(self.path("w"))  # as the tool was given it, without a final "/"
         self.encoded = True
         self.values = {}  # by name: inode, the others
         self.run("mkdir w")
-
-    def path(self, name):
-        return os.path.join(self.folder, name)
-
-    def run(self, commands):
-        """Runs shell commands. A time is set with `touch -c`: without it, the file would be opened for writing too."""
-        subprocess.run(["bash", "-ec", commands], cwd=self.folder, env={**os.environ, "odd": ODD}, check=True)
 
     def coded(self, path):
         if not self.encoded:
@@ -144,7 +112,7 @@ class Case:
         tool.must_watch()
         for commands, records, *any_order in steps:
             tool.process.send_signal(signal.SIGSTOP)  # or a batch might be cut in the middle of the commands
-            self.run(commands)
+            self.run(commands, odd=ODD)
             tool.process.send_signal(signal.SIGCONT)
             wanted = self.lines(*records)
             came = tool.take(len(wanted))
@@ -188,9 +156,8 @@ def settings_and_snapshot(case):
 
 
 def log(case):
-    path = case.path("log")
-    with open(path, "w", encoding="ascii") as file:
-        file.write("[2000-01-01 00:00:00] before\n")
+    path = os.fsdecode(case.path("log"))
+    case.run("echo '[2000-01-01 00:00:00] before' >log")
     with PipedTool(case, [case.root, "false", "true", path]) as tool:
         first = case.start(case.root, ["false", "true", path, "true"])
         expect("at the start", tool.take(8), first)
@@ -199,20 +166,19 @@ def log(case):
         case.encoded = False
         last = [f'CHANGED "{case.root}/" , EVENT ID N, FLAGS 0', f'* CREATED file "{case.root}/<b"',
                 case.line("create file w/<b")]
-        comes_true(lambda: read(path).endswith(last[-1] + "\n"))
+        comes_true(lambda: case.read("log").endswith(last[-1].encode() + b"\n"))
         logged = [re.sub(r"EVENT ID \d+", "EVENT ID N", re.sub(r"^\[\d{4}(-\d\d){2} \d\d(:\d\d){2}\] ", "T ", line))
-                  for line in read(path).split("\n") if line]
+                  for line in case.read("log").decode().splitlines()]
         expect("the log's beginning", logged[:8], [f"T {line}" for line in first])
         expect("the log's end", logged[-3:], [f"T {line}" for line in last])
         expect(f"enough in the log, {logged},", len(logged) >= len(first) + 2 * len(last), True)
 
 
-def changes(case, encoded=True):
+def changes(case):
     """Each told by its line."""
-    case.encoded = encoded
     case.run("mkdir -p w/A w/B/sub in/n; touch w/A/f in/n/m")
     case.lines("sync folder w/A", "sync folder w/B", "sync file w/A/f")
-    with PipedTool(case, [case.root, "false", "false", "", "true" if encoded else "false"]) as tool:
+    with PipedTool(case, [case.root, "false"]) as tool:
         expect("lines at the start", len(tool.take(8)), 8)
         case.play(
             tool,
@@ -242,10 +208,6 @@ def changes(case, encoded=True):
             NOTHING_MORE)
 
 
-def changes_not_encoded(case):
-    changes(case, encoded=False)
-
-
 def root_goes_and_comes(case):
     case.run("mkdir -p next/d last; touch next/d/f last/z")
     case.line("sync folder w")  # root records keep the values of the start
@@ -267,7 +229,7 @@ def root_goes_and_comes(case):
 
 
 def root_missing(case):
-    path = case.path("w/m")
+    path = case.root + "/m"
     wanted = case.start(path, ["true", "false", "", "true"],
                         [f"<error>{path}</error>", "<error>No such file or directory</error>"])
     with PipedTool(case, [path]) as tool:
@@ -323,7 +285,7 @@ def refused_folder(case):
             os.mkdir(folder + "/w/new")
             # Nothing can be waited for; a change that is told comes within a second and a half.
             expect("told", select.select([tool.process.stdout], [], [], 2.5)[0], [])
-        case.folder, case.root = folder, "."
+        case.base, case.root = folder.encode(), "."
         with PipedTool(case, ["."]) as tool:
             expect("lines", len(tool.take(10)), 10)
             case.play(tool, ("touch w/new/it", ["create file w/new/it"]))
@@ -333,12 +295,12 @@ def little_memory(case):
     """Whatever there is room for: the tool runs, or ends in order."""
     ended = []
     limits = range(14000, 60000, 500)
-    tools = [PipedTool(case, [case.root], ["sh", "-c", f'ulimit -v {limit}; exec "$@"', "sh"], stderr=subprocess.DEVNULL)
-             for limit in limits]
+    tools = [PipedTool(case, [case.root], ["sh", "-c", f'ulimit -v {limit}; exec "$@"', "sh"],
+                       stderr=subprocess.DEVNULL) for limit in limits]
     for limit, tool in zip(limits, tools):
         with tool:
             select.select([tool.process.stdout], [], [], PATIENCE)
-            if tool.process.poll() is None and not comes_true(lambda t=tool: t.process.poll() is not None or watches(t.process.pid)):
+            if not comes_true(lambda t=tool: t.process.poll() is not None or watches(t.process.pid)):
                 raise AssertionError(f"with {limit} KiB it neither ends nor watches")
             if tool.process.poll() is None:
                 break  # more is enough too
@@ -346,7 +308,7 @@ def little_memory(case):
                 expect(f"status with {limit} KiB", tool.process.returncode, 0)
                 ended.append(os.fsdecode(tool.rest + tool.process.stdout.read()).endswith("watcher not started."))
     else:
-        sys.exit(SKIPPED)  # with a sanitizer, say
+        places.skip("no limit on memory leaves enough for it")  # with a sanitizer, say
     for tool in tools:
         tool.process.kill()
     expect("last words", any(ended), True)
@@ -357,7 +319,7 @@ def cannot_watch(case):
     limited = ["unshare", "-U", "-r", "sh", "-c",
                f'echo 0 >{INSTANCES} && [ "$(cat {INSTANCES})" = 0 ] && exec "$@"', "sh"]
     if subprocess.run([*limited, "true"], check=False).returncode != 0:
-        sys.exit(SKIPPED)
+        places.skip("no user namespace can be had")
     # The tool never gives its stream back.
     options = {"ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"}
     with PipedTool(case, [case.root], limited, env={**os.environ, **options}) as tool:
@@ -367,15 +329,6 @@ def cannot_watch(case):
         expect("the start", came, wanted[:max(len(came), 1)])
 
 
-CASES = [answers, settings_and_snapshot, log, changes, changes_not_encoded, root_goes_and_comes, root_missing,
-         reader_stalls_and_ends, output_refuses, refused_folder, little_memory, cannot_watch]
-
-
-def main():
-    binary, name = sys.argv[1:3]
-    with tempfile.TemporaryDirectory(prefix="dirwarden-") as folder:
-        next(case for case in CASES if case.__name__ == name)(Case(os.path.abspath(binary), folder))
-
-
 if __name__ == "__main__":
-    main()
+    run_case([answers, settings_and_snapshot, log, changes, root_goes_and_comes, root_missing, reader_stalls_and_ends,
+              output_refuses, refused_folder, little_memory, cannot_watch], Case)
