@@ -10,19 +10,16 @@ Exit status 77: there is no Node.js.
 import json
 import os
 import re
-import select
-import shutil
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 from urllib.parse import quote
 
+import places
 from picture import FOLDER, difference, disk
-from tool import PATIENCE, comes_true, watches
+from tool import PATIENCE, Piped, Place, comes_true, run_case, watches
 
-SKIPPED = 77
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 # Commands in the folder that holds the watched one, $w, and a change that has to come, with /w for $w.
@@ -90,24 +87,19 @@ def as_line(record):
     return f'<{kind} action="{action}" inode="1"{before} modified="1" created="1" size="1">{path}</{kind}>'
 
 
-class Client:
+class Client(Piped):
     """One client on one tool, in a process of its own: what it said, and its last picture."""
 
     def __init__(self, language, root, *tool, **process):
         bridge = [sys.executable, HERE + "/bridge.py", root] if language == "py" else [
             "node", HERE + "/bridge.mjs", root.hex()]
-        self.root, self.rest, self.entries = root, b"", {}
+        super().__init__([*bridge, *tool], **process)
+        self.root, self.entries, self.pid = root, {}, None
         self.names, self.said, self.words = [], [], []
-        self.process = subprocess.Popen([*bridge, *tool], stdout=subprocess.PIPE, bufsize=0, **process)
-        self.pid = None
 
-    def take(self, patience=PATIENCE):
-        """Reads what there is, or waits for something; False when it does not come or the client has ended."""
-        data = b""
-        if select.select([self.process.stdout], [], [], patience)[0]:
-            data = self.process.stdout.read(1 << 20)
-        *lines, self.rest = (self.rest + data).split(b"\n")
-        for line in map(json.loads, lines):
+    def listen(self, patience=PATIENCE):
+        """Takes in the next line, if it comes in time."""
+        for line in map(json.loads, map(os.fsencode, self.take(1, patience))):
             if isinstance(line, int):
                 self.pid = line
                 continue
@@ -117,56 +109,56 @@ class Client:
             self.said += said
             self.words += [name] + [" ".join(word for word in change if word).replace(self.root.decode("latin1"), "/w")
                                     for change in said]
-        return bool(data)
 
     def says(self, name):
         """Waits for an event of the name."""
-        deadline = time.monotonic() + PATIENCE
-        while name not in self.names and time.monotonic() < deadline and self.take():
-            pass
-        assert name in self.names, (name, self.words)
+        assert comes_true(lambda: name in self.names or self.listen(0.1)), (name, self.words)
 
     def follows(self, root, word):
-        deadline = time.monotonic() + PATIENCE
-        while left := difference(self.entries, disk(root)) + [word] * (bool(word) and word not in self.words):
-            if time.monotonic() > deadline or (not self.take(0.5) and self.process.poll() is not None):
-                sys.exit(f"(path, picture, disk): {left}; said: {self.words[-20:]}")
+        """Waits until the picture equals the disk and the word, if any, has come."""
+        def left():
+            self.listen(0.1)
+            return difference(self.entries, disk(root)) + [word] * (bool(word) and word not in self.words)
+
+        assert comes_true(lambda: not left()), f"(path, picture, disk): {left()}; said: {self.words[-20:]}"
         self.words.clear()
 
-    def __enter__(self):
-        return self
 
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
+class Language(Place):
+    """A folder for the case, and the language of the client."""
+
+    def __init__(self, tool, base, language):
+        super().__init__(tool, base)
+        self.language = language
+        if language == "mjs":
+            places.need("node")
 
 
-def follows(tool, language, base):
-    root = os.path.join(base, 'w\n\n\xe9 %41<&>"'.encode() + b"\xff")
+def follows(place):
+    root = place.path(b'w\n\n\xc3\xa9 %41<&>"\xff')
     os.mkdir(root)
-    os.symlink(root, os.path.join(base, b"w"))
-    client = None
-    for commands, words in [(START, "")] + STEPS:
-        soon = b"%d" % (time.time() + 1) if "twice;" in commands and "echo" not in commands else b""
-        last = soon or (last if client else b"")
-        subprocess.run([b"bash", b"-ec", b"IFS=; " + commands.encode()], cwd=base, check=True,
-                       env={**os.environb, b"w": root, b"soon": last})
-        client = client or Client(language, root, tool)
-        client.follows(root, words)
-    client.names.clear()
-    client.says("settled")
-    client.__exit__()
+    os.symlink(root, place.path("w"))
+    environment = {"w": os.fsdecode(root), "soon": ""}
+    place.run("IFS=; " + START, **environment)
+    with Client(place.language, root, place.tool) as client:
+        client.follows(root, "")
+        for commands, word in STEPS:
+            if "create file /w/twice" in word:
+                environment["soon"] = str(int(time.time() + 1))
+            place.run("IFS=; " + commands, **environment)
+            client.follows(root, word)
+        client.names.clear()
+        client.says("settled")
 
 
-def streams(_tool, language, base):
+def streams(place):
     for records, wanted, problems in STREAMS:
         text = "\n".join(map(as_line, records + ["create file last"]))
         for cut in (40, len(text) // 2):  # what comes in two pieces, between which nothing has to happen
-            with open(os.path.join(base, b"text"), "w", encoding="ascii") as file:
+            with open(place.path("text"), "w", encoding="ascii") as file:
                 file.write(text + "\n<scan action=\"complete\"></scan>\n")
             script = f'head -c {cut} "$0"; sleep .05; tail -c +{cut + 1} "$0"; exec sleep 1000'
-            with Client(language, b"/w", "sh", "-c", script, os.path.join(base, b"text")) as client:
+            with Client(place.language, b"/w", "sh", "-c", script, place.path("text")) as client:
                 client.says("ready")
                 assert client.words.count("create file /w/last") == 1, client.words
                 came = {path.decode()[3:]: entry if entry == FOLDER else "file"
@@ -176,32 +168,31 @@ def streams(_tool, language, base):
                 assert paths == problems, (records, paths)
 
 
-def ends(tool, language, base):
+def ends(place):
     """Missing, unable, ended, killed, begun again; a client that dies, and one without a standard input."""
     def file(name, text):
-        path = os.path.join(base, name)
-        with open(path, "w", encoding="ascii") as script:
+        with open(place.path(name), "w", encoding="ascii") as script:
             script.write(text)
-        os.chmod(path, 0o700)
-        return path
+        os.chmod(place.path(name), 0o700)
+        return place.path(name)
 
     scan = '<scan action="complete"></scan>'
     for command, wanted, words in (
-            ([base + b"/none"], "ToolMissing", "no program"),
-            ([file(b"broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
+            ([place.path("none")], "ToolMissing", "no program"),
+            ([file("broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
             (["sh", "-c", "echo '<version>1</version>'; printf 'watcher not started.'"], "CannotWatch", "not started"),
-            (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if language == "py" else "SIGTERM"),
+            (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if place.language == "py" else "SIGTERM"),
             (["sh", "-c", f"echo '{scan}'; exit 3"], "ToolEnded", "status 3")):
-        with Client(language, b"/w", *command) as client:
+        with Client(place.language, b"/w", *command) as client:
             client.says(wanted)
             assert words in client.said[-1], client.said
-    root = os.path.join(base, b"w")
+    root = place.path("w")
     os.mkdir(root)
-    again = file(b"again", f'#!/bin/sh\n[ -e "$0-1" ] && exec {tool} "$@"\ntouch "$0-1"\n'
+    again = file("again", f'#!/bin/sh\n[ -e "$0-1" ] && exec {place.tool} "$@"\ntouch "$0-1"\n'
                            f"echo '{scan}\n<error>/w</error>\n<error>restart</error>'; exec sleep 1000\n")
     for standard_input in (subprocess.DEVNULL, "closed"):
         before = {"preexec_fn": lambda: os.close(0)} if standard_input == "closed" else {"stdin": standard_input}
-        with Client(language, root, again, **before) as client:
+        with Client(place.language, root, again, **before) as client:
             client.says("ready")
             client.names.clear()
             if standard_input == subprocess.DEVNULL:
@@ -214,16 +205,6 @@ def ends(tool, language, base):
         assert comes_true(lambda p=pid: not os.path.exists(f"/proc/{p}/fd/1")), "the tool lives on"
 
 
-def main():
-    tool, name, language = sys.argv[1:4]
-    if language == "mjs" and shutil.which("node") is None:
-        print("skipped: there is no Node.js")
-        return SKIPPED
-    with tempfile.TemporaryDirectory(prefix="dirwarden-") as base:
-        {"follows": follows, "streams": streams, "ends": ends}[name](os.path.abspath(tool), language, os.fsencode(base))
-    return 0
-
-
 if __name__ == "__main__":
     signal.alarm(110)
-    sys.exit(main())
+    run_case([follows, streams, ends], Language)

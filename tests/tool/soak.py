@@ -10,8 +10,8 @@ subvolumes and snapshots), overlay, bindfs, binds (parts of the tree are mounted
 
 Modes (the first five in turn when none is named): mixed, burst (more lines than the emitter's pace), stopped (the tool
 is stopped while the kernel's queue overflows), stalled (nobody reads for a while), root (the watched folder itself
-goes, comes and is replaced), crowded (one folder of 50,000 files, which is read by names). A failure prints the seed, the first differences and the operations that touched them,
-and the exit status is 1.
+goes, comes and is replaced), crowded (one folder of 50,000 files, which is read by names). A failure prints the seed,
+the first differences and the operations that touched them, and the exit status is 1.
 """
 
 import argparse
@@ -44,6 +44,13 @@ def is_file(entry):
     return entry.is_file(follow_symlinks=False)
 
 
+def entries(folder, wanted=is_folder):
+    """The paths of such entries; none when the folder cannot be read."""
+    with contextlib.suppress(OSError):
+        return [entry.path for entry in os.scandir(folder) if wanted(entry)]
+    return []
+
+
 class Mutator:
     """Random operations below one folder, and a spare folder beside it that entries move out to and back from."""
 
@@ -57,45 +64,35 @@ class Mutator:
         self.chosen = []
         self.linked = set()  # (device, inode) of the files that have or had several names
         self.clock = 1_000_000_000
-        self.operations = [
-            (8, self.write), (6, self.make_folder), (3, self.make_nested), (8, self.rename), (6, self.rename_folder),
-            (4, self.remove), (2, self.remove_tree), (3, self.link), (2, self.symlink), (3, self.swap_kind),
-            (2, self.move_out), (3, self.move_in), (3, self.unpack), (2, self.exchange), (2, self.save_atomically),
-            (2, self.replace_at_once)]
-        self.operations += {"btrfs": [(3, self.subvolume), (2, self.snapshot)],
-                            "binds": [(2, self.bind_within), (1, self.unmount)],
-                            "mounts": [(3, self.mount), (2, self.bind_within), (2, self.move_mount), (3, self.unmount),
-                                       (2, self.mount_instead)]}.get(place, [])
-        self.weights = [weight for weight, _ in self.operations]
+        self.operations = {**OPERATIONS, **OPERATIONS_ON.get(place, {})}
+        self.crowd = None  # the very large folder, while it alone is changed
+        self.crowd_places = [os.path.join(self.root, name) for name in (b"crowd", b"place/crowd")]
 
     def folders(self, top=None):
         found = [top or self.root]
         for folder in found:
-            try:
-                found += [e.path for e in os.scandir(folder) if is_folder(e)]
-            except OSError:
-                pass
+            found += entries(folder)
             if len(found) > 300:
                 break
         return found
 
     def folder(self):
         """A folder somewhere in the tree, found by a random walk."""
+        if self.crowd:
+            return self.crowd
         at = self.root
-        while self.chance.random() < 0.75:
-            try:
-                below = [e.path for e in os.scandir(at) if is_folder(e)]
-            except OSError:
-                break
-            if not below or at.count(b"/") > 12:
-                break
+        while self.chance.random() < 0.75 and at.count(b"/") <= 12 and (below := entries(at)):
             at = self.chance.choice(below)
         return at
 
     def name(self):
+        if self.crowd:
+            return b"n%05d" % self.chance.randrange(CROWD + 50)
         return self.chance.choice(NAMES) + (b"%d" % self.chance.randrange(4))
 
     def choose(self, paths):
+        if not paths:
+            raise FileNotFoundError
         self.chosen.append(self.chance.choice(paths))
         return self.chosen[-1]
 
@@ -103,13 +100,9 @@ class Mutator:
         return self.choose([os.path.join(self.folder(), self.name())])
 
     def entry(self, wanted=lambda e: True, top=None):
-        try:
-            entries = [e.path for e in os.scandir(top or self.folder()) if wanted(e)]
-        except OSError:
-            entries = []
-        if not entries:
-            raise FileNotFoundError
-        return self.choose(sorted(entries))
+        if self.crowd:
+            return self.fresh()  # most names are there, and a listing would take long
+        return self.choose(sorted(entries(top or self.folder(), wanted)))
 
     def stamp(self, path):
         """Another second each time, so that a rewritten file is a changed one."""
@@ -152,48 +145,29 @@ class Mutator:
         status = os.lstat(new)
         self.linked.add((status.st_dev, status.st_ino))
 
-    def crowd(self):
-        """A change in one very large folder, or of that folder itself."""
-        places_of_it = [os.path.join(self.root, b"crowd"), os.path.join(self.root, b"place", b"crowd")]
-        top = next((path for path in places_of_it if os.path.isdir(path)), None)
+    def write_mapped(self):
+        path = self.fresh()
+        with open(path, "wb") as file:
+            file.write(b"some")
+        self.stamp(path)  # the mapping's second is another one
+        with open(path, "r+b") as file, mmap.mmap(file.fileno(), 0) as mapping:
+            mapping[0:1] = b"y"
+
+    def enter_crowd(self):
+        top = next(filter(os.path.isdir, self.crowd_places), None)
         if top is None:
-            top = places_of_it[0]
+            top = self.crowd_places[0]
             os.mkdir(top)
             for i in range(CROWD):
                 os.mknod(b"%s/n%05d" % (top, i), 0o644)
                 os.utime(b"%s/n%05d" % (top, i), (i, i))
-        one, other = [self.choose([b"%s/n%05d" % (top, self.chance.randrange(CROWD + 50))]) for _ in range(2)]
-        kind = self.chance.randrange(100)
-        if kind == 0:
-            os.makedirs(os.path.dirname(places_of_it[1]), exist_ok=True)
-            os.rename(top, places_of_it[top == places_of_it[0]])
-        elif kind < 25:
-            self.fill(one)
-        elif kind < 45:
-            os.rename(one, other)
-        elif kind < 55:
-            spare = one + b".swap"
-            os.rename(one, spare)
-            with contextlib.suppress(OSError):
-                os.rename(other, one)
-            os.rename(spare, other)
-        elif kind < 65:
-            os.link(one, other)
-            status = os.lstat(other)
-            self.linked.add((status.st_dev, status.st_ino))
-        elif kind < 75:
-            os.unlink(one)
-        elif kind < 85:
-            os.unlink(one)
-            os.mkdir(one)
-        elif kind < 90:
-            os.rmdir(one)
-        else:
-            with open(one, "wb") as file:
-                file.write(b"some")
-            self.stamp(one)  # the mapping's second is another one
-            with open(one, "r+b") as file, mmap.mmap(file.fileno(), 0) as mapping:
-                mapping[0:1] = b"y"
+        self.crowd = top
+
+    def move_crowd(self):
+        other = self.crowd_places[self.crowd == self.crowd_places[0]]
+        os.makedirs(os.path.dirname(other), exist_ok=True)
+        os.rename(self.crowd, other)
+        self.crowd = other
 
     def symlink(self):
         target, path = self.chance.choice([self.folder(), b"nowhere"]), self.fresh()
@@ -263,7 +237,7 @@ class Mutator:
         places.run("btrfs", "subvolume", "snapshot", self.choose(self.folders()), self.fresh())
 
     def mount(self):
-        path = self.choose(self.folders()[1:] or [b""])
+        path = self.choose(self.folders()[1:])
         places.run("mount", "-t", "tmpfs", "none", path)
         self.fill(os.path.join(path, self.name()))
 
@@ -271,7 +245,7 @@ class Mutator:
         """Some folder, of the tree or beside it, at some place of the tree."""
         if len(places.mounts_below(self.root)) > 5:
             raise OSError
-        what, path = [self.choose(self.folders()[1:] or [b""]) for _ in range(2)]
+        what, path = [self.choose(self.folders()[1:]) for _ in range(2)]
         if self.chance.random() < 0.2:
             what = self.spare
         if (path + b"/").startswith(what + b"/"):
@@ -279,7 +253,7 @@ class Mutator:
         places.run("mount", "--bind", what, path)
 
     def mounted(self):
-        return self.choose(places.mounts_below(self.root) or [b""])
+        return self.choose(places.mounts_below(self.root))
 
     def unmount(self):
         path = self.mounted()
@@ -307,77 +281,85 @@ class Mutator:
         else:
             os.rename(away, self.root)
 
-    def step(self):
-        self.do(self.chance.choices(self.operations, self.weights)[0][1])
+    def steps(self, least, most, pauses=0.0):
+        """So many random operations, with a pause after some of them."""
+        for _ in range(self.chance.randrange(least, most)):
+            table = IN_CROWD if self.crowd else self.operations
+            self.do(self.chance.choices([*table], table.values())[0])
+            if self.chance.random() < pauses:
+                time.sleep(self.chance.random() * self.chance.choice([0.01, 0.1, 0.6]))
 
     def do(self, operation):
         self.chosen = []
         with contextlib.suppress(OSError):
-            operation()
+            operation(self)
             self.done.append((operation.__name__, *self.chosen))
+
+
+# How often each is chosen.
+OPERATIONS = {
+    Mutator.write: 8, Mutator.make_folder: 6, Mutator.make_nested: 3, Mutator.rename: 8, Mutator.rename_folder: 6,
+    Mutator.remove: 4, Mutator.remove_tree: 2, Mutator.link: 3, Mutator.symlink: 2, Mutator.swap_kind: 3,
+    Mutator.move_out: 2, Mutator.move_in: 3, Mutator.unpack: 3, Mutator.exchange: 2, Mutator.save_atomically: 2,
+    Mutator.replace_at_once: 2}
+OPERATIONS_ON = {
+    "btrfs": {Mutator.subvolume: 3, Mutator.snapshot: 2},
+    "binds": {Mutator.bind_within: 2, Mutator.unmount: 1},
+    "mounts": {Mutator.mount: 3, Mutator.bind_within: 2, Mutator.move_mount: 2, Mutator.unmount: 3,
+               Mutator.mount_instead: 2}}
+IN_CROWD = {
+    Mutator.write: 24, Mutator.rename: 20, Mutator.exchange: 10, Mutator.link: 10, Mutator.remove: 10,
+    Mutator.swap_kind: 10, Mutator.remove_tree: 5, Mutator.write_mapped: 10, Mutator.move_crowd: 1}
 
 
 def settle(tool, mutator):
     """Waits until the picture equals the disk; the differences that are left when it does not come to that."""
     now = disk(mutator.root, mutator.linked)
-    backlog = len(difference(tool.entries(), now))
-    deadline = time.monotonic() + PATIENCE + 3 * backlog / LINES_PER_SECOND
-    while True:
-        count = tool.watcher.records
-        left = difference(tool.entries(), now)
-        if not left or (time.monotonic() > deadline and tool.watcher.records == count):
-            return left
+    count = tool.watcher.records
+    deadline = time.monotonic() + PATIENCE + 3 * len(difference(tool.entries(), now)) / LINES_PER_SECOND
+    while (left := difference(tool.entries(), now)) and time.monotonic() < deadline:
         if tool.watcher.records != count:
-            deadline = max(deadline, time.monotonic() + 3)
+            count, deadline = tool.watcher.records, max(deadline, time.monotonic() + 3)
         time.sleep(0.1)
+    return left
 
 
-def disturb(mode, tool, mutator, chance):
+def disturb(mode, tool, mutator):
     """One round of changes in the mode's manner."""
     if mode == "mixed":
-        for _ in range(chance.randrange(10, 200)):
-            mutator.step()
-            if chance.random() < 0.2:
-                time.sleep(chance.random() * chance.choice([0.01, 0.1, 0.6]))
+        mutator.steps(10, 200, 0.2)
     elif mode == "burst":
-        for _ in range(chance.randrange(1000, 3000)):
-            mutator.step()
+        mutator.steps(1000, 3000)
     elif mode == "stopped":
         os.kill(tool.pid, signal.SIGSTOP)
-        two = [os.path.join(mutator.root, b"load%d" % chance.getrandbits(60)) for _ in range(2)]
-        files = [open(path, "ab", buffering=0) for path in two]
-        for i in range(20000):  # the kernel's queue holds 16,384 events
-            files[i % 2].write(b"x")
-            if i % 50 == 0:
-                mutator.step()
-        for file in files:
-            file.close()
-            mutator.done.append(("load", file.name))
-        for _ in range(200):
-            mutator.step()
+        paths = [os.path.join(mutator.root, b"load%d" % mutator.chance.getrandbits(60)) for _ in range(2)]
+        with open(paths[0], "ab", buffering=0) as one, open(paths[1], "ab", buffering=0) as other:
+            for _ in range(400):
+                for _ in range(25):  # the kernel's queue holds 16,384 events
+                    one.write(b"x")
+                    other.write(b"x")
+                mutator.steps(1, 2)
+        mutator.done += [("load", path) for path in paths]
+        mutator.steps(200, 201)
         os.kill(tool.pid, signal.SIGCONT)
     elif mode == "stalled":
         tool.may_read.clear()
-        for _ in range(chance.randrange(500, 2000)):
-            mutator.step()
+        mutator.steps(500, 2000)
         time.sleep(2)
         tool.may_read.set()
     elif mode == "root":
-        for _ in range(chance.randrange(5, 40)):
-            mutator.step()
-        mutator.do(mutator.replace_root)
-        for _ in range(chance.randrange(20)):
-            mutator.step()
+        mutator.steps(5, 40)
+        mutator.do(Mutator.replace_root)
+        mutator.steps(0, 20)
     elif mode == "crowded":
-        for _ in range(chance.randrange(10, 500)):
-            mutator.do(mutator.crowd)
-            if chance.random() < 0.1:
-                time.sleep(chance.random() * chance.choice([0.01, 0.1, 0.6]))
+        mutator.enter_crowd()
+        mutator.steps(10, 500, 0.1)
+        mutator.crowd = None
 
 
 def remove(entries):
     for entry in entries:
-        if entry.is_dir(follow_symlinks=False):
+        if is_folder(entry):
             shutil.rmtree(entry.path, ignore_errors=True)  # mounts in it stay
         else:
             os.unlink(entry.path)
@@ -431,10 +413,8 @@ def main():
 
 def soak(given, base):
     seed, modes = given.seed, given.modes or MODES
-    chance = random.Random(seed)
-    mutator = Mutator(chance, base, given.on)
-    for _ in range(50):
-        mutator.step()
+    mutator = Mutator(random.Random(seed), base, given.on)
+    mutator.steps(50, 51)
     tool = Tool(given.tool, mutator.root)
     end = time.monotonic() + given.seconds
     rounds, failed = 0, False
@@ -442,7 +422,7 @@ def soak(given, base):
     while time.monotonic() < end and rounds < given.rounds and not failed:
         mode = modes[rounds % len(modes)]
         rounds += 1
-        disturb(mode, tool, mutator, chance)
+        disturb(mode, tool, mutator)
         left = settle(tool, mutator)
         failed = bool(left) or tool.error is not None
         if failed:
