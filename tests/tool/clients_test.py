@@ -80,10 +80,9 @@ STREAMS = [
 def as_line(record):
     if not record or record.startswith("<"):
         return record
-    action, kind, path, old = (record.split(" ", 3) + [""])[:4] if record.startswith("rename") else [
-        *record.split(" ", 2), ""]
-    old, path = [re.sub("%..", lambda code: code[0].lower(), quote("/w/" + name, safe="")) for name in (old, path)]
-    before = f' oldValue="{old}"' if action == "rename" else ""
+    action, kind, *names = record.split(" ", 3 if record.startswith("rename") else 2)
+    path, *old = [re.sub("%..", lambda code: code[0].lower(), quote("/w/" + name, safe="")) for name in names]
+    before = "".join(f' oldValue="{name}"' for name in old)
     return f'<{kind} action="{action}" inode="1"{before} modified="1" created="1" size="1">{path}</{kind}>'
 
 
@@ -155,8 +154,7 @@ def streams(place):
     for records, wanted, problems in STREAMS:
         text = "\n".join(map(as_line, records + ["create file last"]))
         for cut in (40, len(text) // 2):  # what comes in two pieces, between which nothing has to happen
-            with open(place.path("text"), "w", encoding="ascii") as file:
-                file.write(text + "\n<scan action=\"complete\"></scan>\n")
+            place.write("text", text + "\n<scan action=\"complete\"></scan>\n")
             script = f'head -c {cut} "$0"; sleep .05; tail -c +{cut + 1} "$0"; exec sleep 1000'
             with Client(place.language, b"/w", "sh", "-c", script, place.path("text")) as client:
                 client.says("ready")
@@ -170,16 +168,15 @@ def streams(place):
 
 def ends(place):
     """Missing, unable, ended, killed, begun again; a client that dies, and one without a standard input."""
-    def file(name, text):
-        with open(place.path(name), "w", encoding="ascii") as script:
-            script.write(text)
+    def program(name, text):
+        place.write(name, text)
         os.chmod(place.path(name), 0o700)
         return place.path(name)
 
     scan = '<scan action="complete"></scan>'
     for command, wanted, words in (
             ([place.path("none")], "ToolMissing", "no program"),
-            ([file("broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
+            ([program("broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
             (["sh", "-c", "echo '<version>1</version>'; printf 'watcher not started.'"], "CannotWatch", "not started"),
             (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if place.language == "py" else "SIGTERM"),
             (["sh", "-c", f"echo '{scan}'; exit 3"], "ToolEnded", "status 3")):
@@ -188,8 +185,8 @@ def ends(place):
             assert words in client.said[-1], client.said
     root = place.path("w")
     os.mkdir(root)
-    again = file("again", f'#!/bin/sh\n[ -e "$0-1" ] && exec {place.tool} "$@"\ntouch "$0-1"\n'
-                           f"echo '{scan}\n<error>/w</error>\n<error>restart</error>'; exec sleep 1000\n")
+    again = program("again", f'#!/bin/sh\n[ -e "$0-1" ] && exec {place.tool} "$@"\ntouch "$0-1"\n'
+                             f"echo '{scan}\n<error>/w</error>\n<error>restart</error>'; exec sleep 1000\n")
     for standard_input in (subprocess.DEVNULL, "closed"):
         before = {"preexec_fn": lambda: os.close(0)} if standard_input == "closed" else {"stdin": standard_input}
         with Client(place.language, root, again, **before) as client:

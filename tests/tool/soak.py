@@ -27,7 +27,7 @@ import time
 
 import places
 from picture import FOLDER, difference, disk
-from tool import Tool
+from tool import Tool, watches
 
 MODES = ["mixed", "burst", "stopped", "stalled", "root"]
 CROWD = 50000  # files
@@ -122,8 +122,7 @@ class Mutator:
 
     def make_nested(self):
         path = self.fresh()
-        below = os.path.join(path, *[self.name() for _ in range(self.chance.randrange(1, 6))])
-        os.makedirs(below)
+        os.makedirs(os.path.join(path, *[self.name() for _ in range(self.chance.randrange(1, 6))]))
         for folder in self.folders(path):
             self.fill(os.path.join(folder, self.name()))
 
@@ -170,8 +169,7 @@ class Mutator:
         self.crowd = other
 
     def symlink(self):
-        target, path = self.chance.choice([self.folder(), b"nowhere"]), self.fresh()
-        os.symlink(target, path)
+        os.symlink(self.chance.choice([self.folder(), b"nowhere"]), self.fresh())
 
     def swap_kind(self):
         path = self.entry()
@@ -191,8 +189,7 @@ class Mutator:
         if os.path.isdir(old) and not os.path.islink(old) and self.chance.random() < 0.5:
             for folder in self.folders(old)[:5]:
                 self.fill(os.path.join(folder, self.name()))
-        new = self.fresh()
-        os.rename(old, new)
+        os.rename(old, self.fresh())
 
     def unpack(self):
         """What unpackers do: a temporary name in a new folder, renamed, and then the folder is moved."""
@@ -211,11 +208,8 @@ class Mutator:
         a, b = self.entry(), self.entry()
         spare = a + b".swap"
         os.rename(a, spare)
-        try:
+        with contextlib.suppress(OSError):
             os.rename(b, a)
-        except OSError:
-            os.rename(spare, a)
-            raise
         os.rename(spare, b)
 
     def save_atomically(self):
@@ -229,8 +223,7 @@ class Mutator:
         self.fill(new)
 
     def subvolume(self):
-        path = self.fresh()
-        places.run("btrfs", "subvolume", "create", path)
+        places.run("btrfs", "subvolume", "create", self.fresh())
 
     def snapshot(self):
         """Of a subvolume, with the inode numbers and times of the one it is taken of."""
@@ -357,8 +350,8 @@ def disturb(mode, tool, mutator):
         mutator.crowd = None
 
 
-def remove(entries):
-    for entry in entries:
+def remove(found):
+    for entry in found:
         if is_folder(entry):
             shutil.rmtree(entry.path, ignore_errors=True)  # mounts in it stay
         else:
@@ -385,7 +378,7 @@ def report(seed, rounds, mode, left, tool, mutator):
     for change in [change for change in tool.changes if any(n in change.path for n in names[-1:])][-15:]:
         print("  ", change)
     folders = 1 + list(disk(mutator.root).values()).count(FOLDER)
-    print(f"{folders} folders, {tool.watches()} watches")
+    print(f"{folders} folders, {watches(tool.pid)} watches")
 
 
 def arguments():
@@ -417,21 +410,19 @@ def soak(given, base):
     mutator.steps(50, 51)
     tool = Tool(given.tool, mutator.root)
     end = time.monotonic() + given.seconds
-    rounds, failed = 0, False
-    memory = []
-    while time.monotonic() < end and rounds < given.rounds and not failed:
+    rounds, left, memory = 0, [], []
+    while time.monotonic() < end and rounds < given.rounds and not left and tool.error is None:
         mode = modes[rounds % len(modes)]
         rounds += 1
         disturb(mode, tool, mutator)
         left = settle(tool, mutator)
-        failed = bool(left) or tool.error is not None
-        if failed:
+        if left or tool.error is not None:
             report(seed, rounds, mode, left, tool, mutator)
         memory.append(0 if tool.error else tool.memory())
         shrink(mutator)
     print(f"seed {seed}: {rounds} rounds, {len(mutator.done)} operations, {tool.watcher.records} records, "
           f"memory {memory[0]} to {memory[-1]} KiB")
-    return 1 if failed else 0
+    return 0 if not left and tool.error is None else 1
 
 
 if __name__ == "__main__":

@@ -33,12 +33,10 @@ def comes_true(condition, patience=PATIENCE):
 def watches(pid):
     """The watches that the kernel counts for the instance that follows the tree."""
     counts = [0]
-    try:
+    with contextlib.suppress(FileNotFoundError, PermissionError):  # it has been closed, or the tool has ended
         for name in os.listdir(f"/proc/{pid}/fdinfo"):
             with open(f"/proc/{pid}/fdinfo/{name}", encoding="ascii") as info:
                 counts.append(info.read().count("inotify wd:"))
-    except (FileNotFoundError, PermissionError):
-        pass  # it has been closed, or the tool has ended
     return max(counts)
 
 
@@ -60,6 +58,10 @@ class Place(contextlib.ExitStack):
     def read(self, name):
         with open(self.path(name), "rb") as file:
             return file.read()
+
+    def write(self, name, text):
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
 
     def run(self, commands, **environment):
         """Runs shell commands in the folder."""
@@ -138,19 +140,10 @@ class Tool:
             return flat(self.watcher.picture)
 
     def wait_for(self, wanted, patience=PATIENCE):
-        """Waits until the picture is `wanted`, a dictionary or what gives one; what differs when it does not come."""
-        left = []
-
-        def is_there():
-            left[:] = difference(self.entries(), wanted() if callable(wanted) else wanted)
-            return not left
-
-        comes_true(is_there, patience)
-        return left
+        """Waits until the picture is `wanted`; what differs when it does not come to that."""
+        comes_true(lambda: not difference(self.entries(), wanted), patience)
+        return difference(self.entries(), wanted)
 
     def memory(self):
         with open(f"/proc/{self.pid}/status", encoding="ascii") as status:
             return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
-
-    def watches(self):
-        return watches(self.pid)

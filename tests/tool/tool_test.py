@@ -9,6 +9,7 @@ Exit status 77: the case needs what this machine does not permit.
 
 import fcntl
 import os
+import pprint
 import re
 import select
 import signal
@@ -26,9 +27,8 @@ INSTANCES = "/proc/sys/user/max_inotify_instances"
 
 
 def expect(what, came, wanted):
-    if came != wanted:
-        sides = ["\n  ".join(["", *side]) if isinstance(side, list) else repr(side) for side in (came, wanted)]
-        raise AssertionError(f"{what}: came {sides[0]}\nwanted {sides[1]}")
+    assert came == wanted, "\n".join([f"{what}: came", pprint.pformat(came, width=200),
+                                      "wanted", pprint.pformat(wanted, width=200)])
 
 
 class PipedTool(Piped):
@@ -100,10 +100,8 @@ class Case(Place):
     def start(self, path, settings, scanned=()):
         """What the tool writes at its start: the settings show_all, debug, log and encode_output, and what the scan
         gives."""
-        show_all, debug, log_file, encode_output = settings
-        return [VERSION, f"<path>{self.coded(path)}</path>", f"<show_all>{show_all}</show_all>",
-                f"<debug>{debug}</debug>", f"<log>{self.coded(log_file)}</log>",
-                f"<encode_output>{encode_output}</encode_output>",
+        values = {"path": path, **dict(zip(("show_all", "debug", "log", "encode_output"), settings))}
+        return [VERSION, *[f"<{name}>{self.coded(value)}</{name}>" for name, value in values.items()],
                 self.line("scan begin"), *scanned, self.line("scan complete")]
 
     def play(self, tool, *steps):
@@ -275,20 +273,20 @@ def output_refuses(case):
 
 def refused_folder(case):
     """Below /var nothing is told, but by a relative path."""
-    with tempfile.TemporaryDirectory(prefix="dirwarden-", dir="/var/tmp") as folder:
-        os.mkdir(folder + "/w")
-        open(folder + "/w/file", "w", encoding="ascii").close()
-        with PipedTool(case, [folder]) as tool:
-            wanted = case.start(folder, ["true", "false", "", "true"])
-            expect("at the start", tool.take(len(wanted)), wanted)
-            tool.must_watch()
-            os.mkdir(folder + "/w/new")
-            # Nothing can be waited for; a change that is told comes within a second and a half.
-            expect("told", select.select([tool.process.stdout], [], [], 2.5)[0], [])
-        case.base, case.root = folder.encode(), "."
-        with PipedTool(case, ["."]) as tool:
-            expect("lines", len(tool.take(10)), 10)
-            case.play(tool, ("touch w/new/it", ["create file w/new/it"]))
+    case.base = case.enter_context(tempfile.TemporaryDirectory(prefix=b"dirwarden-", dir=b"/var/tmp"))
+    case.run("mkdir w; touch w/file")
+    folder = os.fsdecode(case.base)
+    with PipedTool(case, [folder]) as tool:
+        wanted = case.start(folder, ["true", "false", "", "true"])
+        expect("at the start", tool.take(len(wanted)), wanted)
+        tool.must_watch()
+        case.run("mkdir w/new")
+        # Nothing can be waited for; a change that is told comes within a second and a half.
+        expect("told", tool.take(1, 2.5), [])
+    case.root = "."
+    with PipedTool(case, ["."]) as tool:
+        expect("lines", len(tool.take(10)), 10)
+        case.play(tool, ("touch w/new/it", ["create file w/new/it"]))
 
 
 def little_memory(case):
