@@ -249,12 +249,10 @@ class Mutator:
         return self.choose(places.mounts_below(self.root))
 
     def unmount(self):
-        path = self.mounted()
-        places.run("umount", *self.chance.choice([[], ["-l"]]), path)
+        places.run("umount", *self.chance.choice([[], ["-l"]]), self.mounted())
 
     def move_mount(self):
-        path, new = self.mounted(), self.choose(self.folders())
-        places.run("mount", "--move", path, new)
+        places.run("mount", "--move", self.mounted(), self.choose(self.folders()))
 
     def mount_instead(self):
         """What is mounted gives way to something else at once: the kernel uses the free number again."""
