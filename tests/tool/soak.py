@@ -208,8 +208,11 @@ class Mutator:
         a, b = self.entry(), self.entry()
         spare = a + b".swap"
         os.rename(a, spare)
-        with contextlib.suppress(OSError):
+        try:
             os.rename(b, a)
+        except OSError:
+            os.rename(spare, a)
+            raise
         os.rename(spare, b)
 
     def save_atomically(self):
