@@ -25,7 +25,6 @@ from tool import Place, Tool, comes_true, run_case, watches
 
 TREE = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 ODD = b" it's \"odd\" %41 \\x41 \xff\xc3\xa9\n*\n"
-LOG_RUN = ["sh", "-c", "printf x >>runs"]
 
 
 def source(name):
@@ -85,7 +84,7 @@ class Programs(Place):
 
 
 def once_per_burst(place, language, text, *before):
-    place.start(language, text, *before, "folder", *LOG_RUN)
+    place.start(language, text, *before, "folder", "sh", "-c", "printf x >>runs")
     place.runs(1)
     place.touch("1", "2", "3")
     place.runs(2)

@@ -378,8 +378,7 @@ def report(seed, rounds, mode, left, tool, mutator):
     print("last changes:")
     for change in [change for change in tool.changes if any(n in change.path for n in names[-1:])][-15:]:
         print("  ", change)
-    folders = 1 + list(disk(mutator.root).values()).count(FOLDER)
-    print(f"{folders} folders, {watches(tool.pid)} watches")
+    print(f"{1 + list(disk(mutator.root).values()).count(FOLDER)} folders, {watches(tool.pid)} watches")
 
 
 def arguments():

@@ -94,9 +94,6 @@ class Case(Place):
         return (f'<{kind} action="{action}" inode="{inode}"{old}{"" if is_root else others}>'
                 f'{self.shown(names[-1])}</{kind}>')
 
-    def lines(self, *records):
-        return [self.line(record) for record in records]
-
     def start(self, path, settings, scanned=()):
         """What the tool writes at its start: the settings show_all, debug, log and encode_output, and what the scan
         gives."""
@@ -112,7 +109,7 @@ class Case(Place):
             tool.process.send_signal(signal.SIGSTOP)  # or a batch might be cut in the middle of the commands
             self.run(commands, odd=ODD)
             tool.process.send_signal(signal.SIGCONT)
-            wanted = self.lines(*records)
+            wanted = [self.line(record) for record in records]
             came = tool.take(len(wanted))
             if any_order:
                 came[1:], wanted[1:] = sorted(came[1:]), sorted(wanted[1:])
@@ -145,7 +142,7 @@ def settings_and_snapshot(case):
             (["../w/", "-h"], ["true", "false", "", "true"])):
         case.root = arguments[0].rstrip("/")
         case.encoded = settings[3] == "true"
-        content = case.lines("sync folder w/d.tmp", "sync file w/d.tmp/a<b")
+        content = [case.line("sync folder w/d.tmp"), case.line("sync file w/d.tmp/a<b")]
         wanted = case.start(arguments[0], settings, content if settings[0] == "true" else ())
         with PipedTool(case, arguments) as tool:
             expect(arguments, tool.take(len(wanted)), wanted)
@@ -175,7 +172,8 @@ def log(case):
 def changes(case):
     """Each told by its line."""
     case.run("mkdir -p w/A w/B/sub in/n; touch w/A/f in/n/m")
-    case.lines("sync folder w/A", "sync folder w/B", "sync file w/A/f")
+    for known in ("sync folder w/A", "sync folder w/B", "sync file w/A/f"):
+        case.line(known)
     with PipedTool(case, [case.root, "false"]) as tool:
         expect("lines at the start", len(tool.take(8)), 8)
         case.play(
