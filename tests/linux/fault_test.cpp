@@ -1,6 +1,4 @@
-// What the kernel may do at the very call: it refuses, hands over events in small pieces or loses
-// them, and the disk changes under it. The linker puts these functions before the C library's.
-#include <array>
+// What the project's code does with the faults of the kernel.
 #include <cstring>
 #include <map>
 #include <random>
@@ -12,84 +10,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-bool ignoresCase = false;  // an entry is found by its name in the other case
-
-bool fails(const char* call, int folder, const std::string& name) {
-  std::error_code ignored;
-  fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(folder), ignored);
-  if (!name.empty()) path /= name;
-  errno = beforeCall ? beforeCall(call + path.string()) : 0;
-  return errno != 0;
-}
-
-}  // namespace
-
-std::function<int(const std::string& call)> beforeCall;
-Queue queue;
-
-extern "C" {
-int __real_openat(int folder, const char* name, int flags, ...);
-int __wrap_openat(int folder, const char* name, int flags, ...) {
-  if (fails("open ", folder, name)) return -1;
-  const int opened = __real_openat(folder, name, flags);
-  if (opened >= 0 || !ignoresCase) return opened;
-  std::string other = name;
-  other.back() ^= 'a' ^ 'A';
-  return __real_openat(folder, other.c_str(), flags);
-}
-
-int __real_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status);
-int __wrap_statx(int folder, const char* name, int flags, unsigned mask, struct statx* status) {
-  if (fails("status ", folder, name)) return -1;
-  const int found = __real_statx(folder, name, flags, mask, status);
-  if (found == 0 || !ignoresCase || *name == 0) return found;
-  std::string other = name;
-  other.back() ^= 'a' ^ 'A';
-  return __real_statx(folder, other.c_str(), flags, mask, status);
-}
-
-int __real_fchdir(int folder);
-int __wrap_fchdir(int folder) { return fails("enter ", folder, "") ? -1 : __real_fchdir(folder); }
-
-int __real_inotify_add_watch(int inotify, const char* path, uint32_t mask);
-int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
-  const Descriptor folder(__real_openat(AT_FDCWD, path, O_PATH));
-  if (!fails("watch ", folder.number(), "")) return __real_inotify_add_watch(inotify, path, mask);
-  const int error = errno;
-  const int added = __real_inotify_add_watch(inotify, path, mask | IN_MASK_CREATE);
-  if (added < 0) return __real_inotify_add_watch(inotify, path, mask);  // which needs no room
-  inotify_rm_watch(inotify, added);
-  errno = error;
-  return -1;
-}
-
-ssize_t __real_getdents64(int folder, void* buffer, size_t size);
-ssize_t __wrap_getdents64(int folder, void* buffer, size_t size) {
-  return fails("list ", folder, "") ? -1 : __real_getdents64(folder, buffer, size);
-}
-
-ssize_t __real_read(int file, void* buffer, size_t size);
-ssize_t __wrap_read(int file, void* buffer, size_t size) {
-  std::error_code ignored;
-  const std::string path = "/proc/self/fd/" + std::to_string(file);
-  if (fs::read_symlink(path, ignored) != "anon_inode:inotify") {
-    return __real_read(file, buffer, size);
-  }
-  if (queue.reads-- <= 0) return -1;
-  const ssize_t got = __real_read(file, buffer, std::min(size, queue.size));
-  const bool isNoneWanted = queue.size == 0;
-  if ((got < 0 && !isNoneWanted) || !std::exchange(queue.isFull, false)) return got;
-  for (std::array<char, 65536> lost; __real_read(file, lost.data(), lost.size()) > 0;) {
-  }
-  const inotify_event overflow{.wd = -1, .mask = IN_Q_OVERFLOW, .cookie = 0, .len = 0};
-  const size_t end = isNoneWanted ? 0 : static_cast<size_t>(got);
-  std::memcpy(static_cast<char*>(buffer) + end, &overflow, sizeof overflow);
-  return static_cast<ssize_t>(end + sizeof overflow);
-}
-}
-
-namespace {
 
 using Names = std::set<std::string>;
 using Faults = std::map<std::string, std::string>;  // by call: "fail", or what is done before, once

@@ -7,39 +7,12 @@ namespace {
 
 class ReconciliationTest : public WatcherTest {
  protected:
-  using Listing = std::map<std::string, FSResourcePtr>;  // by path
-
-  Listing disk() const {
-    Listing found;
-    for (const auto& entry : std::filesystem::directory_iterator(folder / "D")) {
-      found[entry.path()] = FSTree::GetResource(entry.path());
-    }
-    return found;
-  }
-  Listing snapshot() const {
-    Listing found;
-    for (const auto& entry : tree().GetSavedResourceList2(folder / "D").items) {
-      found[entry->path] = entry;
-    }
-    return found;
-  }
-
-  static Reader::Entries kept(const Listing& listing) {
-    Reader::Entries entries;
-    for (const auto& [path, entry] : listing) entries[path] = Reader::kept(*entry);
-    return entries;
-  }
-
   // The renames that have to be reported, new name by old: of what has one name, before and after,
   // to a name that was free. (To a name that was taken, see the stories of callbacks.)
   static std::map<std::string, std::string> moves(const Listing& before, const Listing& after) {
-    std::map<std::pair<uint64_t, uint64_t>, std::pair<Texts, Texts>> names;
-    for (const auto& [path, entry] : before) {
-      names[{entry->inode, entry->generation}].first.push_back(path);
-    }
-    for (const auto& [path, entry] : after) {
-      names[{entry->inode, entry->generation}].second.push_back(path);
-    }
+    std::map<File, std::pair<Texts, Texts>> names;
+    for (const auto& [path, entry] : before) names[file(entry)].first.push_back(path);
+    for (const auto& [path, entry] : after) names[file(entry)].second.push_back(path);
     std::map<std::string, std::string> moves;
     for (const auto& [file, both] : names) {
       const auto& [olds, news] = both;
@@ -95,11 +68,9 @@ TEST_F(ReconciliationTest, ReportsEveryMoveAndReachesTheDiskInTwoPasses) {
     SCOPED_TRACE("round " + std::to_string(round) + ": " + records);
     ASSERT_EQ(reader.entries, kept(after));
     ASSERT_EQ(kept(snapshot()), kept(after));
-    for (const auto& [path, entry] : snapshot()) {
-      ASSERT_EQ(entry->status().identity, after.at(path)->status().identity);
-    }
+    ASSERT_EQ(files(snapshot()), files(after));
     for (const auto& [old, name] : renames) {
-      ASSERT_EQ(before.at(old)->status().identity, after.at(name)->status().identity) << old;
+      ASSERT_EQ(file(before.at(old)), file(after.at(name))) << old;
     }
     for (const auto& [old, name] : moves(before, after)) ASSERT_EQ(renames[old], name) << old;
     count += renames.size();

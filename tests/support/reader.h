@@ -5,7 +5,6 @@
 #include <map>
 #include <string>
 
-#include "FSResource.h"
 #include "support.h"
 #include "utility.h"
 
@@ -32,11 +31,6 @@ class Reader {
   static constexpr int64_t kFolder = -1;
   using Entries =
       std::map<std::string, int64_t>;  // the second of a file's modification, or kFolder
-
-  // How an entry is kept.
-  static int64_t kept(const FSResource& entry) {
-    return entry.isFolder ? kFolder : entry.modified.tv_sec;
-  }
 
   void follow(const Record& record) {
     const bool isFolder = record.tag == "folder", isRename = record.action == "rename";

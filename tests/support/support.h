@@ -74,9 +74,11 @@ class TempFolder {
   //   mkdir FOLDER            with the folders above it
   //   touch NAME [SECONDS]    makes a file when nothing is there; sets its time of modification,
   //                           a fraction of a second included
+  //   write FILE              appends to it
   //   mv OLD NEW              replaces NEW as rename(2) does
   //   swap ONE OTHER          exchanges two names
   //   ln FILE NAME            gives the file another name
+  //   link TARGET NAME        makes a symbolic link
   //   rm NAME                 with all below it
   void run(const std::string& commands) const {
     for (const std::string& command : pieces(commands, "; ")) {
@@ -92,22 +94,20 @@ class TempFolder {
         const timespec time = {static_cast<time_t>(whole), std::lround((seconds - whole) * 1e9)};
         const timespec times[] = {time, time};
         check(utimensat(AT_FDCWD, one.c_str(), times, 0) == 0, one);
+      } else if (words[0] == "write") {
+        write(words[1], "x");
       } else if (words[0] == "swap") {
-        check(swap(words[1], words[2]), command);
+        check(renameat2(-1, one.c_str(), -1, two.c_str(), RENAME_EXCHANGE) == 0, command);
       } else if (words[0] == "mv") {
         std::filesystem::rename(one, two);
       } else if (words[0] == "ln") {
         std::filesystem::create_hard_link(one, two);
+      } else if (words[0] == "link") {
+        std::filesystem::create_symlink(words[1], two);
       } else if (words[0] != "rm" || std::filesystem::remove_all(one) == 0) {
         throw std::invalid_argument(command);
       }
     }
-  }
-
-  // Exchanges two names. Returns whether it was done.
-  bool swap(const std::string& one, const std::string& other) const {
-    return renameat2(AT_FDCWD, (*this / one).c_str(), AT_FDCWD, (*this / other).c_str(),
-                     RENAME_EXCHANGE) == 0;
   }
 
   // Runs one command, which may be impossible. Returns whether it was done.

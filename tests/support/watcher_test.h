@@ -58,6 +58,42 @@ class WatcherTest : public testing::Test {
     return shortened(text);
   }
 
+  using Listing = std::map<std::string, FSResourcePtr>;  // by path
+
+  // What is below the watched folder, and what the snapshot says that the reader has.
+  Listing disk() const {
+    Listing found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
+      found[entry.path()] = FSTree::GetResource(entry.path());
+    }
+    return found;
+  }
+  static Listing snapshot() {
+    Listing found;
+    for (const auto& [key, ignored] : tree().snapshot) {
+      for (const FSResourcePtr& entry : tree().GetSavedResourceList2(key).items) {
+        EXPECT_TRUE(found.emplace(entry->path, entry).second) << "twice: " << entry->path;
+      }
+    }
+    return found;
+  }
+
+  // The same as a reader keeps it, and which file each name is.
+  static Reader::Entries kept(const Listing& listing) {
+    Reader::Entries found;
+    for (const auto& [path, entry] : listing) {
+      found[path] = entry->isFolder ? Reader::kFolder : entry->modified.tv_sec;
+    }
+    return found;
+  }
+  using File = std::pair<uint64_t, uint64_t>;
+  static File file(const FSResourcePtr& entry) { return {entry->inode, entry->generation}; }
+  static std::map<std::string, File> files(const Listing& listing) {
+    std::map<std::string, File> found;
+    for (const auto& [path, entry] : listing) found[path] = file(entry);
+    return found;
+  }
+
   // A record line in short; in any other text only the paths, relative to the watched folder, which
   // is "/" itself.
   std::string shortened(std::string text) const {

@@ -1,30 +1,12 @@
-// What the tests of the event stream's parts share: the faults of the kernel that fault_test.cpp
-// puts between the project's code and the C library, and a fixture that is told in commands what
-// happens on the disk.
+// What the tests of the event stream's parts share: a fixture that is told in commands what happens
+// on the disk.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
-
-#include <climits>
-#include <functional>
 
 #include "WatchTable.h"
+#include "faults.h"
 #include "support.h"
-
-// Before "open PATH", "list PATH", "status PATH" or "watch PATH": the error number to fail with, or
-// 0.
-extern std::function<int(const std::string& call)> beforeCall;
-
-// What a read of events gets.
-struct Queue {
-  size_t size = SIZE_MAX;  // bytes at most
-  int reads = INT_MAX;     // that get something
-  bool isFull = false;     // and has lost what the next read does not get
-};
-extern Queue queue;
-
-constexpr size_t kOneEvent = sizeof(inotify_event) + 16;  // with a short name
 
 // The folders at and below the path are as many as the kernel has watches on the instance.
 inline size_t expectEveryFolderWatched(int inotify, const std::string& path) {
@@ -44,26 +26,14 @@ class ScriptTest : public testing::Test {
     queue = {};
   }
 
-  // TempFolder's commands, and:
-  //   write FILE       appends to it
-  //   link TARGET NAME makes a symbolic link
-  //   swap NAME NAME   exchanges two names
-  //   hold NAME        keeps the folder open until another is held
-  // and those of one word that the test has of its own.
+  // TempFolder's commands, "hold NAME", which keeps the folder open until another is held, and
+  // those of one word that the test has of its own.
   void run(const std::string& commands) {
     for (const std::string& command : pieces(commands, "; ")) {
-      Texts words = pieces(command);
-      words.resize(3);
-      if (words[1].empty()) {
-        act(words[0]);
-      } else if (words[0] == "write") {
-        folder.write(words[1], "x");
-      } else if (words[0] == "link") {
-        std::filesystem::create_symlink(words[1], folder / words[2]);
-      } else if (words[0] == "swap") {
-        folder.swap(words[1], words[2]);
-      } else if (words[0] == "hold") {
-        held = OpenFolder(folder / words[1]);
+      if (command.find(' ') == std::string::npos) {
+        act(command);
+      } else if (command.starts_with("hold ")) {
+        held = OpenFolder(folder / command.substr(5));
       } else {
         folder.run(command);
       }
