@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
-#include <functional>
 #include <mutex>
 
 #include "CoreServices/CoreServices.h"
@@ -18,45 +16,44 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Batch {
-  std::vector<std::string> paths;
-  std::vector<FSEventStreamEventId> ids;
-  bool isRoot = false;
-};
-
 // What the callback got, which has no other way to the test.
 struct Received {
   std::mutex lock;
-  std::condition_variable changed;
-  std::vector<Batch> batches;
-  bool isHeld = false;  // the callback waits until it is not
-  int running = 0;
-  bool endsItself = false;  // the callback takes its stream off the loop
+  std::vector<Texts> batches;  // the paths, with "!" where the root has changed
+  FSEventStreamEventId last = 0;
+  std::mutex gate;  // the callback waits while the test has it
+  std::atomic<int> running = 0;
+  std::atomic<bool> endsItself = false;  // the callback takes its stream off the loop
 };
 Received* received = nullptr;
 
 void receive(ConstFSEventStreamRef stream, void* /*info*/, size_t count, void* paths,
              const FSEventStreamEventFlags* flags, const FSEventStreamEventId* ids) {
-  std::unique_lock lock(received->lock);
   EXPECT_EQ(received->running++, 0);
-  auto* const texts = static_cast<const char**>(paths);
-  const bool isRoot = flags[0] == kFSEventStreamEventFlagRootChanged;
-  received->batches.push_back({{texts, texts + count}, {ids, ids + count}, isRoot});
-  EXPECT_EQ(std::count(flags, flags + count, isRoot ? flags[0] : 0), isRoot ? 1 : count);
-  received->changed.notify_all();
-  received->changed.wait(lock, [] { return !received->isHeld; });
+  Texts batch;
+  for (size_t i = 0; i < count; ++i) {
+    const bool isRoot = flags[i] == kFSEventStreamEventFlagRootChanged;
+    EXPECT_TRUE(isRoot ? count == 1 : flags[i] == 0);
+    EXPECT_EQ(ids[i], isRoot ? 0 : ++received->last);
+    batch.push_back(static_cast<const char**>(paths)[i] + std::string(isRoot ? "!" : ""));
+  }
+  {
+    const std::lock_guard lock(received->lock);
+    received->batches.push_back(batch);
+  }
+  const std::lock_guard waiting(received->gate);
   --received->running;
   if (received->endsItself) FSEventStreamInvalidate(const_cast<FSEventStreamRef>(stream));
 }
 
-FSEventStreamRef makeStream(const std::string& path, double latency) {
+FSEventStreamRef makeStream(const std::string& path) {
   const CFStringRef text =
       CFStringCreateWithCString(kCFAllocatorDefault, path.c_str(), kCFStringEncodingUTF8);
   const void* values[] = {text};
   const CFArrayRef paths = CFArrayCreate(kCFAllocatorDefault, values, 1, nullptr);
-  const FSEventStreamRef stream = FSEventStreamCreate(kCFAllocatorDefault, receive, nullptr, paths,
-                                                      kFSEventStreamEventIdSinceNow, latency,
-                                                      kFSEventStreamCreateFlagWatchRoot);
+  const FSEventStreamRef stream =
+      FSEventStreamCreate(kCFAllocatorDefault, receive, nullptr, paths,
+                          kFSEventStreamEventIdSinceNow, 0.01, kFSEventStreamCreateFlagWatchRoot);
   CFRelease(paths);
   CFRelease(text);
   FSEventStreamScheduleWithRunLoop(stream, CFRunLoopGetCurrent(), kCFRunLoopDefaultMode);
@@ -82,10 +79,12 @@ class StreamTest : public testing::Test {
   }
 
   // Runs a stream for the path on a thread of its own.
-  void start(const std::string& path, double latency) {
+  void start(const std::string& path) {
+    received.batches.clear();
+    received.last = seen = 0;
     std::atomic<bool> isStarted = false;
-    thread = std::thread([&, path, latency] {
-      const FSEventStreamRef stream = makeStream(path, latency);
+    thread = std::thread([&, path] {
+      const FSEventStreamRef stream = makeStream(path);
       EXPECT_TRUE(FSEventStreamStart(stream));
       loop = CFRunLoopGetCurrent();
       isStarted = true;
@@ -97,46 +96,20 @@ class StreamTest : public testing::Test {
 
   void stop() {
     if (!thread.joinable()) return;
-    hold(false);
     CFRunLoopStop(loop);
     thread.join();
-    FSEventStreamEventId last = 0;
-    for (const Batch& batch : received.batches) {
-      for (const FSEventStreamEventId id : batch.ids) EXPECT_EQ(id, batch.isRoot ? 0 : ++last);
-    }
   }
 
-  void hold(bool isHeld) {
-    const std::lock_guard lock(received.lock);
-    received.isHeld = isHeld;
-    received.changed.notify_all();
-  }
-
-  // Waits until it is there, else fails with what did arrive.
-  void await(const std::string& what, const std::function<bool()>& isThere) {
-    std::unique_lock lock(received.lock);
-    EXPECT_TRUE(received.changed.wait_for(lock, std::chrono::seconds(20), isThere))
-        << "waited for " << what << ", got: " << text();
-  }
-
-  // Waits until the path has been named since the last call.
+  // Waits until the path has been named since the last call, else fails with what did arrive.
   void awaitName(const std::string& path) {
-    await(path, [&] {
-      bool isThere = false;
-      while (!isThere && seen < received.batches.size()) {
-        isThere = std::ranges::count(received.batches[seen++].paths, path) > 0;
+    const auto isNamed = [&] {
+      const std::lock_guard lock(received.lock);
+      while (seen < received.batches.size()) {
+        if (std::ranges::count(received.batches[seen++], path) > 0) return true;
       }
-      return isThere;
-    });
-  }
-
-  std::string text() const {
-    std::string all;
-    for (const Batch& batch : received.batches) {
-      for (const std::string& path : batch.paths) all += path + (batch.isRoot ? "! " : " ");
-      all += "| ";
-    }
-    return all;
+      return false;
+    };
+    EXPECT_TRUE(comesTrue(isNamed)) << path << ": " << testing::PrintToString(received.batches);
   }
 
   TempFolder folder;
@@ -151,12 +124,10 @@ TEST_F(StreamTest, NamesFoldersBelowThePathAsGiven) {
   fs::current_path(folder / "t");
   for (const std::string& given : {folder / "t", folder / "t/", std::string("."),
                                    std::string("../t"), std::string("../t///")}) {
-    start(given, 0.01);
+    start(given);
     folder.write("t/a/f", "x");
     awaitName(given.substr(0, given.find_last_not_of('/') + 1) + "/a/");
     stop();
-    received.batches.clear();
-    seen = 0;
   }
 }
 
@@ -175,22 +146,21 @@ int unreadEvents() {
 
 TEST_F(StreamTest, DrainsTheQueueDuringACallbackAndNamesItsChangesNext) {
   folder.run("mkdir t/a; touch t/f");
-  hold(true);
-  start(folder / "t", 0.01);
+  std::unique_lock gate(received.gate);
+  start(folder / "t");
   folder.write("t/f", "x");
   awaitName(folder / "t/");
   folder.run("mkdir t/a/b/c; touch t/a/f; mv t/a/f t/g");
   EXPECT_TRUE(comesTrue([] { return unreadEvents() == 0; }));
-  await("one batch", [&] { return received.batches.size() == 1; });
-  hold(false);
+  gate.unlock();
   awaitName(folder / "t/a/b/");
   stop();
   // The callback may have read any of them half way.
-  std::vector<std::string> expected;
+  Texts expected;
   for (const char* name : {"t/a/b/c/", "t/a/b/", "t/a/", "t/"}) {
     expected.insert(expected.end(), 2, folder / name);
   }
-  EXPECT_EQ(received.batches[1].paths, expected) << text();
+  EXPECT_EQ(received.batches.at(1), expected);
 }
 
 TEST_F(StreamTest, EndsWithoutAThreadOrDescriptorLeft) {
@@ -200,7 +170,7 @@ TEST_F(StreamTest, EndsWithoutAThreadOrDescriptorLeft) {
   const size_t descriptors = entriesIn("/proc/self/fd");
   for (const bool endsItself : {false, true}) {
     received.endsItself = endsItself;
-    start(folder / "t", 0.01);
+    start(folder / "t");
     EXPECT_EQ(entriesIn("/proc/self/task"), threads + 2);
     folder.write("t/f", "x");
     awaitName(folder / "t/");
@@ -210,7 +180,7 @@ TEST_F(StreamTest, EndsWithoutAThreadOrDescriptorLeft) {
     EXPECT_TRUE(comesTrue([&] { return entriesIn("/proc/self/task") == threads; }));
   }
   CFRunLoopStop(CFRunLoopGetCurrent());
-  const FSEventStreamRef stream = makeStream(folder / "t", 0.01);
+  const FSEventStreamRef stream = makeStream(folder / "t");
   EXPECT_TRUE(FSEventStreamStart(stream));
   CFRunLoopRun();  // has been stopped before
   endStream(stream);
@@ -231,14 +201,13 @@ TEST_F(StreamTest, DoesWithOneInstanceAndFailsWithNone) {
   const pid_t child = fork();
   if (child == 0) {
     if (unshare(CLONE_NEWUSER) != 0 || !limitInstances(1)) _exit(kNotPermitted);
-    start(folder / "p/t", 0.01);
+    start(folder / "p/t");
     folder.run("mv p z");
-    await("the root's change",
-          [&] { return std::ranges::count(received.batches, true, &Batch::isRoot) > 0; });
+    awaitName(folder / "p/t!");
     stop();
     EXPECT_TRUE(limitInstances(0));
     const size_t descriptors = entriesIn("/proc/self/fd");
-    const FSEventStreamRef stream = makeStream(folder / "p/t", 0.01);
+    const FSEventStreamRef stream = makeStream(folder / "p/t");
     EXPECT_FALSE(FSEventStreamStart(stream));
     endStream(stream);
     EXPECT_EQ(entriesIn("/proc/self/fd"), descriptors);
