@@ -129,29 +129,22 @@ TEST_F(ReaderTest, VisitsFoldersWithoutAWatchAtItsWakingTimes) {
   expectEveryFolderWatched(reader->tree(), folder / "t");
 }
 
-// Each of the changes is one change of the root; a "+" before it says that there is a root then.
-struct RootCase {
-  std::string before, path;
-  std::vector<std::string> changes;
-
-  friend void PrintTo(const RootCase& test, std::ostream* out) {
-    *out << test.path;
-    for (const std::string& change : test.changes) *out << "; " << change;
-  }
-};
-
+// What is there before, the path and, one by one, changes of the root; a "+" before a change says
+// that there is a root then.
 class RootCases : public ReaderTest,
-                  public testing::WithParamInterface<std::tuple<RootCase, bool>> {};
+                  public testing::WithParamInterface<std::tuple<const char*, bool>> {};
 
 TEST_P(RootCases, AreOneEventEachAndTheNewRootIsWatched) {
-  const auto& [before, path, changes] = std::get<RootCase>(GetParam());
-  start("mkdir outside; link x to-x; link y to-y; " + before, path, std::get<bool>(GetParam()));
+  const auto& [text, isRelative] = GetParam();
+  const Texts parts = pieces(text, " | ");
+  const std::string& path = parts[1];
+  start("mkdir outside; link x to-x; link y to-y; " + parts[0], path, isRelative);
   std::string expected;
-  for (const std::string& change : changes) {
+  for (size_t i = 2; i < parts.size(); ++i) {
     run("write other; step");
-    EXPECT_FALSE(reader->NextWake()) << "before " << change;
-    const bool isThere = change.front() == '+';
-    run(change.substr(isThere ? 1 : 0) + "; cut");
+    EXPECT_FALSE(reader->NextWake()) << "before " << parts[i];
+    const bool isThere = parts[i].front() == '+';
+    run(parts[i].substr(isThere ? 1 : 0) + "; cut");
     if (isThere) run("write " + path + "/a/f; cut");
     expected += path + (isThere ? "? | " + path + "/a/ | " : "? | ");
   }
@@ -163,17 +156,14 @@ INSTANTIATE_TEST_SUITE_P(
     Root, RootCases,
     testing::Combine(
         testing::Values(
-            RootCase{"mkdir t/a", "t", {"rm t", "+mkdir t/a", "mv t u", "+mv u t"}},
-            RootCase{"mkdir t/a; mkdir u/a", "t", {"mv t v", "+mv u t", "mv t outside/t"}},
-            RootCase{
-                "", "p/q/t", {"+mkdir p/q/t/a", "rm p", "+mkdir p/q/t/a", "mv p z", "+mv z p"}},
-            RootCase{"mkdir p; mkdir z/t/a", "p/q/t", {"+mv z p/q", "rm p/q", "+mkdir p/q/t/a"}},
-            RootCase{
-                "mkdir x/t/a; mkdir y/t/a", "to-x/t", {"+mv to-y to-x", "rm y", "+mkdir y/t/a"}},
-            RootCase{"mkdir x/a; mkdir y/a", "to-x", {"+mv to-y to-x", "rm to-x", "+mkdir to-x/a"}},
-            RootCase{
-                "mkdir x/y; mkdir t/a; link x/y l", "l/../../t", {"mv t u", "+mv u t", "mv x z"}},
-            RootCase{"link m l; link l m", "l/t", {"+rm m; mkdir m/t/a", "rm l"}}),
+            "mkdir t/a | t | rm t | +mkdir t/a | mv t u | +mv u t",
+            "mkdir t/a; mkdir u/a | t | mv t v | +mv u t | mv t outside/t",
+            "mkdir outside | p/q/t | +mkdir p/q/t/a | rm p | +mkdir p/q/t/a | mv p z | +mv z p",
+            "mkdir p; mkdir z/t/a | p/q/t | +mv z p/q | rm p/q | +mkdir p/q/t/a",
+            "mkdir x/t/a; mkdir y/t/a | to-x/t | +mv to-y to-x | rm y | +mkdir y/t/a",
+            "mkdir x/a; mkdir y/a | to-x | +mv to-y to-x | rm to-x | +mkdir to-x/a",
+            "mkdir x/y; mkdir t/a; link x/y l | l/../../t | mv t u | +mv u t | mv x z",
+            "link m l; link l m | l/t | +rm m; mkdir m/t/a | rm l"),
         testing::Bool()));
 
 TEST_F(ReaderTest, RootIsTheSameAgainOrTakesWhatWasPendingWithIt) {
