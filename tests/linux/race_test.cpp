@@ -6,7 +6,6 @@
 #include <random>
 #include <set>
 
-#include "StreamExtension.h"
 #include "WatchTable.h"
 #include "faults.h"
 #include "watcher_test.h"
@@ -102,9 +101,9 @@ class RaceTest : public WatcherTest, public testing::WithParamInterface<int> {
 };
 
 // Half of the seeds read every folder in full, the others by the names that the events gave.
-bool namesOfCut(ConstFSEventStreamRef /*stream*/, size_t event, FSNames& names) {
+bool namesOfCut(ConstFSEventStreamRef /*stream*/, size_t event, FSNames& behind) {
   if (!cut.at(event).names) return false;
-  names = cut[event].names->Sorted();
+  behind = cut[event].names->Sorted();
   ++readByNames;
   return true;
 }
@@ -115,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(OnceWrong, RaceTest, testing::Values(48));
 TEST_P(RaceTest, TheReadersPictureIsTheDiskWhateverHappensDuringACallback) {
   random.seed(static_cast<unsigned>(GetParam()));
   const bool areNamesUsed = GetParam() % 2 == 0;
-  FSEventWatcher::sNamesBehind = areNamesUsed ? namesOfCut : namesBehind;
+  if (areNamesUsed) FSEventWatcher::sNamesBehind = namesOfCut;
   readByNames = 0;
   tree().fewestForNames = 0;
   watch();

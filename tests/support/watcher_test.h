@@ -10,6 +10,14 @@
 
 class WatcherTest : public testing::Test {
  protected:
+  WatcherTest() {
+    names = {};
+    FSEventWatcher::sNamesBehind = [](ConstFSEventStreamRef, size_t, FSNames& behind) {
+      behind = names;
+      return !names.empty();
+    };
+  }
+
   // Takes the snapshot of the folder as it is now.
   void watch() {
     _path = folder.path();
@@ -21,16 +29,16 @@ class WatcherTest : public testing::Test {
   // watched folder, "A/" is below it, any other name with a leading "/" is a whole path. Returns
   // the record lines in short: "create file A/x", "rename file A/f -> B/f", "scan begin", "error
   // A".
-  Texts batch(Texts names, FSEventStreamEventFlags flag = 0, FSEventStreamEventId id = 7) {
+  Texts batch(Texts folders, FSEventStreamEventFlags flag = 0, FSEventStreamEventId id = 7) {
     std::vector<const char*> paths;
-    for (std::string& name : names) {
+    for (std::string& name : folders) {
       if (name == "/") name = folder / "";
       if (name[0] != '/') name = folder / name;
       paths.push_back(name.c_str());
     }
-    const std::vector<FSEventStreamEventFlags> flags(names.size(), flag);
-    const std::vector<FSEventStreamEventId> ids(names.size(), id);
-    FSEventWatcher::FSEvents_Callback(nullptr, nullptr, names.size(), paths.data(), flags.data(),
+    const std::vector<FSEventStreamEventFlags> flags(folders.size(), flag);
+    const std::vector<FSEventStreamEventId> ids(folders.size(), id);
+    FSEventWatcher::FSEvents_Callback(nullptr, nullptr, folders.size(), paths.data(), flags.data(),
                                       ids.data());
     return records();
   }
@@ -49,11 +57,10 @@ class WatcherTest : public testing::Test {
     std::string text;
     for (const auto& [key, ignored] : tree().snapshot) {
       text += (text.empty() ? "" : " | ") + key + ":";
-      Texts names;
+      Texts paths;
       for (const auto& entry : tree().GetSavedResourceList2(key).items)
-        names.push_back(entry->path);
-      if (sort) std::sort(names.begin(), names.end());
-      for (const std::string& name : names) text += " " + name;
+        paths.push_back(entry->path);
+      for (const std::string& path : sort ? sorted(paths) : paths) text += " " + path;
     }
     return shortened(text);
   }
@@ -121,6 +128,12 @@ class WatcherTest : public testing::Test {
   static FSTree& tree() { return *FSEventWatcher::sTree; }
   static FSChangeEvents& changes() { return *FSEventWatcher::sChanges; }
 
+  static Texts sorted(Texts texts) {
+    std::ranges::sort(texts);
+    return texts;
+  }
+
+  static inline FSNames names;  // behind every event; not known while there are none
   TempFolder folder;
   FSEventWatcher watcher;
   Texts lines;
