@@ -64,6 +64,8 @@ const char* const kStories[] = {
     "rename file A/f -> A/h",
     "otherKind: rm A; touch A | A/ / | delete folder A; create file A || "
     "rm A; mkdir A; touch A/f | / | delete file A; create folder A; create file A/f",
+    "otherKindInANewFolder: mkdir N/x | N/ | create folder N/x || rm N/x; touch N/x | / | "
+    "create folder N; delete folder N/x; create file N/x",
     "outOfGoneIntoNewFolder: mkdir N; mv A/f N/f; rm A | N/ / / A/ | "
     "delete file A/f; delete folder A; create folder N; create file N/f",
 };
