@@ -2,6 +2,7 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <regex>
 #include <set>
 
 #include "layer.h"
@@ -214,7 +215,7 @@ TEST_F(FaultTest, WhatVanishesDuringAListingIsLeftOutAndWhatFailsOnceIsNot) {
   EXPECT_EQ(batch({"/"}), (Texts{"create folder O", "create folder O/M"}));
 }
 
-TEST_F(FaultTest, AScanReportsWhatMayNotBeReadAndTriesTheRestAgain) {
+TEST_F(FaultTest, AScanReportsWhatMayNotBeReadAndTriesItAgain) {
   folder.run("mkdir A; touch A/f; mkdir B; touch B/g; mkdir C; touch C/h");
   inject({{"open B", "fail"}, {"status C/h", "fail"}}, EACCES);
   watch();
@@ -227,7 +228,7 @@ TEST_F(FaultTest, AScanReportsWhatMayNotBeReadAndTriesTheRestAgain) {
 }
 
 // A failure that passes says nothing; want of permission says that nothing is there. Either is
-// tried again by itself at its own times, or when the folder's attributes change.
+// tried again by itself at its own times, or when the folder's attributes change or it moves.
 TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
   struct Case {
     std::string call;
@@ -245,8 +246,8 @@ TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
       {"open A", EACCES, "delete file A/f; delete file A/g", "create file A/g; create file A/n"},
   };
   for (const auto& [call, error, told, later] : cases) {
-    for (const bool isAttribute : {false, true}) {
-      SCOPED_TRACE(call + ": " + strerror(error));
+    for (const std::string then : {"wait", "chmod", "mv A C", "rm A"}) {
+      SCOPED_TRACE(call + ": " + strerror(error) + ", " + then);
       folder.run("mkdir A; mkdir B; touch A/f; touch A/g");
       watch();
       folder.run("touch A/n; rm A/f");
@@ -262,11 +263,20 @@ TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
       EXPECT_EQ(batch({"B/"}), Texts{});
       FSEventWatcher::RetryUnread(*next);
       EXPECT_EQ(records(), Texts{}) << "before its time";
-      if (isAttribute) chmod((folder / "A").c_str(), 0700);
-      if (!isAttribute) FSEventWatcher::RetryUnread(*next + std::chrono::seconds(2));
-      EXPECT_EQ(sorted(isAttribute ? batch({"/"}) : records()), sorted(pieces(later, "; ")));
+      std::string expected = then == "rm A" ? "delete folder A" : later;
+      if (then == "mv A C") {
+        expected = "rename folder A -> C; " + std::regex_replace(later, std::regex("A/"), "C/");
+      }
+      if (then == "wait") {
+        FSEventWatcher::RetryUnread(*next + std::chrono::seconds(2));
+      } else if (then == "chmod") {
+        chmod((folder / "A").c_str(), 0700);
+      } else {
+        folder.run(then);
+      }
+      EXPECT_EQ(sorted(then == "wait" ? records() : batch({"/"})), sorted(pieces(expected, "; ")));
       EXPECT_FALSE(tree().retries.Next());
-      folder.run("rm A");
+      for (const std::string name : {"A", "C"}) folder.tryToRun("rm " + name);
     }
   }
 }

@@ -1,12 +1,33 @@
-// What the tests of the event stream's parts share: a fixture that is told in commands what happens
-// on the disk.
+// What the tests of the event stream's parts share: the faults of the kernel, which the linker puts
+// between the project's code and the C library (layer.cpp), and a fixture that is told in commands
+// what happens on the disk.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
+
+#include <climits>
+#include <functional>
 
 #include "WatchTable.h"
-#include "faults.h"
 #include "support.h"
+
+// Before "open PATH", "list PATH", "status PATH" or "watch PATH": the error number to fail with, or
+// 0.
+extern std::function<int(const std::string& call)> beforeCall;
+extern std::function<void()> beforeOpening;  // a folder
+
+// What a read of events gets.
+struct Queue {
+  size_t size = SIZE_MAX;  // bytes at most
+  int reads = INT_MAX;     // that get something
+  bool isFull = false;     // and has lost what the next read does not get
+};
+extern Queue queue;
+
+extern bool ignoresCase;  // an entry is found by its name in the other case
+
+constexpr size_t kOneEvent = sizeof(inotify_event) + 16;  // with a short name
 
 // The folders at and below the path are as many as the kernel has watches on the instance.
 inline size_t expectEveryFolderWatched(int inotify, const std::string& path) {

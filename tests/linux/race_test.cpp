@@ -2,12 +2,10 @@
 // before each folder that the callback opens, something else may happen. Everything is stepped by
 // hand, so that a seed gives the same run again.
 
-#include <functional>
 #include <random>
 #include <set>
 
-#include "WatchTable.h"
-#include "faults.h"
+#include "layer.h"
 #include "watcher_test.h"
 
 namespace {

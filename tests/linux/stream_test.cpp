@@ -1,11 +1,9 @@
 // The event stream through its API, with its own thread and real time.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <atomic>
 #include <mutex>
 

@@ -52,13 +52,6 @@ TEST(Templates, AreFoundByExactKeyAndFilledWithTextsOfAnyLength) {
   }
 }
 
-// The sanitizers' allocators keep what is freed.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KEEPS_FREED_MEMORY
-#endif
-#endif
-
 TEST(LineQueue, FillsItsBlocksAndGivesThemBack) {
   const auto mapped = [] { return std::stoul(pieces(readFile("/proc/self/statm"))[0]); };  // pages
   const size_t before = mapped();

@@ -1,12 +1,9 @@
-#include "faults.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// What the kernel may do at the very call: it refuses, hands over events in small pieces or loses
+// them, and the disk changes under it.
+#include "layer.h"
 
 #include <array>
 #include <cstring>
-#include <filesystem>
 #include <utility>
 
 #include "Descriptor.h"
