@@ -118,6 +118,8 @@ void FSReconciliation::SameNameOtherFile(Position c, Position s) {
     MoveChain(s);
   } else if (const Position old = OldNameOf(c); old != kNone) {
     MoveChain(old);
+    // With hard links, possibly to another name than this.
+    if (!isCurrentSettled_[c]) SameNameOtherFile(c, s);
   } else if (current_.isFolder(c) != saved_.isFolder(s)) {
     Deleted(s);
     Created(c);

@@ -1,6 +1,7 @@
 // The comparison of one folder, by what it promises for anything that may happen in the folder.
 #include <random>
 
+#include "FSReconciliation.h"
 #include "watcher_test.h"
 
 namespace {
@@ -48,10 +49,12 @@ TEST_F(ReconciliationTest, ReportsEveryMoveAndReachesTheDiskInTwoPasses) {
     const Listing after = disk();
     std::string records;
     std::map<std::string, std::string> renames;
-    for (int pass = 1; pass <= 2; ++pass) {
-      FSChangeList found;
-      FSEventWatcher::PrintChangedFiles(folder / "D/", found);
-      for (const FSChangedResource& change : found) {
+    bool isLeft = true;  // a side to report
+    for (int pass = 1; isLeft; ++pass) {
+      ASSERT_LE(pass, 2) << records;
+      FSTransit transit(tree());
+      isLeft = FSReconciliation(folder / "D", tree(), transit, changes()).Run();
+      for (const FSChangedResource& change : transit.Settle()) {
         const Record record(changes().buildMessage(change, false));
         const bool isRename = record.action == "rename";
         records += shortened(changes().buildMessage(change, false)) + "; ";
