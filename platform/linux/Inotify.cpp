@@ -64,31 +64,37 @@ std::optional<Event> takeEvent(std::string_view& events) {
       event.wd, kindOf(event.mask), (event.mask & IN_ISDIR) != 0, {name, strnlen(name, event.len)}};
 }
 
-Inotify::Inotify(Interest interest)
+Inotify::Inotify(Interest interest, bool mayEnter)
     : mask_(maskFor(interest)),
+      mayEnter_(mayEnter),
       descriptor_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
-      workingFolder_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {
-  if (workingFolder_.isOpen() && fchdir(workingFolder_.number()) != 0) workingFolder_.Close();
-}
+      workingFolder_(open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
 int Inotify::Add(const OpenFolder& folder) {
-  if (const std::optional<int> watch = AddFromWithin(folder)) return *watch;
+  if (mayEnter_) {
+    if (const std::optional<int> watch = AddFromWithin(folder)) return *watch;
+  }
   const std::string path = "/proc/self/fd/" + std::to_string(folder.number());
-  return inotify_add_watch(number(), path.c_str(), mask_);
+  const int watch = inotify_add_watch(number(), path.c_str(), mask_);
+  if (watch >= 0 || errno != ENOENT) return watch;
+  return AddFromWithin(folder).value_or(-1);  // there is no /proc
 }
 
-// Enters the folder and watches it from there, which takes less than half as long as its path below
-// /proc, and works without /proc. The thread must have a working folder of its own. Nothing where
-// the folder cannot be entered.
+// Enters the folder, watches it from there and returns, in less than half of the time that its path
+// below /proc takes. The thread must have a working folder of its own. Nothing where the folder
+// cannot be entered, or not the working folder, to return to it.
 std::optional<int> Inotify::AddFromWithin(const OpenFolder& folder) {
   thread_local const bool hasOwn = unshare(CLONE_FS) == 0;
-  if (!hasOwn || !workingFolder_.isOpen() || fchdir(folder.number()) != 0) return std::nullopt;
+  if (!hasOwn || !workingFolder_.isOpen() || fchdir(workingFolder_.number()) != 0 ||
+      fchdir(folder.number()) != 0) {
+    return std::nullopt;
+  }
   const int watch = inotify_add_watch(number(), ".", mask_);
   const int error = errno;
-  // If it cannot be entered any more, no path that begins in it leads anywhere.
-  if (fchdir(workingFolder_.number()) != 0) workingFolder_.Close();
+  // Whatever becomes of the working folder, the thread must not keep a folder of the tree in use.
+  const bool hasLeft = fchdir(workingFolder_.number()) == 0 || chdir("/") == 0;
   errno = error;
-  return watch;
+  return hasLeft ? watch : -1;
 }
 
 void Inotify::Remove(int watch) { inotify_rm_watch(number(), watch); }

@@ -48,14 +48,16 @@ class Inotify {
   // the folder itself.
   enum class Interest : uint8_t { entries, names };
 
-  explicit Inotify(Interest interest);
+  // `mayEnter`: a thread may be in the folders that it watches for a moment, which is quicker. Not
+  // where paths depend on the working folder; then only without /proc.
+  Inotify(Interest interest, bool mayEnter);
 
   bool isOpen() const { return descriptor_.isOpen(); }
   int number() const { return descriptor_.number(); }
 
   // Watches the open folder, wherever its path leads meanwhile. The watch descriptor, the same as
-  // before for a folder that is watched already, or -1. The calling thread gets a working folder of
-  // its own, the same one as before.
+  // before for a folder that is watched already, or -1. The calling thread may get a working folder
+  // of its own, the one that was the process's when this was made.
   int Add(const OpenFolder& folder);
   void Remove(int watch);
 
@@ -67,6 +69,7 @@ class Inotify {
   std::optional<int> AddFromWithin(const OpenFolder& folder);
 
   const uint32_t mask_;
+  const bool mayEnter_;
   Descriptor descriptor_;
-  Descriptor workingFolder_;  // where threads return to; none if they could not
+  const Descriptor workingFolder_;  // where threads return to
 };

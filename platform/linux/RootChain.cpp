@@ -88,7 +88,7 @@ void RootChain::Watch() {
 }
 
 void RootChain::WatchSteps() {
-  if (!inotify_) inotify_.emplace(Inotify::Interest::names);
+  if (!inotify_) inotify_.emplace(Inotify::Interest::names, false);
   needsPolling_ = !inotify_->isOpen();
   for (Step& step : steps_) {
     const OpenFolder folder(step.folder, true);

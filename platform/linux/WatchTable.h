@@ -252,7 +252,7 @@ class WatchTable {
   Folder* FindUnwatched(const FileIdentity& identity) const;
 
   Root& watched_;
-  Inotify inotify_{Inotify::Interest::entries};
+  Inotify inotify_{Inotify::Interest::entries, watched_.path().starts_with('/')};
   std::string unread_;  // events read during a walk, to be applied after it
   int walked_ = 0;      // folders, of all walks
 
