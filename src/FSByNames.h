@@ -42,13 +42,15 @@ class FSByNames {
     return next ? std::optional(std::max(*next, pause_)) : std::nullopt;
   }
 
-  // Removes and returns a folder that is due at this time; nothing when none is.
+  // A folder that is due at this time; nothing when none is. Until it is removed, it has another
+  // turn later.
   std::optional<std::string> Take(Time now) {
     if (now < pause_) return std::nullopt;
-    for (const auto& [folder, use] : uses_) {
+    for (auto& [folder, use] : uses_) {
       if (now < Due(use)) continue;
+      use.first = use.last = now;
       pause_ = now + use.entries * kPausePerEntry;
-      return uses_.extract(uses_.find(folder)).key();
+      return folder;
     }
     return std::nullopt;
   }
