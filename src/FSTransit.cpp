@@ -216,25 +216,31 @@ FSChangeList FSTransit::Settle() {
 
 std::vector<std::string> FSTransit::Check() {
   FSTree::Replaced replaced;
-  std::vector<std::string> empty;  // unknown and gone
+  CompareWithSnapshot(replaced);
+  DoubtReplaced(replaced);
+  TakeOver();
+  Clear();
+  return NextPass();
+}
+
+void FSTransit::CompareWithSnapshot(FSTree::Replaced& replaced) {
   for (auto* folders : {&own_, &detached_}) {
     for (auto& [key, own] : *folders) {
-      if (!own.isFound || !tree_.Has(key)) continue;
+      if (FindRead(key) != &own || !tree_.Has(key)) continue;
       const bool agrees = tree_.Agrees(key, own.listing->entries(), replaced);
       if (agrees && isReadable(own.look.reading) && !tree_.IsUnknown(key)) {
-        own.isTakenOver = true;
+        own.outcome = Outcome::agrees;
       } else if (agrees && own.look.reading == FSReading::absent && tree_.IsUnknown(key)) {
-        empty.push_back(key);
+        own.outcome = Outcome::unknownAndGone;
       } else if (!agrees && isReadable(own.look.reading)) {
         tree_.doubt.insert(key);
       }
     }
   }
-  std::vector<std::string> agreeingOnSome;
-  for (const auto& [key, some] : some_) {
+  for (auto& [key, some] : some_) {
     if (!tree_.Has(key)) continue;
     if (tree_.AgreesOn(key, some.names, some.entries->entries(), replaced)) {
-      agreeingOnSome.push_back(key);
+      some.outcome = Outcome::agrees;
     } else {
       tree_.doubt.insert(key);
     }
@@ -244,46 +250,58 @@ std::vector<std::string> FSTransit::Check() {
   for (const std::string& key : compared_) {
     if (FindLook(key) == nullptr && tree_.Has(key)) tree_.doubt.insert(key);
   }
-  // Another folder is in the place of a known one. Unless it has been read itself, it is compared
-  // with the next events, which name it if it differs.
+}
+
+// Another folder is in the place of a known one. Unless it has been read itself, it is compared
+// with the next events, which name it if it differs.
+void FSTransit::DoubtReplaced(const FSTree::Replaced& replaced) {
   for (const auto& [key, identity] : replaced) {
     const FSLook* const look = FindLook(key);
     if (look != nullptr && look->folder == identity) continue;
-    for (auto* folders : {&own_, &detached_}) {
-      if (const auto own = folders->find(key); own != folders->end()) {
-        own->second.isTakenOver = false;
-      }
+    if (Own* const own = FindRead(key)) own->outcome = Outcome::none;
+    if (const auto some = some_.find(key); some != some_.end()) {
+      some->second.outcome = Outcome::none;
     }
-    std::erase(agreeingOnSome, key);
     if (!Utility::isAllowedPath(key + "/")) continue;
     tree_.doubt.insert(key);
     waiting_.insert(key);
   }
-  for (const auto* folders : {&detached_, &own_}) {
+}
+
+void FSTransit::TakeOver() {
+  for (const auto* folders : {&own_, &detached_}) {
     for (const auto& [key, own] : *folders) {
-      if (!own.isTakenOver) continue;
+      if (own.outcome != Outcome::agrees) continue;
       tree_.doubt.erase(key);
       tree_.SetListing(key, own.listing, own.look.identity());
     }
   }
-  for (const std::string& key : agreeingOnSome) {
+  for (const auto& [key, some] : some_) {
+    if (some.outcome != Outcome::agrees) continue;
     tree_.doubt.erase(key);
-    const Some& some = some_.at(key);
     tree_.SetEntries(key, some.entries->entries(), some.look.isReported);
   }
   tree_.FinishDrafts();
-  for (const std::string& key : empty) tree_.Forget(key);
-  Clear();
-  return NextPass();
+  for (const auto* folders : {&own_, &detached_}) {
+    for (const auto& [key, own] : *folders) {
+      if (own.outcome == Outcome::unknownAndGone) tree_.Forget(key);
+    }
+  }
 }
 
-// The result of reading the folder that is at the path; null when it has not been read in this
-// pass.
-const FSLook* FSTransit::FindLook(const std::string& key) const {
-  for (const auto* folders : {&own_, &detached_}) {
+// What a reading of the whole folder in this pass has found; null when there was none.
+FSTransit::Own* FSTransit::FindRead(const std::string& key) {
+  for (auto* folders : {&own_, &detached_}) {
     const auto found = folders->find(key);
-    if (found != folders->end() && found->second.isFound) return &found->second.look;
+    if (found != folders->end() && found->second.isFound) return &found->second;
   }
+  return nullptr;
+}
+
+// The result of reading the folder that is at the path, or names of it; null when it has not been
+// read in this pass.
+const FSLook* FSTransit::FindLook(const std::string& key) {
+  if (const Own* const own = FindRead(key)) return &own->look;
   const auto found = some_.find(key);
   return found == some_.end() ? nullptr : &found->second.look;
 }

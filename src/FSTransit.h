@@ -93,11 +93,14 @@ class FSTransit {
   std::vector<std::string> Check();
 
  private:
+  // What Check finds out about a listing: whether the snapshot agrees.
+  enum class Outcome : uint8_t { none, agrees, unknownAndGone };
+
   struct Own {
     FSListingPtr listing;
     bool isFound = false;  // compared or scanned at this path
     FSLook look = {FSReading::whole, {}};
-    bool isTakenOver = false;  // the snapshot agrees; see Check
+    Outcome outcome = Outcome::none;
   };
 
   // The result of comparing some names of a folder.
@@ -105,13 +108,18 @@ class FSTransit {
     FSNames names;
     FSListingPtr entries;
     FSLook look;
+    Outcome outcome = Outcome::none;
   };
 
   std::optional<std::string> PlaceOf(const std::string& key) const;
   bool IsListedFolder(const std::string& key);
   void MakeWhole(const std::string& key);
   void Doubt(const std::string& place, const std::string& key, FSReading reading);
-  const FSLook* FindLook(const std::string& key) const;
+  void CompareWithSnapshot(FSTree::Replaced& replaced);
+  void DoubtReplaced(const FSTree::Replaced& replaced);
+  void TakeOver();
+  Own* FindRead(const std::string& key);
+  const FSLook* FindLook(const std::string& key);
   std::vector<std::string> NextPass();
 
   FSTree& tree_;
