@@ -14,6 +14,7 @@ const LONGEST_PATH = 4096;
 const PAUSE = 0.1; // seconds; the tool writes up to 3,000 lines in one go and then waits for one second
 const MOST_IN_BATCH = 10000;
 const CLOCK_LAG = 0.1; // seconds; the times of files come from a clock that may be late
+const STILL = 5; // seconds without a record; the moves that were made before have been reported by then
 
 const wallClock = () => Date.now() / 1000;
 
@@ -49,6 +50,8 @@ export class Follower {
   #wasLate = false; // the rest has been read as all that comes
   #isMoving = false; // something happened since the last settled
   #looks = new Map(); // entries by the second that has to be over
+  #moving = []; // with that second, entries whose folders may have moved
+  #nextTry = 0; // at these
   #folder = null; // of the sync record before: its encoded path and its entry
   #folderPath = '';
 
@@ -63,6 +66,7 @@ export class Follower {
     const isOpen = this.rest.startsWith(ERROR) && !this.#wasLate;
     if (isOpen || this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
     if (this.#looks.size > 0) waits.push(Math.min(...this.#looks.keys()) + 1 + CLOCK_LAG - wallClock());
+    if (this.#moving.length > 0) waits.push(this.#nextTry - now);
     if (this.#isMoving) waits.push(this.#heard + this.quiet - now);
     return waits.length > 0 ? Math.max(Math.min(...waits), 0) : null;
   }
@@ -83,6 +87,9 @@ export class Follower {
       if (second > due) continue;
       this.#looks.delete(second);
       for (const entry of entries) this.#lookAgain(entry, second, now);
+    }
+    if (this.#moving.length > 0 && now >= this.#nextTry) {
+      for (const [entry, second] of this.#moving.splice(0)) this.#lookAgain(entry, second, now);
     }
     if (this.#isMoving && this.#batch.length === 0 && this.#looks.size === 0 && now - this.#heard >= this.quiet) {
       this.#isMoving = false;
@@ -226,6 +233,7 @@ export class Follower {
     this.#endBatch();
     this.picture.clear();
     this.#looks.clear();
+    this.#moving = [];
     this.#folder = null;
     if (!this.isReady) return;
     this.isReady = false;
@@ -246,13 +254,23 @@ export class Follower {
   #lookAgain(entry, second, now) {
     const path = this.picture.pathOf(entry);
     if (path === null || entry.modified !== second) return;
+    const base = Buffer.from(path.startsWith('/') ? '' : `${resolve(this.#base)}/`);
+    const statusOf = (name) => lstatSync(Buffer.concat([base, Buffer.from(name, 'latin1')]), { bigint: true });
     let status;
+    let isThere = false;
     try {
-      const base = Buffer.from(path.startsWith('/') ? '' : `${resolve(this.#base)}/`);
-      status = lstatSync(Buffer.concat([base, Buffer.from(path, 'latin1')]), { bigint: true });
+      const above = whole(String(statusOf(path.slice(0, path.lastIndexOf('/')) || '/').ino));
+      status = statusOf(path);
+      isThere = !entry.parent?.isReported || above === entry.parent.inode;
     } catch {
+      status = undefined;
+    }
+    if (!isThere && now - this.#heard < STILL) {
+      this.#moving.push([entry, second]);
+      this.#nextTry = now + 1;
       return;
     }
+    if (!status) return;
     const seen = {
       inode: whole(String(status.ino)),
       modified: Number(status.mtimeNs / 1_000_000_000n),

@@ -24,6 +24,7 @@ LONGEST_PATH = 4096
 PAUSE = 0.1  # seconds; the tool writes up to 3,000 lines in one go and then waits for one second
 MOST_IN_BATCH = 10000
 CLOCK_LAG = 0.1  # seconds; the times of files come from a clock that may be late
+STILL = 5  # seconds without a record; the moves that were made before have been reported by then
 
 
 @dataclass(frozen=True)
@@ -88,6 +89,8 @@ class Follower(Generic[AnyStr]):
         self._was_late = False  # the rest has been read as all that comes
         self._is_moving = False  # something happened since the last Settled
         self._looks: Dict[int, List[Entry]] = {}  # by the second that has to be over
+        self._moving: List[Tuple[Entry, int]] = []  # with that second; their folders may have moved
+        self._next_try = 0.0  # at these
         self._folder: Tuple[Optional[bytes], Optional[Entry]] = (None, None)  # of the sync record before
 
     # When something is to be done although nothing comes, as seconds from now.
@@ -98,6 +101,8 @@ class Follower(Generic[AnyStr]):
             waits.append(self._heard + PAUSE - now)
         if self._looks:
             waits.append(min(self._looks) + 1 + CLOCK_LAG - time.time())
+        if self._moving:
+            waits.append(self._next_try - now)
         if self._is_moving:
             waits.append(self._heard + self.quiet - now)
         return max(min(waits), 0) if waits else None
@@ -112,6 +117,10 @@ class Follower(Generic[AnyStr]):
         due = time.time() - 1 - CLOCK_LAG
         for second in [second for second in self._looks if second <= due]:
             for entry in self._looks.pop(second):
+                self._look_again(entry, second, now)
+        if self._moving and now >= self._next_try:
+            again, self._moving = self._moving, []
+            for entry, second in again:
                 self._look_again(entry, second, now)
         if self._is_moving and not self._batch and not self._looks and now - self._heard >= self.quiet:
             self._is_moving = False
@@ -255,6 +264,7 @@ class Follower(Generic[AnyStr]):
         self._end_batch()
         self.picture.clear()
         self._looks.clear()
+        self._moving.clear()
         self._folder = (None, None)
         if self.is_ready:
             self.is_ready, self._is_moving = False, True
@@ -272,9 +282,16 @@ class Follower(Generic[AnyStr]):
         path = self.picture.path_of(entry)
         if path is None or entry.modified != second:
             return
+        path_now = os.path.join(self._base, path)
         try:
-            status = os.lstat(os.path.join(self._base, path))
+            above, status = os.lstat(os.path.dirname(path_now)), os.lstat(path_now)
         except OSError:
+            above = status = None
+        if (above is None or above.st_ino != _inode_above(entry, above)) and now - self._heard < STILL:
+            self._moving.append((entry, second))
+            self._next_try = now + 1
+            return
+        if status is None:
             return
         seen = Attributes(status.st_ino, status.st_mtime_ns // 10**9, status.st_ctime_ns // 10**9, status.st_size)
         if stat.S_ISDIR(status.st_mode) or (seen.inode, seen.modified, seen.size) == (
@@ -284,6 +301,12 @@ class Follower(Generic[AnyStr]):
         assert parts is not None
         self._heard = now
         self._change("change", False, parts, None, seen)
+
+
+def _inode_above(entry: Entry, seen: os.stat_result) -> int:
+    """Of the folder that has the entry; where it has not been reported, what has been seen."""
+    parent = entry.parent
+    return parent.inode if parent is not None and parent.is_reported else seen.st_ino
 
 
 class Gathering(Generic[AnyStr]):
