@@ -51,10 +51,6 @@ class FSChangeEvents {
   // is running.
   void StopThrow();
 
-  // Change records offered for inspection; the tool itself adds none. Null past the end.
-  int Count() const { return changeCount; }
-  const FSChangedResource* Get(unsigned int index) const;
-
   // The record's line; empty for an action that has no template for this kind. Any thread.
   std::string buildMessage(const FSChangedResource& record, bool doEncode) const;
   std::string encode(const std::string& text, bool doEncode) const;
@@ -63,15 +59,10 @@ class FSChangeEvents {
   // that cannot be opened loses the line silently. One thread at a time.
   void dolog(const std::string& text);
 
-  // Sets the log's switch and file name; opens nothing.
-  void logToFile(bool enable, const std::string& fileName);
-
   // Filled by the constructor, then only read.
   std::unique_ptr<FSEventsTree> templates;
 
-  FSChangeList changeList;
   FSLineQueue outputLines GUARDED_BY(outputLock);
-  int32_t changeCount = 0;
   std::thread emitter;
   uint64_t linesWritten = 0;  // emitter thread only
   Mutex outputLock;
@@ -82,6 +73,17 @@ class FSChangeEvents {
   bool encodeOutput = false;
   bool logging = false;
   std::string logFile;
+
+  // ---- For programs that use the queue as a library. The tool itself uses none of these.
+
+  // Change records offered for inspection. Null past the end.
+  int Count() const { return changeCount; }
+  const FSChangedResource* Get(unsigned int index) const;
+  FSChangeList changeList;
+  int32_t changeCount = 0;
+
+  // Sets the log's switch and file name; opens nothing.
+  void logToFile(bool enable, const std::string& fileName);
 
  private:
   std::string BuildMessage(std::string_view action, const FSResource& resource,

@@ -43,19 +43,10 @@ class FSEventWatcher {
                                 const char* const* paths, const FSEventStreamEventFlags* flags,
                                 const FSEventStreamEventId* ids) EXCLUDES(mainlock);
 
-  // Compares the folder, named with its final "/", with the snapshot, appends a record to the batch
-  // for each difference and brings the snapshot up to date, without emitting anything. Where
-  // entries both disappeared and appeared, only one side is reported, the larger one, or what
-  // disappeared when they are equal; a second call reports the other.
-  static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
-
   // Has the folders compared again whose retry time has come: those that could not be read, or of
   // which only names were examined. The stream is asked to name them; where it cannot, they are
   // compared at once, and what differs is turned into records.
   static void RetryUnread(std::chrono::steady_clock::time_point now) EXCLUDES(mainlock);
-
-  // The position of the first record in the list with the record's inode, or -1.
-  static int32_t IndexOfByINode(const FSChangedResource& record, const FSChangeList& list);
 
   FSEventStreamRef eventStream = nullptr;
 
@@ -66,6 +57,17 @@ class FSEventWatcher {
   // The two objects that the process shares; null until a watcher is made.
   static FSTree* sTree;
   static FSChangeEvents* sChanges;
+
+  // ---- For programs that use the watcher as a library. The tool itself uses none of these.
+
+  // Compares the folder, named with its final "/", with the snapshot, appends a record to the batch
+  // for each difference and brings the snapshot up to date, without emitting anything. Where
+  // entries both disappeared and appeared, only one side is reported, the larger one, or what
+  // disappeared when they are equal; a second call reports the other.
+  static void PrintChangedFiles(const std::string& folder, FSChangeList& batch) EXCLUDES(mainlock);
+
+  // The position of the first record in the list with the record's inode, or -1.
+  static int32_t IndexOfByINode(const FSChangedResource& record, const FSChangeList& list);
 
  private:
   static void EmitAndCheck(FSTransit& transit) EXCLUDES(mainlock);

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kMostlyEnough = 512;  // bytes of a record
+constexpr size_t kMostRecords = 512;  // bytes, enough for most of them
 
 struct Free {
   void operator()(char* memory) const { std::free(memory); }
@@ -28,7 +28,7 @@ const std::string& FSEventsTree::Get(std::string_view key) const {
 }
 
 std::string FSEventsTree::buildString(const char* format, ...) {
-  char inPlace[kMostlyEnough];
+  char inPlace[kMostRecords];
   std::unique_ptr<char, Free> grown;
   char* buffer = inPlace;
   size_t size = sizeof inPlace;
@@ -53,7 +53,7 @@ std::string FSEventsTree::buildString(const char* format, ...) {
 std::string FSEventsTree::Replace(std::string_view text,
                                   std::initializer_list<const char*> values) {
   std::string filled;
-  filled.reserve(kMostlyEnough);
+  filled.reserve(kMostRecords);
   for (const char* const value : values) {
     const size_t conversion = text.find('%');
     if (conversion == std::string_view::npos) break;

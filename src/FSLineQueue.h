@@ -44,7 +44,7 @@ class FSLineQueue {
     return {block.text.get() + block.begin, block.ends[last] - block.begin};
   }
 
-  // So many bytes of Front have been written. The lines that are complete by now leave the queue.
+  // So many bytes of Front have been written. The lines that are complete then leave the queue.
   // Returns how many.
   size_t Consume(size_t bytes) {
     if (bytes == 0) return 0;

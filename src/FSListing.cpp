@@ -6,9 +6,9 @@
 
 namespace {
 
-constexpr size_t kMostKept = 4096;    // entries that a builder keeps room for
-constexpr size_t kMostlyEnough = 16;  // entries that it has room for at first,
-constexpr size_t kNameSize = 24;      // and of each name
+constexpr size_t kMostRoomKept = 4096;  // entries that a builder keeps room for
+constexpr size_t kFirstRoom = 16;       // entries that it has room for at first,
+constexpr size_t kNameSize = 24;        // and of each name
 
 // Inode numbers are often consecutive and often multiples; multiplying spreads both over the
 // buckets.
@@ -78,9 +78,9 @@ const FSListingPtr& emptyListing() {
 
 void FSListingBuilder::Add(std::string_view name, const FileStatus& status) {
   if (fixed_.capacity() == 0) {
-    fixed_.reserve(kMostlyEnough);
-    ends_.reserve(kMostlyEnough);
-    names_.reserve(kMostlyEnough * kNameSize);
+    fixed_.reserve(kFirstRoom);
+    ends_.reserve(kFirstRoom);
+    names_.reserve(kFirstRoom * kNameSize);
   }
   names_ += name;
   ends_.push_back(static_cast<uint32_t>(names_.size()) |
@@ -118,7 +118,7 @@ FSListingPtr FSListingBuilder::Finish() const {
 }
 
 void FSListingBuilder::Clear() {
-  if (fixed_.capacity() > kMostKept) *this = FSListingBuilder();
+  if (fixed_.capacity() > kMostRoomKept) *this = FSListingBuilder();
   fixed_.clear();
   ends_.clear();
   names_.clear();

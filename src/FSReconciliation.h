@@ -1,5 +1,6 @@
 // One comparison of one folder: what it holds now against what has been reported of it. The
-// callback makes one for each named folder, under mainlock, on the main thread.
+// callback makes one for each named folder, under mainlock, on the main thread. Renames within the
+// folder are found here, moves between folders in FSChangeBatch.
 //
 // The larger listing is walked (the saved one when they are equal), so that either the gains or the
 // losses are reported; entries with another name and changed files are reported in both cases. A

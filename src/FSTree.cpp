@@ -11,7 +11,8 @@
 
 namespace {
 
-constexpr size_t kMostKept = 8;  // drafts that are kept, each with an index of the folder's names
+constexpr size_t kMostDraftsKept =
+    8;  // drafts that are kept, each with an index of the folder's names
 
 bool areEqual(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -320,7 +321,7 @@ void FSTree::FinishDrafts() {
       kept_.push_back(folder);
     }
   }
-  while (kept_.size() > kMostKept) Finish(*kept_.front());
+  while (kept_.size() > kMostDraftsKept) Finish(*kept_.front());
 }
 
 void FSTree::NoteReading(const std::string& key, FSReading reading) {

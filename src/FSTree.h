@@ -257,7 +257,8 @@ class FSTree {
   bool showAll = false;
   std::vector<std::string> prohibitedSuffixes;
   std::string rootPath;  // as passed to InitWithPath, without a final "/"
-  Snapshot snapshot;     // by folder path; listings change under treeMutex
+  Snapshot snapshot;     // by folder path; only the tree's own operations change it, listings
+                         // under treeMutex
   Mutex treeMutex;
 
  private:

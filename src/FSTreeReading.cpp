@@ -14,6 +14,9 @@
 
 namespace {
 
+// What the tool ignores: entries of this name, and files with these endings. (The folders that it
+// stays out of: Utility::isAllowedPath.)
+constexpr std::string_view kIgnoredName = ".DS_Store";
 constexpr const char* kProhibitedSuffixes[] = {".tmp",
                                                ".temp",
                                                ".log",
@@ -43,10 +46,17 @@ constexpr const char* kProhibitedSuffixes[] = {".tmp",
                                                ".TemporaryItems",
                                                ".tmt"};
 
-// The name with the case of its ASCII letters changed.
-std::string inOtherCase(std::string name) {
+bool isLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+
+// The name with the case of its ASCII letters changed; nothing where it has none, but others, whose
+// case this does not know.
+std::optional<std::string> inOtherCase(std::string name) {
+  const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+  if (std::ranges::none_of(name, isLetter) && !std::ranges::all_of(name, isAscii)) {
+    return std::nullopt;
+  }
   for (char& c : name) {
-    if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')) c ^= 'a' ^ 'A';
+    if (isLetter(c)) c ^= 'a' ^ 'A';
   }
   return name;
 }
@@ -69,7 +79,7 @@ void FSTree::SetProhibitedSuffixes() {
 }
 
 bool FSTree::isProhibited(std::string_view path) const {
-  // Most names have no dot, which is found out most quickly from the front.
+  // Many names have no dot, which is found out most quickly from the front.
   if (path.empty() || std::memchr(path.data(), '.', path.size()) == nullptr) return false;
   const size_t dot = path.rfind('.');
   return std::find(prohibitedSuffixes.begin(), prohibitedSuffixes.end(), path.substr(dot)) !=
@@ -100,7 +110,7 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
   std::set<std::string, std::less<>> unreadNames;
   const bool isListed = eachEntry(folder.number(), [&](const auto& entry) {
     const std::string_view name = entry.d_name;
-    if (name == ".DS_Store") return;
+    if (name == kIgnoredName) return;
     if (path.size() + 1 + name.size() >= PATH_MAX) return;
     const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
     if (!status) {
@@ -141,14 +151,16 @@ std::optional<FSTree::Named> FSTree::ReadNames(const std::string& key, const FSN
   FSListingBuilder saved, current;
   for (const std::string& name : names) {
     if (const auto status = DraftOf(found->second).Find(name)) saved.Add(name, *status);
-    if (name == ".DS_Store" || key.size() + 1 + name.size() >= PATH_MAX) continue;
+    if (name == kIgnoredName || key.size() + 1 + name.size() >= PATH_MAX) continue;
     const std::optional<FileStatus> status = readStatus(folder.number(), name.c_str());
     if (!status && failureOf(errno) != Failure::absent) return std::nullopt;
     if (!status || (!status->isFolder && isProhibited(name))) continue;
     // The file system may not distinguish capital letters from small ones: then this name can find
     // an entry whose name is written in another way.
-    if (const std::string otherName = inOtherCase(name); otherName != name) {
-      const std::optional<FileStatus> other = readStatus(folder.number(), otherName.c_str());
+    const std::optional<std::string> otherName = inOtherCase(name);
+    if (!otherName) return std::nullopt;
+    if (*otherName != name) {
+      const std::optional<FileStatus> other = readStatus(folder.number(), otherName->c_str());
       if (other && other->identity == status->identity) return std::nullopt;
     }
     current.Add(name, *status);

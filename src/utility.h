@@ -24,6 +24,8 @@ std::string urlEncode(const std::string& text);
 // "%" and the two lowercase hexadecimal digits of the byte.
 std::string charToHex(unsigned char byte);
 
+// ---- For programs that use the functions as a library. The tool itself uses none of these.
+
 // Undoes urlEncode. Throws std::runtime_error("stream decode failure") for an escape without a
 // digit.
 std::string urlDecode(const std::string& text);

@@ -1,10 +1,10 @@
 // FSEventStream on inotify: the API, the thread that runs the reader, its waiting, and the
 // hand-over of batches to the run loop. Reader.h says what a batch promises.
 //
-// The reader thread sets the watches as soon as the stream is made, beside whatever its maker does
-// before starting it; Start waits for them. It takes in events at all times, hands a batch over
-// when the reader gives one, and signals the run loop, whose thread calls the callback. No lock is
-// held meanwhile, and none while the reader asks the kernel. The root's batch has the event ID 0.
+// Until the stream is started, the thread that made it has folders watched (watchFolder). Then the
+// reader thread takes in events at all times, hands a batch over when the reader gives one, and
+// signals the run loop, whose thread calls the callback. No lock is held meanwhile, and none while
+// the reader asks the kernel. The root's batch has the event ID 0.
 
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -4,34 +4,34 @@
 
 namespace {
 
-constexpr size_t kMostOfOne = 8192;    // names of one folder's entries that are kept,
-constexpr size_t kMostKept = 1 << 15;  // and of all folders' together, repeated ones included
+constexpr size_t kMostOfOne = 8192;         // names of one folder's entries that are kept,
+constexpr size_t kMostNamesKept = 1 << 15;  // and of all folders' together, repeated ones included
 
 constexpr uint32_t kMostHeldBack = 3;  // batches
 
 std::string withFinalSlash(std::string path) { return path == "/" ? path : std::move(path += '/'); }
 
 // One folder to name, once or twice in a row.
-struct Mention {
+struct Naming {
   std::string path;
   bool isTwice;
   std::shared_ptr<const EntryNames> names;
 };
 
 // Parents come before children when paths sort by bytes, because every path ends with "/".
-void appendSorted(std::vector<Mention>& mentions, FSEventStreamEventFlags flags,
+void appendSorted(std::vector<Naming>& namings, FSEventStreamEventFlags flags,
                   std::vector<NamedFolder>& batch) {
-  std::sort(mentions.begin(), mentions.end(),
-            [](const Mention& a, const Mention& b) { return a.path < b.path; });
-  for (Mention& mention : mentions) {
-    if (mention.isTwice) batch.push_back({mention.path, flags, mention.names});
-    batch.push_back({std::move(mention.path), flags, std::move(mention.names)});
+  std::sort(namings.begin(), namings.end(),
+            [](const Naming& a, const Naming& b) { return a.path < b.path; });
+  for (Naming& naming : namings) {
+    if (naming.isTwice) batch.push_back({naming.path, flags, naming.names});
+    batch.push_back({std::move(naming.path), flags, std::move(naming.names)});
   }
 }
 
 // The callback is to meet the folders that gained entries first. It goes from the last event to the
 // first.
-std::vector<NamedFolder> inBatchOrder(std::vector<Mention>& gaining, std::vector<Mention>& others,
+std::vector<NamedFolder> inBatchOrder(std::vector<Naming>& gaining, std::vector<Naming>& others,
                                       FSEventStreamEventFlags flags) {
   std::vector<NamedFolder> batch;
   appendSorted(gaining, flags, batch);
@@ -244,7 +244,7 @@ void WatchTable::MarkEntry(Folder& folder, uint8_t marks, std::string_view name)
   const bool isFull = names.count() > 2 * kMostOfOne;
   if (isFull) names.Compact();
   namesKept_ += names.count();
-  if ((isFull && names.count() > kMostOfOne) || namesKept_ > kMostKept) ForgetNames(folder);
+  if ((isFull && names.count() > kMostOfOne) || namesKept_ > kMostNamesKept) ForgetNames(folder);
 }
 
 void WatchTable::ForgetNames(Folder& folder) {
@@ -350,8 +350,8 @@ std::vector<NamedFolder> WatchTable::Cut() {
     for (Folder* folder : delivery_.TakeUnsettled()) MarkFolder(*folder, kLost | kGained);
   }
   KnownFolders named;
-  std::vector<Mention> gaining;
-  std::vector<Mention> others;
+  std::vector<Naming> gaining;
+  std::vector<Naming> others;
   KnownFolders heldBack;
   for (Folder* folder : marked_) {
     if (!IsHeldBack(*folder)) continue;

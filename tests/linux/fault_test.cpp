@@ -16,7 +16,7 @@ using Names = std::set<std::string>;
 using Faults = std::map<std::string, std::string>;  // by call: "fail", "fail once", or what is done
                                                     // before, once
 
-// The table's folder is "t"; what stands beside it is outside.
+// The table's folder is "t"; what is beside it is outside.
 class FaultTest : public WatcherTest {
  protected:
   ~FaultTest() override {
@@ -119,7 +119,7 @@ TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
   }
 }
 
-// The disk changes, or no descriptor is to be had, while the table looks at what has changed, or,
+// The disk changes, or no descriptor is left, while the table looks at what has changed, or,
 // without a change, at everything.
 TEST_F(FaultTest, EndsInStepWithTheDisk) {
   const std::pair<std::string, Faults> cases[] = {
@@ -241,7 +241,7 @@ TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
   struct Case {
     std::string call;
     int error;
-    std::string told, later;
+    std::string reported, later;
   };
   const Case cases[] = {
       {"open A", EMFILE, "", "delete file A/f; create file A/n"},
@@ -253,14 +253,14 @@ TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
        "create file A/g"},
       {"open A", EACCES, "delete file A/f; delete file A/g", "create file A/g; create file A/n"},
   };
-  for (const auto& [call, error, told, later] : cases) {
+  for (const auto& [call, error, reported, later] : cases) {
     for (const std::string then : {"wait", "chmod", "mv A C", "rm A"}) {
       SCOPED_TRACE(call + ": " + strerror(error) + ", " + then);
       folder.run("mkdir A; mkdir B; touch A/f; touch A/g");
       watch();
       folder.run("touch A/n; rm A/f");
       inject({{call, "fail"}}, error);
-      EXPECT_EQ(sorted(batch({"A/", "A/"})), sorted(pieces(told, "; ")));
+      EXPECT_EQ(sorted(batch({"A/", "A/"})), sorted(pieces(reported, "; ")));
       EXPECT_GT(injected, 0);
       const auto next = tree().retries.Next();
       ASSERT_TRUE(next);

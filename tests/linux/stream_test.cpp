@@ -213,7 +213,7 @@ TEST_F(StreamTest, DoesWithOneInstanceAndFailsWithNone) {
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
-  if (WEXITSTATUS(status) == kNotPermitted) GTEST_SKIP() << "no user namespace to be had";
+  if (WEXITSTATUS(status) == kNotPermitted) GTEST_SKIP() << "there is no user namespace";
   EXPECT_EQ(status, 0);
 }
 

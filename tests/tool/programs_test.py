@@ -220,7 +220,7 @@ def copy_tree(place):
         place.expect(left, follow)
     watching = Tool(place.tool, place.path("folder"))
     place.run("mkdir folder/made; echo >folder/made/file")  # and a move once they are reported
-    place.expect("told", lambda: any(change.path.endswith(b"/made/file") for change in watching.changes))
+    place.expect("reported", lambda: any(change.path.endswith(b"/made/file") for change in watching.changes))
     place.run("mv folder/made folder/moved")
     place.expect(left, follow)
     before = tree("copy")

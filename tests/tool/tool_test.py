@@ -45,7 +45,7 @@ class PipedTool(Piped):
         expect("standard error", self.errors.read(), b"")
 
     def must_watch(self):
-        """Waits until the tool watches something. What changes before the stream exists is not told."""
+        """Waits until the tool watches something. What changes before the stream exists is not reported."""
         expect("watches", comes_true(lambda: watches(self.process.pid)), True)
 
     def unread(self):
@@ -79,7 +79,7 @@ class Case(Place):
         return self.coded(self.root + name[1:])
 
     def line(self, record):
-        """The line of a record told as "create file w/a", "rename folder w/a -> w/b" or "scan begin". A record of
+        """The line of a record, as "create file w/a", "rename folder w/a -> w/b" or "scan begin". A record of
         something gone has the values that the last line about the name had."""
         action, kind, *names = record.split(" ")
         if action == "scan":
@@ -170,7 +170,7 @@ def log(case):
 
 
 def changes(case):
-    """Each told by its line."""
+    """Each has its line."""
     case.run("mkdir -p w/A w/B/sub in/n; touch w/A/f in/n/m")
     for known in ("sync folder w/A", "sync folder w/B", "sync file w/A/f"):
         case.line(known)
@@ -270,7 +270,7 @@ def output_refuses(case):
 
 
 def refused_folder(case):
-    """Below /var nothing is told, but by a relative path."""
+    """Below /var nothing is reported, but by a relative path."""
     case.base = case.enter_context(tempfile.TemporaryDirectory(prefix=b"dirwarden-", dir=b"/var/tmp"))
     case.run("mkdir w; touch w/file")
     folder = os.fsdecode(case.base)
@@ -279,8 +279,8 @@ def refused_folder(case):
         expect("at the start", tool.take(len(wanted)), wanted)
         tool.must_watch()
         case.run("mkdir w/new")
-        # Nothing can be waited for; a change that is told comes within a second and a half.
-        expect("told", tool.take(1, 2.5), [])
+        # Nothing can be waited for; a change that is reported comes within a second and a half.
+        expect("reported", tool.take(1, 2.5), [])
     case.root = "."
     with PipedTool(case, ["."]) as tool:
         expect("lines", len(tool.take(10)), 10)
@@ -311,7 +311,7 @@ def little_memory(case):
 
 
 def cannot_watch(case):
-    """No instance of the kernel's events is to be had: an end in order, at any point of the start."""
+    """The kernel gives no inotify instance: an end in order, at any point of the start."""
     limited = ["unshare", "-U", "-r", "sh", "-c",
                f'echo 0 >{INSTANCES} && [ "$(cat {INSTANCES})" = 0 ] && exec "$@"', "sh"]
     if subprocess.run([*limited, "true"], check=False).returncode != 0:
