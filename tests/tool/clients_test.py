@@ -44,6 +44,10 @@ STEPS = [
     # Longer, and in the same second: no record says it.
     ("touch $w/twice; touch -cd @$soon $w/twice", "create file /w/twice"),
     ("echo longer >>$w/twice; touch -cd @$soon $w/twice", "change file /w/twice"),
+    # The time has come to look again, but another file is at the path, and the tool has not reported the moves.
+    ("mkdir $w/1 $w/2; touch -d @5 $w/2/f; touch $w/1/f; touch -cd @$soon $w/1/f", "create file /w/1/f"),
+    ("""kill -STOP $pid; mv $w/1 $w/3; mv $w/2 $w/1; until [ $(date +%s) -gt $((soon + 1)) ]; do sleep .1; done
+        kill -CONT $pid""", "rename folder /w/3 /w/1"),
     ("mv $w away", "gone"),
     ("mv away $w; touch $w/seen", "ready"),
     ("rm -r $w; touch $w", "problem /w Not a directory"),
@@ -142,8 +146,8 @@ def follows(place):
     with Client(place.language, root, place.tool) as client:
         client.follows(root, "")
         for commands, word in STEPS:
-            if "create file /w/twice" in word:
-                environment["soon"] = str(int(time.time() + 1))
+            if "create file" in word:
+                environment.update(soon=str(int(time.time() + 2)), pid=str(client.pid))
             place.run("IFS=; " + commands, **environment)
             client.follows(root, word)
         client.names.clear()
