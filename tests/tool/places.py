@@ -54,6 +54,7 @@ FILE_SYSTEMS = {
         for i in {0..39}; do
           mkdir -p layers/lower/watched/$((i % 3))/$((i % 7))
           head -c $i /dev/zero >layers/lower/watched/$((i % 3))/$((i % 7))/f$i
+          touch -d @$i layers/lower/watched/$((i % 3))/$((i % 7))/f$i
         done
         cd layers
         mount -t overlay none -o redirect_dir=on,lowerdir=lower,upperdir=upper,workdir=work ../place""",
