@@ -20,6 +20,11 @@ std::optional<std::string> FSTransit::PlaceOf(const std::string& key) const {
 
 FSListingPtr FSTransit::ListingAt(const std::string& key) {
   MakeWhole(key);
+  return UneditedListing(key);
+}
+
+// Like ListingAt, but where names of the folder were compared, the listing before that.
+FSListingPtr FSTransit::UneditedListing(const std::string& key) const {
   if (const auto own = own_.find(key); own != own_.end()) return own->second.listing;
   const std::optional<std::string> place = PlaceOf(key);
   return place ? tree_.Listing(*place) : nullptr;
@@ -64,13 +69,18 @@ FSListingPtr FSTransit::OwnListing(const std::string& key) const {
 // Whether the listing of the folder above has the folder.
 bool FSTransit::IsListedFolder(const std::string& key) {
   if (key == tree_.rootPath) return true;
-  const FSListingPtr parent = ListingAt(std::string(FSPaths::parentOf(key)));
-  if (parent == nullptr) return false;
-  const FSEntries entries = parent->entries();
-  for (uint32_t i = 0; i < entries.count(); ++i) {
-    if (entries.isFolder(i) && entries.name(i) == FSPaths::nameOf(key)) return true;
-  }
-  return false;
+  const std::string parent(FSPaths::parentOf(key));
+  const std::string_view name = FSPaths::nameOf(key);
+  const auto some = some_.find(parent);
+  const bool isCompared =
+      some != some_.end() && std::ranges::binary_search(some->second.names, name);
+  const FSListingPtr listing = isCompared ? some->second.entries : UneditedListing(parent);
+  if (listing == nullptr) return false;
+  const FSEntries entries = listing->entries();
+  const FSListingIndex& byName =
+      byName_.try_emplace(listing, entries, FSListingIndex::Key::name).first->second;
+  const uint32_t at = byName.FirstNamed(name);
+  return at != FSListingIndex::kNone && entries.isFolder(at);
 }
 
 FSTransit::Known FSTransit::LookUp(const std::string& key, bool isPresent) {
@@ -188,6 +198,7 @@ void FSTransit::Clear() {
   place_.clear();
   detached_.clear();
   some_.clear();
+  byName_.clear();
   compared_.clear();
 }
 

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "FSListing.h"
@@ -112,6 +113,7 @@ class FSTransit {
   };
 
   std::optional<std::string> PlaceOf(const std::string& key) const;
+  FSListingPtr UneditedListing(const std::string& key) const;
   bool IsListedFolder(const std::string& key);
   void MakeWhole(const std::string& key);
   void Doubt(const std::string& place, const std::string& key, FSReading reading);
@@ -130,7 +132,8 @@ class FSTransit {
                                                              // it; nothing: nowhere
   std::map<std::string, Own, std::less<>> detached_;  // the same of unknown folders, see Known
   std::map<std::string, Some, std::less<>> some_;     // of folders that are not in own_
-  std::vector<std::string> compared_;                 // keys, as they were then
+  std::unordered_map<FSListingPtr, FSListingIndex> byName_;  // those that IsListedFolder has needed
+  std::vector<std::string> compared_;                        // keys, as they were then
 
   // Of the callback: folders that are not to be compared again in it.
   std::set<std::string> waiting_;

@@ -235,6 +235,19 @@ TEST_F(FaultTest, AScanReportsWhatMayNotBeReadAndTriesItAgain) {
   EXPECT_FALSE(tree().retries.Next());
 }
 
+TEST_F(FaultTest, AFolderReadByNamesIsReadInFullLaterWhateverIsComparedBelowIt) {
+  folder.run("mkdir A/B; touch A/B/g");
+  inject({{"open A/B", "fail"}}, EACCES);
+  watch();
+  inject({});
+  names = {"n"};
+  tree().fewestForNames = 0;
+  folder.run("touch A/n");
+  EXPECT_EQ(sorted(batch({"A/B/", "A/"})), (Texts{"create file A/B/g", "create file A/n",
+                                                  "error A/B", "error Permission denied"}));
+  EXPECT_TRUE(tree().byNames.Next());
+}
+
 // A failure that passes says nothing; want of permission says that nothing is there. Either is
 // tried again by itself at its own times, or when the folder's attributes change or it moves.
 TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
