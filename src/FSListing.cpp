@@ -117,6 +117,19 @@ FSListingPtr FSListingBuilder::Finish() const {
   return fixed_.empty() ? emptyListing() : std::make_shared<const FSListing>(entries());
 }
 
+void FSListingBuilder::KeepLastOfEachName() {
+  const FSListingIndex byName(entries(), FSListingIndex::Key::name);
+  const auto comesAgain = [&](uint32_t i) { return byName.NextNamed(i) != FSListingIndex::kNone; };
+  uint32_t first = 0;
+  while (first < byName.size() && !comesAgain(first)) ++first;
+  if (first == byName.size()) return;
+  FSListingBuilder last;
+  for (uint32_t i = 0; i < byName.size(); ++i) {
+    if (!comesAgain(i)) last.Add(entries(), i);
+  }
+  *this = std::move(last);
+}
+
 void FSListingBuilder::Clear() {
   if (fixed_.capacity() > kMostRoomKept) *this = FSListingBuilder();
   fixed_.clear();

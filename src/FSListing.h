@@ -108,6 +108,9 @@ class FSListingBuilder {
   FSEntries entries() const;
   FSListingPtr Finish() const;
 
+  // Takes out each entry whose name comes again later.
+  void KeepLastOfEachName();
+
   // Begins anew, and keeps its memory up to a size that most folders need.
   void Clear();
 

@@ -225,8 +225,6 @@ void FSReconciliation::Arrived(Position c) {
 
 void FSReconciliation::Created(Position c) {
   isCurrentSettled_[c] = true;
-  // A listing may hold a name twice when entries move while it is read.
-  if (CurrentByName().FirstNamed(current_.name(c)) != c) return;
   FSResource current = Current(c);
   if (current.isFolder) transit_.AddFolder(current.path);
   Log("* CREATED %s \"%s\"", current);

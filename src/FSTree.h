@@ -126,8 +126,8 @@ class FSTree {
 
   // Reads the folder of the key. `saved` is what is known of it: it is used for entries that a
   // temporary failure keeps from being read, which come last. `current` is cleared first; its
-  // entries are in listing order, without what the tool ignores, what vanishes meanwhile, what may
-  // not be read, and what is so deep that its path exceeds the limit.
+  // entries are in listing order, each name once, without what the tool ignores, what vanishes
+  // meanwhile, what may not be read, and what is so deep that its path exceeds the limit.
   FSLook Read(const std::string& key, const FSEntries& saved, FSListingBuilder& current) const;
 
   // Whether the folder is large enough to be read by the names that have changed.

@@ -108,7 +108,8 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
                              const FSEntries& saved, FSListingBuilder& current) const {
   bool isPartial = false;
   std::set<std::string, std::less<>> unreadNames;
-  const bool isListed = eachEntry(folder.number(), [&](const auto& entry) {
+  bool isAtOnce = true;
+  const auto examine = [&](const auto& entry) {
     const std::string_view name = entry.d_name;
     if (name == kIgnoredName) return;
     if (path.size() + 1 + name.size() >= PATH_MAX) return;
@@ -120,8 +121,11 @@ FSReading FSTree::ReadFolder(const OpenFolder& folder, const std::string& path,
     } else if (status->isFolder || !isProhibited(name)) {
       current.Add(name, *status);
     }
-  });
-  const bool isCutOff = !isListed && failureOf(errno) == Failure::passing;
+  };
+  const bool isListed = eachEntry(folder.number(), examine, &isAtOnce);
+  // Whatever the reason: a folder that could be opened may have what it had.
+  const bool isCutOff = !isListed && failureOf(errno) != Failure::absent;
+  if (!isAtOnce) current.KeepLastOfEachName();
   if (isCutOff || !unreadNames.empty()) {
     keepSaved(
         saved, [&](std::string_view name) { return isCutOff || unreadNames.contains(name); },

@@ -9,9 +9,11 @@
 
 // Calls `visit(entry)` for each entry of the open folder from where its offset is, "." and ".."
 // left out; `entry.d_name` is its name. False when the folder could not be read to its end; errno
-// then says why. Any thread.
+// then says why. Sets `isAtOnce` to whether they are of one moment, which is not known here; if
+// not, a name that went and came meanwhile may be listed twice. Any thread.
 template <typename Visit>
-bool eachEntry(int folder, Visit visit) {
+bool eachEntry(int folder, Visit visit, bool* isAtOnce = nullptr) {
+  if (isAtOnce != nullptr) *isAtOnce = false;
   const int own = dup(folder);
   DIR* entries = own < 0 ? nullptr : fdopendir(own);
   if (entries == nullptr) {

@@ -223,6 +223,20 @@ TEST_F(FaultTest, WhatVanishesDuringAListingIsLeftOutAndWhatFailsOnceIsNot) {
   EXPECT_EQ(batch({"/"}), (Texts{"create folder O", "create folder O/M"}));
 }
 
+// The entries of a folder that changes while it is listed.
+TEST_F(FaultTest, WhatIsListedTwiceIsOneEntry) {
+  folder.run("mkdir A; touch A/f; touch A/g");
+  int calls = 0;
+  beforeCall = [&](const std::string& call) {
+    return shortened(call) == "list A" && ++calls % 3 == 2 ? kListAgain : 0;
+  };
+  watch();
+  EXPECT_EQ(saved(true), "/: A | A: A/f A/g");
+  folder.run("rm A/f; touch A/n");
+  EXPECT_EQ(batch({"A/", "A/"}), (Texts{"delete file A/f", "create file A/n"}));
+  EXPECT_EQ(calls, 9);
+}
+
 TEST_F(FaultTest, AScanReportsWhatMayNotBeReadAndTriesItAgain) {
   folder.run("mkdir A; touch A/f; mkdir B; touch B/g; mkdir C; touch C/h");
   inject({{"open B", "fail"}, {"status C/h", "fail"}}, EACCES);
@@ -260,6 +274,7 @@ TEST_F(FaultTest, WhatCannotBeReadIsReadAgain) {
       {"open A", EMFILE, "", "delete file A/f; create file A/n"},
       {"open A", ESTALE, "", "delete file A/f; create file A/n"},
       {"list A", EIO, "", "delete file A/f; create file A/n"},
+      {"list A", EACCES, "", "delete file A/f; create file A/n"},
       {"status A/g", EIO, "delete file A/f; create file A/n", ""},
       {"status A/n", ETIMEDOUT, "delete file A/f", "create file A/n"},
       {"status A/g", EACCES, "delete file A/f; delete file A/g; create file A/n",

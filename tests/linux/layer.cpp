@@ -70,7 +70,11 @@ int __wrap_inotify_add_watch(int inotify, const char* path, uint32_t mask) {
 
 ssize_t __real_getdents64(int folder, void* buffer, size_t size);
 ssize_t __wrap_getdents64(int folder, void* buffer, size_t size) {
-  return fails("list ", folder) ? -1 : __real_getdents64(folder, buffer, size);
+  if (fails("list ", folder)) {
+    if (errno != kListAgain) return -1;
+    lseek(folder, 0, SEEK_SET);
+  }
+  return __real_getdents64(folder, buffer, size);
 }
 
 ssize_t __real_read(int file, void* buffer, size_t size);

@@ -13,8 +13,9 @@
 #include "support.h"
 
 // Before "open PATH", "list PATH", "status PATH" or "watch PATH": the error number to fail with, or
-// 0.
+// 0. A "list" goes back to the start of the folder for kListAgain.
 extern std::function<int(const std::string& call)> beforeCall;
+constexpr int kListAgain = -1;
 extern std::function<void()> beforeOpening;  // a folder
 
 // What a read of events gets.
