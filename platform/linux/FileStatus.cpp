@@ -13,6 +13,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Descriptor.h"
+
 namespace {
 
 // Of kernels newer than the headers may be: a mount number that is never given again (6.8), and
@@ -30,14 +32,10 @@ uint64_t mountOf(const struct statx& status) {
 }
 
 std::optional<bool> readIsOverlay(int folder, const char* name) {
-  const int file = openat(folder, *name == 0 ? "." : name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
-  if (file < 0) return std::nullopt;
+  const Descriptor entry(*name == 0 ? -1 : openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (*name != 0 && !entry.isOpen()) return std::nullopt;
   struct statfs system;
-  const bool isRead = fstatfs(file, &system) == 0;
-  const int error = errno;
-  close(file);
-  errno = error;
-  if (!isRead) return std::nullopt;
+  if (fstatfs(*name == 0 ? folder : entry.number(), &system) != 0) return std::nullopt;
   return system.f_type == OVERLAYFS_SUPER_MAGIC;
 }
 

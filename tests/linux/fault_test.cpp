@@ -4,6 +4,7 @@
 #include <random>
 #include <regex>
 #include <set>
+#include <thread>
 
 #include "layer.h"
 #include "watcher_test.h"
@@ -117,6 +118,14 @@ TEST_F(FaultTest, VisitsMakeUpForRefusedWatches) {
     EXPECT_EQ(expectInStep(), Names{});
     folder.run("rm t");
   }
+}
+
+TEST_F(FaultTest, AnOpenFileHasAStatusInAThreadThatHasNotSeenItsFileSystem) {
+  folder.run("touch f");
+  const Descriptor file(open((folder / "f").c_str(), O_PATH));
+  std::optional<FileStatus> status;
+  std::thread([&] { status = readStatus(file.number(), ""); }).join();
+  EXPECT_TRUE(status);
 }
 
 // The disk changes, or no descriptor is left, while the table looks at what has changed, or,
