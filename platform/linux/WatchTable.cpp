@@ -180,13 +180,15 @@ void WatchTable::LoseWatch(int watch, uint8_t marksAbove) {
     UnsetWatch(*folder);
     if (folder == root_.get()) {
       watched_.DoubtNames();
-    } else if (folder->parent != nullptr) {
-      Folder& parent = *folder->parent;
-      const std::string name = folder->name;
-      Detach(*folder);
-      MarkFolder(parent, marksAbove);
-      Examine(parent, name);
+      continue;
     }
+    Folder* const parent = folder->parent;
+    const std::string name = folder->name;
+    if (parent != nullptr) Detach(*folder);
+    DropOrphan(*folder);
+    if (parent == nullptr) continue;
+    MarkFolder(*parent, marksAbove);
+    Examine(*parent, name);
   }
 }
 

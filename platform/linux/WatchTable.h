@@ -237,6 +237,7 @@ class WatchTable {
   std::unique_ptr<Folder> Extract(Folder& folder);
   void NoteDeparture(const Folder& parent, const std::string& name, uint64_t serial);
   bool WasTaken(const Folder& parent, const std::string& name, const Folder* by) const;
+  void DropOrphan(Folder& top);
   void Bury(Folder& folder);
   int ProbeWatch(const OpenFolder& handle);
   Folder* FindByWatch(int watch) const;

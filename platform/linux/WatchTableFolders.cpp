@@ -333,6 +333,14 @@ bool WatchTable::WasTaken(const Folder& parent, const std::string& name, const F
   return by == nullptr || found->second.serial != by->serial;
 }
 
+// Drops an orphan that cannot be found again, because it has no watch any more. What is below it
+// can. While a callback runs, no batch is cut that would drop it.
+void WatchTable::DropOrphan(Folder& top) {
+  while (!top.children.empty()) Detach(**top.children.begin());
+  const auto dropped = orphans_.extract(&top);
+  Bury(top);
+}
+
 // Drops the watches of the folder and all below it, and every mention of them.
 void WatchTable::Bury(Folder& folder) {
   for (const auto& child : folder.children) Bury(*child);
