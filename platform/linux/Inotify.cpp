@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
@@ -99,15 +100,18 @@ std::optional<int> Inotify::AddFromWithin(const OpenFolder& folder) {
 
 void Inotify::Remove(int watch) { inotify_rm_watch(number(), watch); }
 
-bool Inotify::Read(std::string& events, size_t limit) {
+// Not what comes meanwhile: events can come as fast as they are read.
+bool Inotify::Read(std::string& events) {
   alignas(inotify_event) std::array<char, 65536> buffer;
   static_assert(sizeof buffer > sizeof(inotify_event) + NAME_MAX + 1);
-  size_t total = 0;
-  while (total < limit) {
+  int left = 0;  // in bytes
+  if (ioctl(number(), FIONREAD, &left) != 0) return false;
+  const size_t before = events.size();
+  while (left > 0) {
     const ssize_t size = read(number(), buffer.data(), buffer.size());
     if (size <= 0) break;
     events.append(buffer.data(), static_cast<size_t>(size));
-    total += static_cast<size_t>(size);
+    left -= static_cast<int>(size);
   }
-  return total > 0;
+  return events.size() > before;
 }

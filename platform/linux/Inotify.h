@@ -61,9 +61,8 @@ class Inotify {
   int Add(const OpenFolder& folder);
   void Remove(int watch);
 
-  // Appends what the kernel's queue holds, at most about `limit` bytes, to `events`. False when
-  // there was nothing.
-  bool Read(std::string& events, size_t limit);
+  // Appends what the kernel's queue holds now to `events`. False when there was nothing.
+  bool Read(std::string& events);
 
  private:
   std::optional<int> AddFromWithin(const OpenFolder& folder);

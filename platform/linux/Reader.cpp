@@ -69,6 +69,7 @@ std::optional<Reader::Time> Reader::NextWake() const {
     if (time) wake = std::min(wake.value_or(*time), *time);
   };
   if (isStarted_ && !isDelivering_) atTheLatest(moveWait_ ? moveWait_ : latency_.Due());
+  if (table_.HasUnread()) atTheLatest(Time());
   atTheLatest(nextVisit_);
   if (const auto retry = table_.NextRetry()) atTheLatest(std::max(*retry, nextRetry_));
   atTheLatest(root_.NextLook());

@@ -14,7 +14,6 @@ namespace {
 
 constexpr int kMostLinks = 40;  // the kernel's own limit
 constexpr int kMostTries = 8;   // then whatever still changes will send another event
-constexpr size_t kMostBytes = 1 << 20;
 
 // Puts the names of a path before those still to be looked up.
 void pushFront(std::deque<std::string>& names, std::string_view path) {
@@ -99,7 +98,7 @@ void RootChain::WatchSteps() {
 
 bool RootChain::Read() {
   std::string events;
-  if (!inotify_ || !inotify_->isOpen() || !inotify_->Read(events, kMostBytes)) return false;
+  if (!inotify_ || !inotify_->isOpen() || !inotify_->Read(events)) return false;
   bool isHit = false;
   for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
     if (event->kind == Event::Kind::overflow) isHit = true;

@@ -7,6 +7,8 @@ namespace {
 constexpr size_t kMostOfOne = 8192;         // names of one folder's entries that are kept,
 constexpr size_t kMostNamesKept = 1 << 15;  // and of all folders' together, repeated ones included
 
+constexpr int kMostPortions = 3;  // what a walk has read, the queue, what came meanwhile
+
 constexpr uint32_t kMostHeldBack = 3;  // batches
 
 std::string withFinalSlash(std::string path) { return path == "/" ? path : std::move(path += '/'); }
@@ -66,6 +68,7 @@ void WatchTable::EnterRoot(const std::string& path, const OpenFolder& folder) {
 void WatchTable::EndEntering() {
   fresh_.clear();
   ++epoch_;
+  mostUnread_ = kMostUnread;
 }
 
 void WatchTable::Clear() {
@@ -96,25 +99,17 @@ void WatchTable::NoteRoot(OpenFolder folder, bool wasAstray) {
   }
 }
 
+// What comes meanwhile is left to the next call: where folders come and go without end, no batch
+// would be cut otherwise.
 void WatchTable::Read() {
-  Apply(std::exchange(unread_, {}));
-  std::string events;
-  while (inotify_.Read(events, kMostUnread)) {
-    Apply(std::exchange(events, {}));
-  }
-}
-
-void WatchTable::Apply(std::string events) {
-  do {
+  for (int i = 0; i < kMostPortions; ++i) {
+    std::string events = std::exchange(unread_, {});
+    if (events.empty() && !inotify_.Read(events)) break;
     for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
       ApplyEvent(*event);
     }
-    events = std::exchange(unread_, {});
-    if (events.empty() && std::exchange(needsRepair_, false)) {
-      Repair();
-      events = std::exchange(unread_, {});
-    }
-  } while (!events.empty());
+  }
+  if (std::exchange(needsRepair_, false)) Repair();
 }
 
 void WatchTable::ApplyEvent(const Event& event) {

@@ -110,7 +110,7 @@ class WatchTable {
   // Names the root in the next batch, though nothing in it is known to have changed.
   void NameRoot();
 
-  // Drains the kernel's queue and applies it.
+  // Applies all that has happened until now, and little of what happens meanwhile: see HasUnread.
   void Read();
 
   // Whether the last event was the first half of a move. The second half follows at once, but not
@@ -119,6 +119,9 @@ class WatchTable {
 
   // Whether folders have moved since the last batch was cut.
   bool HaveFoldersMoved() const { return haveFoldersMoved_; }
+
+  // Whether Read has to be called though the kernel's queue is empty.
+  bool HasUnread() const { return !unread_.empty(); }
 
   // Whether there is something to cut.
   bool HasChanges() const { return !marked_.empty() || delivery_.HasUnsettled() || isOverflown_; }
@@ -154,8 +157,12 @@ class WatchTable {
   using Folder = KnownFolder;
   using enum KnownFolder::Mark;
 
-  static constexpr int kMostOpen = 256;            // folders held open on the way down
-  static constexpr size_t kMostUnread = 16 << 20;  // bytes of events kept during a walk
+  static constexpr int kMostOpen = 256;  // folders held open on the way down
+
+  // Bytes of events kept during a walk: as many events as the kernel keeps by default, because no
+  // batch is cut until they are applied. While folders are entered nothing waits for a batch.
+  static constexpr size_t kMostUnread = 512 << 10;
+  static constexpr size_t kMostWhileEntering = 16 << 20;
 
   // A name in a folder.
   struct Place {
@@ -194,7 +201,6 @@ class WatchTable {
   };
 
   // WatchTable.cpp: events to marks to names.
-  void Apply(std::string events);
   void ApplyEvent(const Event& event);
   void ApplyTo(Folder& folder, const Event& event);
   void LoseWatch(int watch, uint8_t marksAbove);
@@ -255,7 +261,8 @@ class WatchTable {
   Root& watched_;
   Inotify inotify_{Inotify::Interest::entries, watched_.path().starts_with('/')};
   std::string unread_;  // events read during a walk, to be applied after it
-  int walked_ = 0;      // folders, of all walks
+  size_t mostUnread_ = kMostWhileEntering;
+  int walked_ = 0;  // folders, of all walks
 
   // The folders. One enters with its name (Enter, WatchRoot) and is an orphan while it has no place
   // (Detach, Attach). Cut drops the orphans that are left, Clear everything; Bury takes a dropped

@@ -245,11 +245,11 @@ void WatchTable::AdoptChild(Folder& folder, const OpenFolder& handle, const std:
 // A walk can take long; the kernel's queue must not fill meanwhile.
 void WatchTable::ReadDuringWalk() {
   if (++walked_ % kFoldersPerRead != 0) return;
-  if (unread_.size() >= kMostUnread) {
+  if (unread_.size() >= mostUnread_) {
     unread_.clear();
     isOverflown_ = needsRepair_ = true;
   }
-  inotify_.Read(unread_, kMostUnread);
+  inotify_.Read(unread_);
 }
 
 WatchTable::Folder* WatchTable::ChildOf(const Folder& parent, std::string_view name) const {

@@ -161,6 +161,20 @@ TEST_F(FaultTest, EndsInStepWithTheDisk) {
   }
 }
 
+TEST_F(FaultTest, ReadsNoLongerThanNeededWhereFoldersComeWithoutEnd) {
+  folder.run("mkdir t");
+  watchTable();
+  int left = 1000;
+  beforeCall = [&](const std::string& call) {
+    if (left > 0 && call.starts_with("open")) folder.run("mkdir t/" + std::to_string(left--));
+    return 0;
+  };
+  folder.run("mkdir t/n");
+  table.Read();
+  EXPECT_GT(left, 900);
+  EXPECT_TRUE(expectInStep().contains("t/"));
+}
+
 TEST_F(FaultTest, FollowsAFolderToItsNameInTheOtherCase) {
   ignoresCase = true;
   folder.run("mkdir t/d/e");
