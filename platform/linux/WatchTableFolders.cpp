@@ -232,7 +232,10 @@ void WatchTable::AdoptChild(Folder& folder, const OpenFolder& handle, const std:
   Walk below = walk;
   below.depth = walk.depth + 1;
   below.length = walk.length + 1 + name.size();
-  if (isTooLong(below.length)) return;
+  if (isTooLong(below.length)) {
+    if (Folder* const known = ChildOf(folder, name)) Detach(*known);
+    return;
+  }
   OpenFolder child =
       handle.isOpen() ? OpenFolder(handle, name) : OpenFolder(Join(PathOf(folder), name));
   if (child.isOpen()) {
