@@ -82,8 +82,13 @@ void Reader::NameAgain(const std::string& path) {
 }
 
 void Reader::ReadMounts() {
-  mounted_.merge(mounts_.ReadChanges());
+  MountTable::Mounts changes = mounts_.ReadChanges();
   root_.Doubt();
+  const std::string root = root_.RealPrefix();
+  for (const auto& [path, what] : changes) {
+    if (root.starts_with(path.ends_with('/') ? path : path + "/")) root_.DoubtNames();
+  }
+  mounted_.merge(changes);
 }
 
 void Reader::TakeIn(Time now) {

@@ -151,7 +151,7 @@ void WatchTable::ApplyTo(Folder& folder, const Event& event) {
     NoteDeparture(folder, name, 0);
     Touch(folder);
   } else if (event.kind != Event::Kind::written) {
-    Examine(folder, name, event.kind == Event::Kind::created);
+    Examine(folder, name, Walk{.isNew = event.kind == Event::Kind::created});
   }
   if (!event.isFolder) return;
   if (event.kind == Event::Kind::movedHere) NoteComer(folder, name);
@@ -183,7 +183,7 @@ void WatchTable::LoseWatch(int watch, uint8_t marksAbove) {
     DropOrphan(*folder);
     if (parent == nullptr) continue;
     MarkFolder(*parent, marksAbove);
-    Examine(*parent, name);
+    Examine(*parent, name, Walk{});
   }
 }
 

@@ -224,7 +224,7 @@ class WatchTable {
   // WatchTableFolders.cpp: the folders against the disk.
   std::string BelowRoot(const std::string& path) const;
   Place PlaceOf(const std::string& path) const;
-  void Examine(Folder& parent, const std::string& name, bool isNew = false);
+  void Examine(Folder& parent, const std::string& name, Walk walk);
   void Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk);
   bool NeedsListing(const Folder& folder, const Walk& walk) const;
   Folder* Relocate(int watch, Folder& parent, const std::string& name, const OpenFolder& handle);

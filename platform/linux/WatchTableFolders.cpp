@@ -25,14 +25,15 @@ constexpr size_t kSafeLength = PATH_MAX - NAME_MAX - 2;
 // Looks what the name in the folder is now. The path may be out of date when the folder has moved
 // and the event of that is still to come: `touched` sees to it that the folder is listed again
 // then.
-void WatchTable::Examine(Folder& parent, const std::string& name, bool isNew) {
+void WatchTable::Examine(Folder& parent, const std::string& name, Walk walk) {
   Touch(parent);
   if (!IsInTree(parent)) return;
   const std::string path = Join(PathOf(parent), name);
   if (isTooLong(path.size())) return;
   OpenFolder handle(path);
   if (handle.isOpen()) {
-    Adopt(parent, name, std::move(handle), Walk{.isNew = isNew, .length = path.size()});
+    walk.length = path.size();
+    Adopt(parent, name, std::move(handle), walk);
   } else {
     Missing(parent, name, handle.failure());
   }
@@ -79,7 +80,8 @@ void WatchTable::ExamineMount(const std::string& path, const std::string& what) 
   for (const Place& place : {before, PlaceOf(path)}) {
     if (place.parent == nullptr) continue;
     MarkFolder(*place.parent, kLost | kGained);  // the name is another folder's or file's now
-    Examine(*place.parent, place.name);
+    // It may be the known folder again, whose events were examined while another covered it.
+    Examine(*place.parent, place.name, Walk{.isRelocated = true});
   }
 }
 

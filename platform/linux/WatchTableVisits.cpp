@@ -69,7 +69,7 @@ bool WatchTable::VisitNext() {
   if (!IsInTree(folder)) return false;
   const size_t before = toVisit_.size();
   if (folder.parent != nullptr) {
-    Examine(*folder.parent, std::string(folder.name));
+    Examine(*folder.parent, std::string(folder.name), Walk{});
     return toVisit_.size() < before;
   }
   OpenFolder handle(folder.name, true);
@@ -90,7 +90,7 @@ bool WatchTable::RetryNext(Time now) {
   if (folder.parent == nullptr) {
     watched_.DoubtNames();
   } else {
-    Examine(*folder.parent, std::string(folder.name));
+    Examine(*folder.parent, std::string(folder.name), Walk{});
   }
   return true;
 }

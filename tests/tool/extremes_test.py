@@ -152,7 +152,10 @@ def unmounted(tree):
           "umount -l two; echo >two/bare",
           "mkdir bound0 bound1; touch bound0/in-0 bound1/in-1; mount --bind bound0 one",
           "umount one; mount --bind bound1 one",  # at once
-          "echo >one/newest")
+          "echo >one/newest",
+          "mkdir three",
+          *(f"cd {folder}; mount -t tmpfs none $PWD; mkdir hidden; sleep 0.1; umount $PWD" for folder in (".", "three")),
+          "echo >hidden/file; echo >three/hidden/file")
 
 
 MOUNTS = ["-U", "-r", "-m"]
