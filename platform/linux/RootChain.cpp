@@ -75,6 +75,7 @@ std::vector<RootChain::Step> RootChain::Resolve() const {
 void RootChain::Watch() {
   for (int i = 0; i < kMostTries; ++i) {
     std::vector<Step> steps = Resolve();
+    if (needsPolling_) steps.push_back({path_, ""});  // it says itself that it moves
     if (i > 0 && steps == steps_) return;
     const std::vector<Step> before = std::exchange(steps_, std::move(steps));
     WatchSteps();
