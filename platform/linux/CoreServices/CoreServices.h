@@ -93,9 +93,9 @@ typedef void (*FSEventStreamCallback)(ConstFSEventStreamRef stream, void* client
                                       void* paths, const FSEventStreamEventFlags* flags,
                                       const FSEventStreamEventId* ids);
 
-// A stream for the one path in `paths`, from now on; `latency` is in seconds. What changes after
-// this is entered is delivered once the stream runs; a thread of the stream's own sets the watches
-// meanwhile. Null when there is no path or no memory.
+// A stream for the one path in `paths`; `latency` is in seconds. What changes in a folder after it
+// was given to watchFolder (StreamExtension.h) is delivered once the stream runs; where none was,
+// what changes after the start. Null when there is no path or no memory.
 FSEventStreamRef FSEventStreamCreate(CFAllocatorRef allocator, FSEventStreamCallback callback,
                                      FSEventStreamContext* context, CFArrayRef paths,
                                      FSEventStreamEventId sinceWhen, CFTimeInterval latency,
