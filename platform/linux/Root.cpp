@@ -30,7 +30,16 @@ Root::Sight Root::Watch(Time now) {
 }
 
 void Root::Read(Time now, const Probe& probe) {
-  if (chain_.Read()) DoubtNames();
+  switch (chain_.Read()) {
+    case RootChain::Hit::none:
+      break;
+    case RootChain::Hit::attributes:
+      Doubt();
+      break;
+    case RootChain::Hit::names:
+      DoubtNames();
+      break;
+  }
   if (!chain_.NeedsPolling() || now < nextLook_) return;
   nextLook_ = now + kLookPause;
   if (!Confirm(Look(), probe)) Doubt();

@@ -97,17 +97,17 @@ void RootChain::WatchSteps() {
   }
 }
 
-bool RootChain::Read() {
+RootChain::Hit RootChain::Read() {
   std::string events;
-  if (!inotify_ || !inotify_->isOpen() || !inotify_->Read(events)) return false;
-  bool isHit = false;
+  if (!inotify_ || !inotify_->isOpen() || !inotify_->Read(events)) return Hit::none;
+  Hit hit = Hit::none;
   for (std::string_view rest = events; const std::optional<Event> event = takeEvent(rest);) {
-    if (event->kind == Event::Kind::overflow) isHit = true;
-    for (const Step& step : steps_) {
-      if (step.watch == event->watch && (event->name.empty() || event->name == step.name)) {
-        isHit = true;
-      }
-    }
+    const bool isOnWay = std::any_of(steps_.begin(), steps_.end(), [&](const Step& step) {
+      return step.watch == event->watch && (event->name.empty() || event->name == step.name);
+    });
+    if (!isOnWay && event->kind != Event::Kind::overflow) continue;
+    const bool isAttributes = event->kind == Event::Kind::attributes;
+    hit = std::max(hit, isAttributes ? Hit::attributes : Hit::names);
   }
-  return isHit;
+  return hit;
 }

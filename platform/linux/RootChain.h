@@ -7,6 +7,7 @@
 // above cannot be watched, the way has to be looked at from time to time instead: see NeedsPolling.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,8 +26,9 @@ class RootChain {
   // changed between the look and the watches.
   void Watch();
 
-  // Drains the queue; whether something happened to a name on the way.
-  bool Read();
+  // Drains the queue; what happened to the names on the way.
+  enum class Hit : uint8_t { none, attributes, names };
+  Hit Read();
 
   // Whether some folder on the way could not be watched.
   bool NeedsPolling() const { return needsPolling_; }
