@@ -47,7 +47,7 @@ export class Follower {
   #batch = [];
   #problems = [];
   #heard = 0;
-  #wasLate = false; // the rest has been read as all that comes
+  #isOver = false; // no more comes
   #isMoving = false; // something happened since the last settled
   #looks = new Map(); // entries by the second that has to be over
   #moving = []; // with that second, entries whose folders may have moved
@@ -63,8 +63,7 @@ export class Follower {
   // When something is to be done although nothing comes, as seconds from now; null for never.
   wait(now) {
     const waits = [];
-    const isOpen = this.rest.startsWith(ERROR) && !this.#wasLate;
-    if (isOpen || this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
+    if (this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
     if (this.#looks.size > 0) waits.push(Math.min(...this.#looks.keys()) + 1 + CLOCK_LAG - wallClock());
     if (this.#moving.length > 0) waits.push(this.#nextTry - now);
     if (this.#isMoving) waits.push(this.#heard + this.quiet - now);
@@ -75,13 +74,7 @@ export class Follower {
   resume(now) { this.#heard = now; }
 
   passTime(now) {
-    if (now - this.#heard >= PAUSE) {
-      if (this.rest.startsWith(ERROR) && !this.#wasLate) {
-        this.#wasLate = true;
-        this.#read(this.rest, true);
-      }
-      this.#endBatch();
-    }
+    if (now - this.#heard >= PAUSE) this.#endBatch();
     const due = wallClock() - 1 - CLOCK_LAG;
     for (const [second, entries] of this.#looks) {
       if (second > due) continue;
@@ -99,17 +92,17 @@ export class Follower {
 
   feed(data, now) {
     this.#heard = now;
-    this.#wasLate = false;
-    this.#read(this.rest + data, false);
+    this.#read(this.rest + data);
   }
 
   // No more comes.
   end() {
-    if (this.rest.startsWith(ERROR)) this.#read(this.rest, true);
+    this.#isOver = true;
+    this.#read(this.rest);
     this.#endBatch();
   }
 
-  #read(data, isLate) {
+  #read(data) {
     let at = 0;
     for (;;) {
       const found = matchAt(RECORD, data, at);
@@ -121,7 +114,7 @@ export class Follower {
       }
       let end;
       if (data.startsWith(ERROR, at)) {
-        end = this.#problem(data, at, isLate);
+        end = this.#problem(data, at);
       } else {
         end = data.indexOf('\n', at) + 1;
         if (end > 0) this.#mark(data.slice(at, end - 1));
@@ -147,22 +140,25 @@ export class Follower {
   }
 
   // The path is not encoded and may hold line feeds and "</error>": it is the longest one of a known folder that fits.
-  // Returns where the problem ends, 0 when that cannot be known yet.
-  #problem(data, at, isLate) {
+  // Returns where the problem ends, 0 when that cannot be known yet: the tool may pause for a second between the path and
+  // the reason.
+  #problem(data, at) {
     const begin = at + ERROR.length;
     const text = data.slice(begin, begin + LONGEST_PATH + ERROR_END.length);
-    if (!isLate && text.length < LONGEST_PATH && this.picture.mayBeginFolder(text)) return 0;
+    const mayGoOn = !this.#isOver && (!data.endsWith('\n') || this.picture.mayBeginFolder(text));
+    if (text.length < LONGEST_PATH && mayGoOn) return 0;
     const first = text.indexOf(ERROR_END);
     let length = -1;
     for (let found = first; found >= 0; found = text.indexOf(ERROR_END, found + 1)) {
-      if (matchAt(REASON, data, begin + found + ERROR_END.length) && this.picture.hasFolder(text.slice(0, found))) {
-        length = found;
-      }
+      if (!this.picture.hasFolder(text.slice(0, found))) continue;
+      const after = begin + found + ERROR_END.length;
+      if (matchAt(REASON, data, after)) length = found;
+      else if (!this.#isOver && !data.includes('\n', after)) return 0;
     }
     if (length < 0) {
-      if (first < 0 || (!isLate && !matchAt(REASON, data, begin + first + ERROR_END.length))) {
+      if (first < 0 || (!this.#isOver && !matchAt(REASON, data, begin + first + ERROR_END.length))) {
         // The second line has not come, or this is none of the pairs.
-        return data.length - begin < LONGEST_PATH + 100 && !isLate ? 0 : data.indexOf('\n', at) + 1;
+        return data.length - begin < LONGEST_PATH + 100 && !this.#isOver ? 0 : data.indexOf('\n', at) + 1;
       }
       length = first;
     }

@@ -71,14 +71,14 @@ export class Picture {
     return trimmed(raw) === this.root || Boolean(entry?.isFolder && entry.isReported);
   }
 
-  // Whether the path of some folder begins so and is longer.
+  // Whether the path of some folder begins so.
   mayBeginFolder(start) {
     if (start.length <= this.root.length) return this.root.startsWith(start);
     const parts = this.parts(start);
     if (parts === null) return false;
     const last = parts.pop();
     for (const [name, entry] of this.find(parts)?.below ?? []) {
-      if (name.startsWith(last) && entry.isFolder && (name !== last || entry.below.size > 0)) return true;
+      if (name.startsWith(last) && entry.isFolder) return true;
     }
     return false;
   }
