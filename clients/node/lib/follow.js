@@ -257,7 +257,8 @@ export class Follower {
     try {
       const above = whole(String(statusOf(path.slice(0, path.lastIndexOf('/')) || '/').ino));
       status = statusOf(path);
-      isThere = !entry.parent?.isReported || above === entry.parent.inode;
+      // A folder that was replaced at once has no record of its new number: then that of the file has to do.
+      isThere = !entry.parent?.isReported || above === entry.parent.inode || whole(String(status.ino)) === entry.inode;
     } catch {
       status = undefined;
     }
