@@ -14,6 +14,7 @@ const LONGEST_PATH = 4096;
 const PAUSE = 0.1; // seconds; the tool writes up to 3,000 lines in one go and then waits for one second
 const MOST_IN_BATCH = 10000;
 const CLOCK_LAG = 0.1; // seconds; the times of files come from a clock that may be late
+const CLOCK_LEAD = 2; // seconds; a file's time that is further ahead is no time of a write just made
 const STILL = 5; // seconds without a record; the moves that were made before have been reported by then
 
 const wallClock = () => Date.now() / 1000;
@@ -66,7 +67,7 @@ export class Follower {
     if (this.#batch.length > 0) waits.push(this.#heard + PAUSE - now);
     if (this.#looks.size > 0) waits.push(Math.min(...this.#looks.keys()) + 1 + CLOCK_LAG - wallClock());
     if (this.#moving.length > 0) waits.push(this.#nextTry - now);
-    if (this.#isMoving) waits.push(this.#heard + this.quiet - now);
+    if (this.#isMoving && this.#batch.length === 0 && this.#looks.size === 0) waits.push(this.#heard + this.quiet - now);
     return waits.length > 0 ? Math.max(Math.min(...waits), 0) : null;
   }
 
@@ -75,11 +76,12 @@ export class Follower {
 
   passTime(now) {
     if (now - this.#heard >= PAUSE) this.#endBatch();
-    const due = wallClock() - 1 - CLOCK_LAG;
+    const clock = wallClock();
     for (const [second, entries] of this.#looks) {
-      if (second > due) continue;
-      this.#looks.delete(second);
-      for (const entry of entries) this.#lookAgain(entry, second, now);
+      const isAhead = second > clock + CLOCK_LEAD; // the clock was set back
+      const isDue = second <= clock - 1 - CLOCK_LAG;
+      if (isAhead || isDue) this.#looks.delete(second);
+      if (isDue) for (const entry of entries) this.#lookAgain(entry, second, now);
     }
     if (this.#moving.length > 0 && now >= this.#nextTry) {
       for (const [entry, second] of this.#moving.splice(0)) this.#lookAgain(entry, second, now);
@@ -241,7 +243,7 @@ export class Follower {
   // at the file after it too.
   #lookLater(entry) {
     const second = entry.modified;
-    if (entry.isFolder || entry.created > second || second < this.#started || second > wallClock() + 2) return;
+    if (entry.isFolder || entry.created > second || second < this.#started || second > wallClock() + CLOCK_LEAD) return;
     const entries = this.#looks.get(second);
     if (entries) entries.push(entry);
     else this.#looks.set(second, [entry]);
