@@ -137,7 +137,7 @@ export class Follower {
       this.#endBatch();
       this.isReady = this.#isMoving = true;
       this.#folder = null;
-      this.events.push({ type: 'ready', problems: this.#problems });
+      this.events.push({ type: 'ready', problems: [...this.#problems] });
     }
   }
 
