@@ -86,7 +86,7 @@ export class Watcher<P extends Path = string> extends EventEmitter implements As
   constructor(folder: Path, options?: Options);
   on<N extends keyof WatcherEvents<P>>(name: N, listener: (...values: WatcherEvents<P>[N]) => void): this;
   once<N extends keyof WatcherEvents<P>>(name: N, listener: (...values: WatcherEvents<P>[N]) => void): this;
-  /** As of the last event. */
+  /** As of the last event; empty until the first iterator or listener begins. */
   readonly picture: Picture<P>;
   /** Whether the picture is good for use. */
   readonly isReady: boolean;

@@ -28,6 +28,8 @@ export class CannotWatch extends DirwardenError {}
 /** The tool ended, and changes are missed from now on. */
 export class ToolEnded extends DirwardenError {}
 
+const NOT_READ = ['error', 'end']; // events that do not come from the tool's output
+
 const running = new Set(); // process numbers
 
 const endGroup = (pid) => {
@@ -60,6 +62,7 @@ export class Watcher extends EventEmitter {
   #timer = null;
   #isClosed = false;
   #error = null;
+  #isHeard = false; // somebody has begun to take events
   #queues = new Set(); // of the iterators
 
   constructor(folder, { tool = 'Dirwarden', quiet = 2, log = '', encoding } = {}) {
@@ -67,6 +70,11 @@ export class Watcher extends EventEmitter {
     const isBuffer = Buffer.isBuffer(folder);
     this.#folder = (isBuffer ? folder : Buffer.from(folder)).toString('latin1');
     this.#options = { tool: [tool].flat(), quiet, log, encoding: encoding ?? (isBuffer ? 'buffer' : 'utf8') };
+    this.on('newListener', (name) => {
+      if (this.#isHeard || NOT_READ.includes(name)) return;
+      this.#listen();
+      if (this.#error) setImmediate(() => this.#tell());
+    });
     this.#start();
   }
 
@@ -99,9 +107,17 @@ export class Watcher extends EventEmitter {
       this.#follower.feed(data, now());
       this.#turn();
     });
+    if (!this.#isHeard) child.stdout.pause();
     child.on('error', (error) => this.#fail(new ToolMissing(error.message)));
     child.on('exit', () => running.delete(child.pid));
     child.on('close', (status, signal) => { if (child === this.#child) this.#ended(status, signal); });
+  }
+
+  // Reads the output from now on: before, nobody would have got the events.
+  #listen() {
+    if (this.#isHeard) return;
+    this.#isHeard = true;
+    this.#child?.stdout.resume();
   }
 
   // Hands the events on, and comes back when there may be more.
@@ -145,9 +161,13 @@ export class Watcher extends EventEmitter {
     if (this.#isClosed) return;
     this.#stop();
     this.#error = error;
-    const isIterated = this.#queues.size > 0;
     for (const queue of this.#queues) queue.wake();
-    if (!isIterated || this.listenerCount('error') > 0) this.emit('error', error);
+    if (this.#isHeard || this.listenerCount('error') > 0) this.#tell();
+  }
+
+  // Iterators throw the error by themselves.
+  #tell() {
+    if (this.#error && (this.#queues.size === 0 || this.listenerCount('error') > 0)) this.emit('error', this.#error);
   }
 
   #stop() {
@@ -179,6 +199,7 @@ export class Watcher extends EventEmitter {
   async *[Symbol.asyncIterator]() {
     const queue = { events: [], wake() {}, add(event) { this.events.push(event); this.wake(); } };
     this.#queues.add(queue);
+    this.#listen();
     try {
       for (;;) {
         while (queue.events.length > 0) yield queue.events.shift();
