@@ -22,12 +22,14 @@ export class DirwardenError extends Error {
 /** There is no such program, or it cannot be run. */
 export class ToolMissing extends DirwardenError {}
 
-/** The tool ended before its listing was complete. */
+/** The tool ended before its listing was complete, or it reports nothing from the folder. */
 export class CannotWatch extends DirwardenError {}
 
 /** The tool ended, and changes are missed from now on. */
 export class ToolEnded extends DirwardenError {}
 
+// What the tool stays out of, by the path as it is given.
+const REFUSED = /^\/(Applications|Library|System|\.Trashes|var|private|Users\/[^/]+\/Library)\//;
 const NOT_READ = ['error', 'end']; // events that do not come from the tool's output
 
 const running = new Set(); // process numbers
@@ -92,8 +94,10 @@ export class Watcher extends EventEmitter {
     this.#isClosed = false;
     this.#error = null;
     const program = findProgram(tool[0]);
-    if (program === undefined) {
-      setImmediate(() => this.#fail(new ToolMissing(`there is no program '${tool[0]}'`)));
+    const error = this.#obstacle(program);
+    if (error) {
+      const follower = this.#follower;
+      setImmediate(() => { if (follower === this.#follower) this.#fail(error); });
       return;
     }
     const octal = Array.from(this.#folder, (c) => `\\0${c.charCodeAt(0).toString(8)}`).join('');
@@ -111,6 +115,15 @@ export class Watcher extends EventEmitter {
     child.on('error', (error) => this.#fail(new ToolMissing(error.message)));
     child.on('exit', () => running.delete(child.pid));
     child.on('close', (status, signal) => { if (child === this.#child) this.#ended(status, signal); });
+  }
+
+  // Why there is no use in starting the tool.
+  #obstacle(program) {
+    if (program === undefined) return new ToolMissing(`there is no program '${this.#options.tool[0]}'`);
+    if (!REFUSED.test(`${this.#folder}/`)) return null;
+    const path = Buffer.from(this.#folder, 'latin1').toString();
+    return new CannotWatch(`the tool reports nothing from ${path}; see docs/when-nothing-comes.md: `
+      + `watch '${path.slice(1)}' with the working folder /`);
   }
 
   // Reads the output from now on: before, nobody would have got the events.
