@@ -66,7 +66,7 @@ export interface Options {
 export class DirwardenError extends Error {}
 /** There is no such program, or it cannot be run. */
 export class ToolMissing extends DirwardenError {}
-/** The tool ended before its listing was complete, or it reports nothing from the folder. */
+/** The tool ended before its first listing was complete, or it reports nothing from the folder. */
 export class CannotWatch extends DirwardenError {}
 /** The tool ended, and changes are missed from now on. */
 export class ToolEnded extends DirwardenError {}

@@ -41,6 +41,7 @@ const decode = (text) => (text.includes('%')
 export class Follower {
   events = [];
   isReady = false;
+  wasReady = false;
   records = 0;
   rest = ''; // what has no end yet; the last words, when the tool has ended
   #base = process.cwd(); // the program may change its working folder
@@ -135,7 +136,7 @@ export class Follower {
       this.#problems = [];
     } else if (line.startsWith('<scan action="complete"')) {
       this.#endBatch();
-      this.isReady = this.#isMoving = true;
+      this.isReady = this.wasReady = this.#isMoving = true;
       this.#folder = null;
       this.events.push({ type: 'ready', problems: [...this.#problems] });
     }

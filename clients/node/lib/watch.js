@@ -22,7 +22,7 @@ export class DirwardenError extends Error {
 /** There is no such program, or it cannot be run. */
 export class ToolMissing extends DirwardenError {}
 
-/** The tool ended before its listing was complete, or it reports nothing from the folder. */
+/** The tool ended before its first listing was complete, or it reports nothing from the folder. */
 export class CannotWatch extends DirwardenError {}
 
 /** The tool ended, and changes are missed from now on. */
@@ -161,13 +161,19 @@ export class Watcher extends EventEmitter {
     follower.end();
     this.#handOn(follower);
     if (this.#isClosed || follower !== this.#follower) return;
-    const words = Buffer.from(follower.rest, 'latin1').toString().trim();
-    const message = `the tool ended ${signal ? `by ${signal}` : `with status ${status}`}${words && `: ${words}`}`;
     if (NOT_FOUND.includes(status) && follower.records === 0) {
-      this.#fail(new ToolMissing(`'${this.#options.tool[0]}' cannot be run`));
-    } else {
-      this.#fail(follower.isReady ? new ToolEnded(message) : new CannotWatch(message));
+      this.#fail(new ToolMissing(`'${this.#options.tool.join(' ')}' cannot be run`));
+      return;
     }
+    const words = Buffer.from(follower.rest, 'latin1').toString().trim() || (status === 0 ? this.#guess() : '');
+    const message = `the tool ended ${signal ? `by ${signal}` : `with status ${status}`}${words && `: ${words}`}`;
+    this.#fail(follower.wasReady ? new ToolEnded(message) : new CannotWatch(message));
+  }
+
+  // What status 0 means where the tool says nothing.
+  #guess() {
+    return this.#folder === '-h' ? "'-h' asks it for help; watch './-h'"
+      : 'perhaps no inotify instance, thread or memory could be had; see docs/when-nothing-comes.md';
   }
 
   #fail(error) {
