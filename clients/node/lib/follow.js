@@ -2,7 +2,6 @@
 // what the time is. Events come in order; a batch ends where the output pauses.
 
 import { lstatSync } from 'node:fs';
-import { resolve } from 'node:path';
 import { Picture } from './picture.js';
 
 const RECORD = new RegExp('<(file|folder) action="([a-z]+)" inode="([0-9]+)"(?: oldValue="([^"\\n]*)")?'
@@ -44,7 +43,7 @@ export class Follower {
   wasReady = false;
   records = 0;
   rest = ''; // what has no end yet; the last words, when the tool has ended
-  #base = process.cwd(); // the program may change its working folder
+  #base; // where the path begins; the program may change its working folder
   #started = Math.floor(wallClock()) - 1;
   #batch = [];
   #problems = [];
@@ -60,6 +59,7 @@ export class Follower {
   constructor(root, encoding, quiet) {
     this.picture = new Picture(root, encoding);
     this.quiet = quiet;
+    this.#base = root.startsWith('/') ? '' : `${process.cwd()}/`;
   }
 
   // When something is to be done although nothing comes, as seconds from now; null for never.
@@ -253,7 +253,7 @@ export class Follower {
   #lookAgain(entry, second, now) {
     const path = this.picture.pathOf(entry);
     if (path === null || entry.modified !== second) return;
-    const base = Buffer.from(path.startsWith('/') ? '' : `${resolve(this.#base)}/`);
+    const base = Buffer.from(this.#base);
     const statusOf = (name) => lstatSync(Buffer.concat([base, Buffer.from(name, 'latin1')]), { bigint: true });
     let status;
     let isThere = false;

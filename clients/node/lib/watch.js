@@ -93,16 +93,19 @@ export class Watcher extends EventEmitter {
     this.#follower = new Follower(this.#folder, encoding, quiet);
     this.#isClosed = false;
     this.#error = null;
+    const follower = this.#follower;
+    const fail = (error) => { if (follower === this.#follower) this.#fail(error); };
     const program = findProgram(tool[0]);
-    const error = this.#obstacle(program);
-    if (error) {
-      const follower = this.#follower;
-      setImmediate(() => { if (follower === this.#follower) this.#fail(error); });
+    const obstacle = this.#obstacle(program);
+    if (obstacle) {
+      setImmediate(fail, obstacle);
       return;
     }
     const octal = Array.from(this.#folder, (c) => `\\0${c.charCodeAt(0).toString(8)}`).join('');
     const child = spawn('/bin/sh', ['-c', GUARDED, octal, log, String(log !== ''), program, ...tool.slice(1)],
       { stdio: ['pipe', 'pipe', 'inherit'], detached: true });
+    child.on('error', (error) => fail(new ToolMissing(`'${tool.join(' ')}' cannot be run: ${error.message}`)));
+    if (child.pid === undefined) return; // then it may have no pipes either
     this.#child = child;
     running.add(child.pid);
     child.stdin.on('error', () => {});
@@ -112,7 +115,6 @@ export class Watcher extends EventEmitter {
       this.#turn();
     });
     if (!this.#isHeard) child.stdout.pause();
-    child.on('error', (error) => this.#fail(new ToolMissing(error.message)));
     child.on('exit', () => running.delete(child.pid));
     child.on('close', (status, signal) => { if (child === this.#child) this.#ended(status, signal); });
   }
@@ -194,7 +196,7 @@ export class Watcher extends EventEmitter {
     clearTimeout(this.#timer);
     const child = this.#child;
     this.#child = null;
-    if (child?.pid === undefined) return;
+    if (child === null) return;
     if (running.has(child.pid)) endGroup(child.pid);
     child.stdin.destroy();
     child.stdout.destroy();
