@@ -71,6 +71,7 @@ export class Watcher extends EventEmitter {
     super();
     const isBuffer = Buffer.isBuffer(folder);
     this.#folder = (isBuffer ? folder : Buffer.from(folder)).toString('latin1');
+    if (this.#folder.includes('\0')) throw new TypeError('the path of the folder has a NUL character');
     this.#options = { tool: [tool].flat(), quiet, log, encoding: encoding ?? (isBuffer ? 'buffer' : 'utf8') };
     this.on('newListener', (name) => {
       if (this.#isHeard || NOT_READ.includes(name)) return;
