@@ -127,10 +127,14 @@ export class Picture {
   take(parts) {
     const entry = this.find(parts);
     if (!entry?.parent) return undefined;
-    const at = entry.parent;
-    at.below.delete(entry.name);
-    entry.parent = null;
-    if (at.below.size === 0 && !at.isReported && at.parent) this.take(parts.slice(0, -1));
+    let gone = entry;
+    let at;
+    do {
+      at = gone.parent;
+      at.below.delete(gone.name);
+      gone.parent = null;
+      gone = at;
+    } while (at.below.size === 0 && !at.isReported && at.parent);
     return entry;
   }
 
