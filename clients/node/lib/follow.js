@@ -166,12 +166,13 @@ export class Follower {
       length = first;
     }
     const end = begin + length + ERROR_END.length;
-    const reason = matchAt(REASON, data, end);
-    const problem = { type: 'problem', path: this.picture.shown(text.slice(0, length)), reason: reason?.[1] ?? '' };
+    const found = matchAt(REASON, data, end);
+    const reason = Buffer.from(found?.[1] ?? '', 'latin1').toString();
+    const problem = { type: 'problem', path: this.picture.shown(text.slice(0, length)), reason };
     this.#endBatch();
     this.#problems.push(problem);
     this.events.push(problem);
-    return reason ? end + reason[0].length : end;
+    return found ? end + found[0].length : end;
   }
 
   #record([, kind, action, inode, old, modified, created, size, path]) {
