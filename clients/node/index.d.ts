@@ -1,3 +1,4 @@
+// Needs @types/node.
 import { EventEmitter } from 'node:events';
 
 export type Path = string | Buffer;
@@ -45,7 +46,8 @@ export interface Gone { type: 'gone' }
 
 export type Event<P extends Path = string> = Ready<P> | Changes<P> | Settled | Gone | Problem<P>;
 
-/** Everything from one quiet time to the next. With `fresh`, compare with the whole picture. */
+/** The changes from one quiet time to the next. With `fresh`, compare with the whole picture; `problems` are those of the
+ * listing then, and empty otherwise. */
 export interface Burst<P extends Path = string> {
   changes: Change<P>[];
   fresh: boolean;
