@@ -157,9 +157,10 @@ def follows(place):
 def streams(place):
     for records, wanted, problems in STREAMS:
         text = "\n".join(map(as_line, records + ["create file last"]))
-        for cut in (40, len(text) // 2):  # what comes in two pieces, between which nothing has to happen
+        # What comes in two pieces, between which nothing has to happen; the third time between a problem's lines.
+        for cut in (40, len(text) // 2, text.rfind(NO) % len(text)):
             place.write("text", text + "\n<scan action=\"complete\"></scan>\n")
-            script = f'head -c {cut} "$0"; sleep .05; tail -c +{cut + 1} "$0"; exec sleep 1000'
+            script = f'head -c {cut} "$0"; sleep .2; tail -c +{cut + 1} "$0"; exec sleep 1000'
             with Client(place.language, b"/w", "sh", "-c", script, place.path("text")) as client:
                 client.says("ready")
                 assert client.words.count("create file /w/last") == 1, client.words

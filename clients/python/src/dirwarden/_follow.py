@@ -86,7 +86,7 @@ class Follower(Generic[AnyStr]):
         self._batch: Changes[AnyStr] = Changes()
         self._problems: List[Problem[AnyStr]] = []
         self._heard = 0.0
-        self._was_late = False  # the rest has been read as all that comes
+        self._is_over = False  # no more comes
         self._is_moving = False  # something happened since the last Settled
         self._looks: Dict[int, List[Entry]] = {}  # by the second that has to be over
         self._moving: List[Tuple[Entry, int]] = []  # with that second; their folders may have moved
@@ -97,7 +97,7 @@ class Follower(Generic[AnyStr]):
 
     def wait(self, now: float) -> Optional[float]:
         waits = []
-        if self._batch or (self.rest.startswith(ERROR) and not self._was_late):
+        if self._batch:
             waits.append(self._heard + PAUSE - now)
         if self._looks:
             waits.append(min(self._looks) + 1 + CLOCK_LAG - time.time())
@@ -110,9 +110,6 @@ class Follower(Generic[AnyStr]):
     def pass_time(self, now: float) -> None:
         """To be called when nothing waits to be read: time that the program took for itself is no pause."""
         if now - self._heard >= PAUSE:
-            if self.rest.startswith(ERROR) and not self._was_late:
-                self._was_late = True
-                self._read(self.rest, is_late=True)
             self._end_batch()
         due = time.time() - 1 - CLOCK_LAG
         for second in [second for second in self._looks if second <= due]:
@@ -127,18 +124,18 @@ class Follower(Generic[AnyStr]):
             self.events.append(Settled())
 
     def feed(self, data: bytes, now: float) -> None:
-        self._heard, self._was_late = now, False
+        self._heard = now
         self._read(self.rest + data if self.rest else data)
 
     def end(self) -> None:
         """No more comes."""
-        if self.rest.startswith(ERROR):
-            self._read(self.rest, is_late=True)
+        self._is_over = True
+        self._read(self.rest)
         self._end_batch()
 
     # The lines.
 
-    def _read(self, data: bytes, is_late: bool = False) -> None:
+    def _read(self, data: bytes) -> None:
         at, match = 0, RECORD.match
         while True:
             found = match(data, at)
@@ -148,7 +145,7 @@ class Follower(Generic[AnyStr]):
                 self._record(*found.groups())
                 continue
             if data.startswith(ERROR, at):
-                end = self._problem(data, at, is_late)
+                end = self._problem(data, at)
             else:
                 end = data.find(b"\n", at) + 1
                 if end:
@@ -170,26 +167,32 @@ class Follower(Generic[AnyStr]):
             self._folder = (None, None)
             self.events.append(Ready(tuple(self._problems)))
 
-    def _problem(self, data: bytes, at: int, is_late: bool) -> int:
+    def _problem(self, data: bytes, at: int) -> int:
         """The path is not encoded and may hold line feeds and "</error>": it is the longest one of a known folder that
-        fits. Returns where the problem ends, 0 when that cannot be known yet."""
+        fits. Returns where the problem ends, 0 when that cannot be known yet: the tool may pause for a second between
+        the path and the reason."""
         begin, end, path = at + len(ERROR), -1, b""
         text = data[begin:begin + LONGEST_PATH + len(ERROR_END)]
-        if not is_late and len(text) < LONGEST_PATH and self.picture.may_begin_folder(text):
+        if len(text) < LONGEST_PATH and (self.picture.may_begin_folder(text)
+                                         or not (data.endswith(b"\n") or self._is_over)):
             return 0
-        found = text.find(ERROR_END)
-        first = found
+        found = first = text.find(ERROR_END)
         while found >= 0:
-            if REASON.match(data, begin + found + len(ERROR_END)) and self.picture.has_folder(text[:found]):
-                path, end = text[:found], begin + found + len(ERROR_END)
+            after = begin + found + len(ERROR_END)
+            if self.picture.has_folder(text[:found]):
+                if REASON.match(data, after):
+                    path, end = text[:found], after
+                elif not self._is_over and data.find(b"\n", after) < 0:
+                    return 0
             found = text.find(ERROR_END, found + 1)
         if end < 0:
-            if first < 0 or (REASON.match(data, begin + first + len(ERROR_END)) is None and not is_late):
+            if first < 0 or not (self._is_over or REASON.match(data, begin + first + len(ERROR_END))):
                 # The second line has not come, or this is none of the pairs.
-                return 0 if len(data) - begin < LONGEST_PATH + 100 and not is_late else data.find(b"\n", at) + 1
+                is_short = len(data) - begin < LONGEST_PATH + 100 and not self._is_over
+                return 0 if is_short else data.find(b"\n", at) + 1
             path, end = text[:first], begin + first + len(ERROR_END)
         reason = REASON.match(data, end)
-        problem = Problem(self.picture.from_bytes(path), reason[1].decode() if reason else "")
+        problem = Problem(self.picture.from_bytes(path), reason[1].decode(errors="replace") if reason else "")
         self._end_batch()
         self._problems.append(problem)
         self.events.append(problem)

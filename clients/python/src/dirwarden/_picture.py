@@ -96,7 +96,7 @@ class Picture(Mapping[AnyStr, Entry]):
         return path.rstrip(b"/") == self.root or (entry is not None and entry.is_folder and entry.is_reported)
 
     def may_begin_folder(self, start: bytes) -> bool:
-        """Whether the path of some folder begins so and is longer."""
+        """Whether the path of some folder begins so."""
         if len(start) <= len(self.root):
             return self.root.startswith(start)
         parts = self.parts(start)
@@ -104,8 +104,7 @@ class Picture(Mapping[AnyStr, Entry]):
             return False
         folder = self.find(parts[:-1]) if parts[1:] else self.top
         below = folder.below if folder is not None else None
-        return any(name.startswith(parts[-1]) and entry.is_folder and (name != parts[-1] or bool(entry.below))
-                   for name, entry in (below or {}).items())
+        return any(name.startswith(parts[-1]) and entry.is_folder for name, entry in (below or {}).items())
 
     def path_from(self, parts: Parts) -> AnyStr:
         return self.from_bytes(b"/".join((self.root, *parts)))
