@@ -41,7 +41,11 @@ STEPS = [
     ("rm -r $w/back $w/new; touch $w/back; mkdir -p $w/new/d; touch $w/new/d/f", ""),
     ("mv $w/new t; mv $w/back $w/new; mv t $w/back", ""),
     ("mv $w/docs-2 $w/1; mv $w/back $w/docs-2; mv $w/1 $w/back; ln -s . $w/link; ln $w/in $w/out", ""),
-    # Longer, and in the same second: no record says it.
+    # Longer, and in the same second: no record says it. First in a folder that has no record of its new number, while
+    # the tool goes on to report.
+    ("rm -r $w/back; mkdir hold $w/back; touch $w/back/f; touch -cd @$soon $w/back/f", "create file /w/back/f"),
+    ("""echo longer >>$w/back/f; touch -cd @$soon $w/back/f
+        for i in {1..8}; do sleep 3; [ -e $w/twice ] && break; touch $w/busy$i; done &""", "change file /w/back/f"),
     ("touch $w/twice; touch -cd @$soon $w/twice", "create file /w/twice"),
     ("echo longer >>$w/twice; touch -cd @$soon $w/twice", "change file /w/twice"),
     # The time has come to look again, but another file is at the path, and the tool has not reported the moves.

@@ -290,7 +290,10 @@ class Follower(Generic[AnyStr]):
             above, status = os.lstat(os.path.dirname(path_now)), os.lstat(path_now)
         except OSError:
             above = status = None
-        if (above is None or above.st_ino != _inode_above(entry, above)) and now - self._heard < STILL:
+        # A folder that was replaced at once has no record of its new number: then that of the file has to do.
+        is_there = above is not None and status is not None and (
+            above.st_ino == _inode_above(entry, above) or status.st_ino == entry.inode)
+        if not is_there and now - self._heard < STILL:
             self._moving.append((entry, second))
             self._next_try = now + 1
             return
