@@ -24,6 +24,7 @@ LONGEST_PATH = 4096
 PAUSE = 0.1  # seconds; the tool writes up to 3,000 lines in one go and then waits for one second
 MOST_IN_BATCH = 10000
 CLOCK_LAG = 0.1  # seconds; the times of files come from a clock that may be late
+CLOCK_LEAD = 2  # seconds; a file's time that is further ahead is no time of a write just made
 STILL = 5  # seconds without a record; the moves that were made before have been reported by then
 
 
@@ -103,7 +104,7 @@ class Follower(Generic[AnyStr]):
             waits.append(min(self._looks) + 1 + CLOCK_LAG - time.time())
         if self._moving:
             waits.append(self._next_try - now)
-        if self._is_moving:
+        if self._is_moving and not self._batch and not self._looks:  # as pass_time has it
             waits.append(self._heard + self.quiet - now)
         return max(min(waits), 0) if waits else None
 
@@ -111,10 +112,13 @@ class Follower(Generic[AnyStr]):
         """To be called when nothing waits to be read: time that the program took for itself is no pause."""
         if now - self._heard >= PAUSE:
             self._end_batch()
-        due = time.time() - 1 - CLOCK_LAG
-        for second in [second for second in self._looks if second <= due]:
+        clock = time.time()
+        due = clock - 1 - CLOCK_LAG
+        # Those too far ahead go unlooked at: the clock was set back.
+        for second in [second for second in self._looks if second <= due or second > clock + CLOCK_LEAD]:
             for entry in self._looks.pop(second):
-                self._look_again(entry, second, now)
+                if second <= due:
+                    self._look_again(entry, second, now)
         if self._moving and now >= self._next_try:
             again, self._moving = self._moving, []
             for entry, second in again:
@@ -278,7 +282,7 @@ class Follower(Generic[AnyStr]):
     def _look_later(self, entry: Entry) -> None:
         """Where the status was changed after that second, the tool has looked at the file after it too."""
         second = entry.modified
-        if entry.below is None and entry.created <= second and self._started <= second <= time.time() + 2:
+        if entry.below is None and entry.created <= second and self._started <= second <= time.time() + CLOCK_LEAD:
             self._looks.setdefault(second, []).append(entry)
 
     def _look_again(self, entry: Entry, second: int, now: float) -> None:
