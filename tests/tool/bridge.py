@@ -27,7 +27,7 @@ async def main(folder, *tool):
                     said = [["problem", event.path, event.reason]] if isinstance(event, dirwarden.Problem) else []
                 show(type(event).__name__.lower(), watcher.picture, said)
                 if ("problem", "restart") in [(entry[0], entry[-1]) for entry in said]:
-                    watcher.restart()
+                    asyncio.get_running_loop().call_later(2, watcher.restart)  # while nothing comes
     except dirwarden.DirwardenError as error:
         show(type(error).__name__, watcher.picture if watcher else {}, [str(error)])
 

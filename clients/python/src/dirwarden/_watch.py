@@ -226,10 +226,16 @@ class AsyncWatcher(_Base[AnyStr]):
 
     def close(self) -> None:
         """Ends the tool; iteration ends."""
-        if self._waiting is not None and not self._waiting.done():
-            self._waiting.get_loop().remove_reader(self._output)
-            self._wake()
         self._close()
+
+    def _close(self) -> None:
+        """The loop has to forget the output while it is open: the next output can get its number."""
+        waiting, self._waiting = self._waiting, None
+        if waiting is not None:
+            waiting.get_loop().remove_reader(self._output)
+            if not waiting.done():
+                waiting.set_result(None)
+        super()._close()
 
     def _wake(self) -> None:
         if self._waiting is not None and not self._waiting.done():
@@ -244,7 +250,8 @@ class AsyncWatcher(_Base[AnyStr]):
         except asyncio.TimeoutError:
             pass
         finally:
-            if not self._is_closed:
+            if self._waiting is waiting:
+                self._waiting = None
                 loop.remove_reader(self._output)
 
     async def next(self) -> Optional[Event[AnyStr]]:
