@@ -42,13 +42,21 @@ class ToolEnded(DirwardenError):
     """The tool ended, and changes are missed from now on."""
 
 
-def _end(process: "subprocess.Popen[bytes]") -> None:
-    with contextlib.suppress(ProcessLookupError):
-        os.killpg(process.pid, signal.SIGKILL)
-    process.wait()
+def _kill(process: "subprocess.Popen[bytes]", owner: int) -> None:
+    """The tool belongs to the process that started it, and not to one that was forked from that."""
+    if os.getpid() == owner:
+        with contextlib.suppress(ProcessLookupError, PermissionError):
+            os.killpg(process.pid, signal.SIGKILL)
+
+
+def _end(process: "subprocess.Popen[bytes]", owner: int) -> None:
+    """Another user's tool cannot be killed; it ends when its output is closed, so that comes before the wait."""
+    _kill(process, owner)
     for pipe in (process.stdin, process.stdout):
         if pipe is not None:
             pipe.close()
+    if os.getpid() == owner:
+        process.wait()
 
 
 class _Base(Generic[AnyStr]):
@@ -74,7 +82,8 @@ class _Base(Generic[AnyStr]):
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True)
         assert self._process.stdout is not None
         self._output = self._process.stdout.fileno()
-        self._finalizer = weakref.finalize(self, _end, self._process)
+        self._owner = os.getpid()
+        self._finalizer = weakref.finalize(self, _end, self._process, self._owner)
         self._is_closed = self._is_at_end = False
 
     @property
@@ -162,8 +171,7 @@ class Watcher(_Base[AnyStr]):
             self._close()
             self._reading.release()
         elif self._process.returncode is None:  # `next` sees the end of the output
-            with contextlib.suppress(ProcessLookupError):
-                os.killpg(self._process.pid, signal.SIGKILL)
+            _kill(self._process, self._owner)
 
     def fileno(self) -> int:
         """For `select`: when there is something to read, and ten times a second otherwise, call `next(0)`."""
