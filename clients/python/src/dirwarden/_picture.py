@@ -152,13 +152,13 @@ class Picture(Mapping[AnyStr, Entry]):
         return entry
 
     def take(self, parts: Parts) -> Optional[Entry]:
-        entry = self.find(parts)
-        if entry is not None and entry.parent is not None and entry.parent.below is not None:
-            at = entry.parent
-            del entry.parent.below[entry.name]
-            entry.parent = None
-            if not at.below and not at.is_reported and at.parent is not None:
-                self.take(parts[:-1])
+        """With the entry go the folders above it that were never reported, if they are empty then."""
+        entry = at = self.find(parts)
+        while at is not None and at.parent is not None and at.parent.below is not None:
+            above = at.parent
+            del at.parent.below[at.name]
+            at.parent = None
+            at = None if above.below or above.is_reported else above
         return entry
 
     def move(self, old: Parts, parts: Parts, is_folder: bool, attributes: Attributes) -> Entry:
