@@ -185,13 +185,14 @@ def ends(place):
         return place.path(name)
 
     scan = '<scan action="complete"></scan>'
-    for command, wanted, words in (
+    for command, wanted, words, *root in (
             ([place.path("none")], "ToolMissing", "no program"),
-            ([program("broken", "#!/nowhere/at/all\n")], "ToolMissing", "cannot be run"),
+            (["nice", program("broken", "#!/nowhere/at/all\n")], "ToolMissing", "broken' cannot be run"),
             (["sh", "-c", "echo '<version>1</version>'; printf 'watcher not started.'"], "CannotWatch", "not started"),
             (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if place.language == "py" else "SIGTERM"),
-            (["sh", "-c", f"echo '{scan}'; exit 3"], "ToolEnded", "status 3")):
-        with Client(place.language, b"/w", *command) as client:
+            (["sh", "-c", f"echo '{scan}\n'; exit 3"], "ToolEnded", "status 3"),  # and the folder had gone
+            ([place.tool], "CannotWatch", "./-h", b"-h")):
+        with Client(place.language, *root or [b"/w"], *command) as client:
             client.says(wanted)
             assert words in client.said[-1], client.said
     root = place.path("w")

@@ -80,9 +80,10 @@ class Follower(Generic[AnyStr]):
         self.quiet = quiet
         self.events: Deque[Event[AnyStr]] = deque()
         self.records = 0
-        self.is_ready = False
+        self.is_ready = self.was_ready = False
         self.rest = b""  # what has no end yet; the last words, when the tool has ended
-        self._base = os.fsencode(os.getcwd())  # the program may change its working folder
+        # The program may change its working folder; it may also be gone, which an absolute path does not mind.
+        self._base = b"" if os.path.isabs(root) else os.fsencode(os.getcwd())
         self._started = int(time.time()) - 1
         self._batch: Changes[AnyStr] = Changes()
         self._problems: List[Problem[AnyStr]] = []
@@ -167,7 +168,7 @@ class Follower(Generic[AnyStr]):
             self._problems = []
         elif line.startswith(b'<scan action="complete"'):
             self._end_batch()
-            self.is_ready = self._is_moving = True
+            self.is_ready = self.was_ready = self._is_moving = True
             self._folder = (None, None)
             self.events.append(Ready(tuple(self._problems)))
 

@@ -35,7 +35,7 @@ class ToolMissing(DirwardenError):
 
 
 class CannotWatch(DirwardenError):
-    """The tool ended before its listing was complete: it could not watch, or it was killed."""
+    """The tool ended before its first listing was complete: it could not watch, or it was killed."""
 
 
 class ToolEnded(DirwardenError):
@@ -146,13 +146,19 @@ class _Base(Generic[AnyStr]):
             self._process.wait(5)
         status = self._process.poll()
         self._close()
-        words = self._follower.rest.decode(errors="replace").strip()
+        words = self._follower.rest.decode(errors="replace").strip() or (self._guess() if status == 0 else "")
         if status in NOT_FOUND and not self._follower.records:
-            return ToolMissing(f"{self._tool[0]!r} cannot be run")
+            return ToolMissing(f"{' '.join(self._tool)!r} cannot be run")
         how = "with its output closed" if status is None else f"with status {status}" if status >= 0 else (
             f"by signal {-status}")
-        what = CannotWatch if not self._follower.is_ready else ToolEnded
+        what = ToolEnded if self._follower.was_ready else CannotWatch
         return what(f"the tool ended {how}" + (f": {words}" if words else ""))
+
+    def _guess(self) -> str:
+        """What status 0 means where the tool says nothing."""
+        if os.fsencode(self.folder) == b"-h":
+            return "'-h' asks it for help; watch './-h'"
+        return "perhaps no inotify instance, thread or memory could be had; see docs/when-nothing-comes.md"
 
 
 class Watcher(_Base[AnyStr]):
