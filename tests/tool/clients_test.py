@@ -191,7 +191,8 @@ def ends(place):
             (["sh", "-c", "echo '<version>1</version>'; printf 'watcher not started.'"], "CannotWatch", "not started"),
             (["sh", "-c", "kill -TERM $$"], "CannotWatch", "15" if place.language == "py" else "SIGTERM"),
             (["sh", "-c", f"echo '{scan}\n'; exit 3"], "ToolEnded", "status 3"),  # and the folder had gone
-            ([place.tool], "CannotWatch", "./-h", b"-h")):
+            ([place.tool], "CannotWatch", "./-h", b"-h"),
+            ([place.tool], "CannotWatch", "watch 'Users/x/Library' with the", b"/Users/x/Library")):
         with Client(place.language, *root or [b"/w"], *command) as client:
             client.says(wanted)
             assert words in client.said[-1], client.said

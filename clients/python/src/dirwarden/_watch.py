@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import contextlib
 import os
+import re
 import select
 import shutil
 import signal
@@ -21,6 +22,8 @@ from ._picture import Change, Picture
 # the background sees its end, and ends the group. The tool itself takes the place of the first shell.
 GUARDED = 'exec 3<&0 </dev/null; { read -r line <&3; kill -KILL 0; } >/dev/null 2>&1 & exec 3<&- "$@"'
 NOT_FOUND = (126, 127)  # the shell's status for a program that it cannot run
+# What the tool stays out of, by the path as it is given.
+REFUSED = re.compile(rb"/(Applications|Library|System|\.Trashes|var|private|Users/[^/]+/Library)/")
 
 AnyPath = Union[str, bytes]
 Tool = Union[str, "os.PathLike[str]", Sequence[str]]
@@ -35,7 +38,8 @@ class ToolMissing(DirwardenError):
 
 
 class CannotWatch(DirwardenError):
-    """The tool ended before its first listing was complete: it could not watch, or it was killed."""
+    """The tool ended before its first listing was complete: it could not watch, or it was killed. Or the folder is one from
+    which the tool reports nothing."""
 
 
 class ToolEnded(DirwardenError):
@@ -77,6 +81,10 @@ class _Base(Generic[AnyStr]):
         program = shutil.which(self._tool[0])
         if program is None:
             raise ToolMissing(f"there is no program {self._tool[0]!r}")
+        if REFUSED.match(os.fsencode(self.folder) + b"/"):
+            path = os.fsdecode(self.folder)
+            raise CannotWatch(f"the tool reports nothing from {path}; see docs/when-nothing-comes.md: "
+                              f"watch '{path[1:]}' with the working folder /")
         arguments: List[AnyPath] = [*self._tool[1:], self.folder, "true", "true" if self._log else "false", self._log or "", "true"]
         self._process = subprocess.Popen(["/bin/sh", "-c", GUARDED, "sh", program, *arguments], bufsize=0,
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True)
