@@ -6,9 +6,9 @@ usage: copy_tree.py FOLDER COPY [TOOL]
 Needs the client (clients/python). Works after each burst of changes, when what was written is at rest. At the start, and when
 the folder came back, the two are compared as wholes: a file is copied when its time of modification or its size is another,
 and what only COPY holds is removed. Nothing is taken out of the copy while FOLDER, or the folder concerned, is away or cannot
-be read. Owners, modes of folders, hard links and special files are not copied. A file that another one of the same second
-replaces has no record, so the copy keeps the old one until the next comparison. Files whose endings the tool ignores are not
-copied; those in COPY stay only where FOLDER has them too.
+be read or entered. Owners, modes of folders, hard links and special files are not copied. A file that another one of the same
+second replaces has no record, so the copy keeps the old one until the next comparison. Files whose endings the tool ignores are
+not copied; those in COPY stay only where FOLDER has them too.
 """
 
 import os
@@ -27,6 +27,15 @@ def remove(path):
         shutil.rmtree(path)
     elif os.path.lexists(path):
         os.unlink(path)
+
+
+def is_hidden(path):
+    """Who may not enter a folder cannot say what is gone from it; the tool reports all that was in it as deleted."""
+    try:
+        os.lstat(path)
+    except OSError as error:
+        return not isinstance(error, (FileNotFoundError, NotADirectoryError))
+    return False
 
 
 def is_same(source, copy):
@@ -83,7 +92,8 @@ class Copy:
                 else:
                     is_lost = is_lost or change.kind == "folder"
             elif change.action == "delete":
-                remove(self.target(change.path))
+                if not is_hidden(change.path):
+                    remove(self.target(change.path))
                 waiting = {path: kind for path, kind in waiting.items()
                            if not (path + b"/").startswith(change.path + b"/")}
             elif change.kind == "folder":
@@ -105,7 +115,7 @@ class Copy:
             folders[:] = [name for name in folders if os.path.join(folder, name) not in unknown]
             for path in [os.path.join(folder, name) for name in folders + files]:
                 source = self.source + path[len(self.copy):]
-                if source not in picture and not os.path.lexists(source):
+                if source not in picture and not os.path.lexists(source) and not is_hidden(source):
                     remove(path)
 
 
