@@ -71,10 +71,9 @@ class Copy:
                 if is_folder(target):
                     remove(target)
                 os.replace(part, target)
-        except FileNotFoundError:
-            pass
         except OSError as error:
-            print(error, file=sys.stderr)
+            if not isinstance(error, FileNotFoundError) or os.path.lexists(path):
+                print(error, file=sys.stderr)
 
     def apply(self, changes):
         """Moves and deletions in their order; contents at the end, from where they are then."""
