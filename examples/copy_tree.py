@@ -38,6 +38,13 @@ def is_hidden(path):
     return False
 
 
+def below(paths, kind, top):
+    """The path and those below it. For a file none of the others is looked at: a burst can hold very many."""
+    if kind == "file":
+        return [top] if top in paths else []
+    return [path for path in paths if (path + b"/").startswith(top + b"/")]
+
+
 def is_same(source, copy):
     if is_folder(copy) or not os.path.lexists(copy):
         return False
@@ -82,8 +89,8 @@ class Copy:
         for change in changes:
             if change.action == "rename":
                 old, new = change.old_path, change.path
-                waiting = {new + path[len(old):] if (path + b"/").startswith(old + b"/") else path: kind
-                           for path, kind in waiting.items()}
+                for path in below(waiting, change.kind, old):
+                    waiting[new + path[len(old):]] = waiting.pop(path)
                 remove(self.target(new))
                 if os.path.lexists(self.target(old)):
                     self.make_folder(os.path.dirname(self.target(new)))
@@ -93,8 +100,8 @@ class Copy:
             elif change.action == "delete":
                 if not is_hidden(change.path):
                     remove(self.target(change.path))
-                waiting = {path: kind for path, kind in waiting.items()
-                           if not (path + b"/").startswith(change.path + b"/")}
+                for path in below(waiting, change.kind, change.path):
+                    del waiting[path]
             elif change.kind == "folder":
                 self.put(change.path, "folder")
             if change.action != "delete":
