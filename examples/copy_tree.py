@@ -141,7 +141,7 @@ def main(folder, copy, tool="Dirwarden"):
 
 if __name__ == "__main__":
     try:
-        main(*sys.argv[1:]) if len(sys.argv) > 2 else sys.exit(__doc__.split("\n")[2])
+        main(*sys.argv[1:]) if len(sys.argv) in (3, 4) else sys.exit(__doc__.split("\n")[2])
     except dirwarden.DirwardenError as error:
         sys.exit(f"copy_tree.py: {error}")
     except KeyboardInterrupt:
