@@ -9,6 +9,8 @@ set -eu
   echo "usage: words.sh FOLDER [TOOL]" >&2
   exit 2
 }
+folder=$1 tool=${2:-Dirwarden}
+export folder tool
 
 # One of the awks waits for a full buffer of input otherwise.
 case $(awk -W version 2>&1 </dev/null) in
@@ -16,12 +18,17 @@ case $(awk -W version 2>&1 </dev/null) in
   *) at_once= ;;
 esac
 
+# awk takes the place of the shell and starts the tool, which ends soon after its reader does, however that is ended.
 # shellcheck disable=SC2086 # two words or none
-"${2:-Dirwarden}" "$1" false | awk $at_once -F '[<>]' '
-  / action="(create|delete|change|rename)" / {
+exec awk $at_once -F '[<>]' 'BEGIN {
+  records = "exec \"$tool\" \"$folder\" false"
+  while ((records | getline) > 0) {
+    if ($0 !~ / action="(create|delete|change|rename)" /) continue
     split($2, word, /[ "]/)
     old = ""
     if (match($2, / oldValue="[^"]*"/)) old = " " substr($2, RSTART + 11, RLENGTH - 12)
     print word[3], word[1], $3 old
     fflush()
-  }'
+  }
+  exit (close(records) != 0)
+}'

@@ -180,10 +180,13 @@ def readmes(place):
 
 
 def words(place):
-    place.start("sh", f'exec {TREE}/examples/words.sh folder')
+    process = place.start("sh", f'exec {TREE}/examples/words.sh folder')
     place.expect("watching", lambda: place.touch("a") or b"file folder%2fa\n" in place.read("out"))
     os.rename(place.path("folder/a"), place.path("folder/b c"))
     place.expect("rename", lambda: b"rename file folder%2fb%20c folder%2fa\n" in place.read("out"))
+    tool = int(subprocess.check_output(["pgrep", "-P", str(process.pid)]))
+    process.kill()
+    place.expect("the end of the tool", lambda: not os.path.exists(f"/proc/{tool}/fd/1"))
 
 
 def copy_tree(place):
