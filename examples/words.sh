@@ -3,7 +3,9 @@
 #
 # usage: words.sh FOLDER [TOOL]
 #
-# Paths stay percent-encoded, one change a line: no name can break a line. docs/recipes.md shows how to decode them.
+# Paths stay percent-encoded, one change a line; docs/recipes.md shows how to decode them. No name can break the line of a
+# change, but the path of a folder that cannot be read comes as it is, and a name made for it can look like a change:
+# docs/records.md, on the lines of a problem.
 set -eu
 [ $# -gt 0 ] || {
   echo "usage: words.sh FOLDER [TOOL]" >&2

@@ -58,8 +58,9 @@ class Problem(Generic[AnyStr]):
 
 @dataclass(frozen=True)
 class Burst(Generic[AnyStr]):
-    """Everything from one quiet time to the next. With `fresh`, a listing was completed: compare with the whole picture
-    then, since what happened before it has no changes."""
+    """The changes from one quiet time to the next. With `fresh`, a listing was completed: compare with the whole
+    picture then, since what happened before it has no changes. `problems` are those of that listing, and none
+    otherwise: later ones come as `Problem` only."""
     changes: List[Change[AnyStr]]
     fresh: bool
     problems: Tuple[Problem[AnyStr], ...]

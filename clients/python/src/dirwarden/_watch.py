@@ -38,8 +38,8 @@ class ToolMissing(DirwardenError):
 
 
 class CannotWatch(DirwardenError):
-    """The tool ended before its first listing was complete: it could not watch, or it was killed. Or the folder is one from
-    which the tool reports nothing."""
+    """The tool ended before its first listing was complete: it could not watch, or it was killed. Or the folder is one
+    from which the tool reports nothing."""
 
 
 class ToolEnded(DirwardenError):
