@@ -148,7 +148,7 @@ export class Follower {
   #problem(data, at) {
     const begin = at + ERROR.length;
     const text = data.slice(begin, begin + LONGEST_PATH + ERROR_END.length);
-    const mayGoOn = !this.#isOver && (!data.endsWith('\n') || this.picture.mayBeginFolder(text));
+    const mayGoOn = this.picture.mayBeginFolder(text) || !(data.endsWith('\n') || this.#isOver);
     if (text.length < LONGEST_PATH && mayGoOn) return 0;
     const first = text.indexOf(ERROR_END);
     let length = -1;
