@@ -64,16 +64,18 @@ FolderListing listFolder(const OpenFolder& folder) {
 }
 
 uint64_t fingerprintOf(const OpenFolder& folder) {
-  uint64_t sum = 0;
+  const auto withTime = [](uint64_t hash, const FileStatus& status) {
+    hash = mixedWith(hash, static_cast<uint64_t>(status.created.tv_sec));
+    return mixedWith(hash, static_cast<uint64_t>(status.created.tv_nsec));
+  };
+  const std::optional<FileStatus> own = readStatus(folder.number(), "");
+  uint64_t sum = own ? withTime(1, *own) : 0;
   eachEntryFromTheStart(folder, [&](const dirent64& entry) {
     const std::optional<FileStatus> status = readStatus(folder.number(), entry.d_name);
     if (!status) return;
     uint64_t hash = std::hash<std::string_view>()(entry.d_name);
     hash = mixedWith(mixedWith(hash, status->identity.inode), status->identity.generation);
-    if (!status->isFolder) {
-      hash = mixedWith(hash, static_cast<uint64_t>(status->created.tv_sec));
-      hash = mixedWith(hash, static_cast<uint64_t>(status->created.tv_nsec));
-    }
+    if (!status->isFolder) hash = withTime(hash, *status);
     sum += hash;  // in whatever order they are listed
   });
   return sum;

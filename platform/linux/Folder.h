@@ -25,5 +25,6 @@ struct FolderListing {
 FolderListing listFolder(const OpenFolder& folder);
 
 // A number that changes when an entry of the folder comes, goes, is written or has its attributes
-// changed. Of subfolders only their coming and going counts.
+// changed, also where it comes and goes in between. Of subfolders only their coming and going
+// counts.
 uint64_t fingerprintOf(const OpenFolder& folder);
