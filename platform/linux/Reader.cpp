@@ -82,13 +82,10 @@ void Reader::NameAgain(const std::string& path) {
 }
 
 void Reader::ReadMounts() {
-  MountTable::Mounts changes = mounts_.ReadChanges();
   root_.Doubt();
-  const std::string root = root_.RealPrefix();
-  for (const auto& [path, what] : changes) {
-    if (root.starts_with(path.ends_with('/') ? path : path + "/")) root_.DoubtNames();
-  }
-  mounted_.merge(changes);
+  TakeInMounts();
+  table_.Read();  // so that the folders are where the mount table has them
+  PlaceMounts();
 }
 
 void Reader::TakeIn(Time now) {
@@ -172,14 +169,29 @@ void Reader::ExamineMounts() {
   if (mounted_.empty()) return;
   const std::string below = root_.RealPrefix();
   for (const auto& [path, what] : mounted_) {
-    if (path.starts_with(below)) table_.ExamineMount(path.substr(below.size()), what);
+    if (!path.starts_with(below)) continue;
+    const bool isKnown = table_.ExamineMount(path.substr(below.size()), what);
+    if (!isKnown && table_.HaveFoldersMoved()) root_.DoubtNames();
   }
   if (!table_.HaveFoldersMoved()) mounted_.clear();
   NoteMounts();
 }
 
 void Reader::NoteMounts() {
-  mounted_.merge(mounts_.ReadChanges());
+  TakeInMounts();
+  PlaceMounts();
+}
+
+void Reader::TakeInMounts() {
+  MountTable::Mounts changes = mounts_.ReadChanges();
+  const std::string root = root_.RealPrefix();
+  for (const auto& [path, what] : changes) {
+    if (root.starts_with(path.ends_with('/') ? path : path + "/")) root_.DoubtNames();
+  }
+  mounted_.merge(changes);
+}
+
+void Reader::PlaceMounts() {
   if (mounted_.empty()) table_.ForgetMounts();
   const std::string below = root_.RealPrefix();
   for (const auto& [path, what] : mounts_.mounts()) {

@@ -87,6 +87,8 @@ class Reader {
   void WatchRoot(Root::Sight sight);
   void ExamineMounts();
   void NoteMounts();
+  void TakeInMounts();
+  void PlaceMounts();
 
   Root root_;
   WatchTable table_;

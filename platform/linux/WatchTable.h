@@ -97,8 +97,8 @@ class WatchTable {
 
   // A mount or an unmount at the path, relative to the root, which sends no event: examines what is
   // there now, and in the place that was noted for the mount, whatever has been renamed above it
-  // since. `what` tells mounts apart.
-  void ExamineMount(const std::string& path, const std::string& what);
+  // since. `what` tells mounts apart. Whether any of these is in a known folder.
+  bool ExamineMount(const std::string& path, const std::string& what);
 
   // Notes where something is mounted. And the reverse, for all mounts.
   void NoteMount(const std::string& path, const std::string& what);

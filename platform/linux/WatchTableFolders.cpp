@@ -74,15 +74,18 @@ WatchTable::Place WatchTable::PlaceOf(const std::string& path) const {
   return {parent, path.substr(start)};
 }
 
-void WatchTable::ExamineMount(const std::string& path, const std::string& what) {
+bool WatchTable::ExamineMount(const std::string& path, const std::string& what) {
   const auto noted = mounts_.find(what);
   const Place before = noted != mounts_.end() ? noted->second : Place();
+  bool isKnown = false;
   for (const Place& place : {before, PlaceOf(path)}) {
     if (place.parent == nullptr) continue;
+    isKnown = true;
     MarkFolder(*place.parent, kLost | kGained);  // the name is another folder's or file's now
     // It may be the known folder again, whose events were examined while another covered it.
     Examine(*place.parent, place.name, Walk{.isRelocated = true});
   }
+  return isKnown;
 }
 
 void WatchTable::NoteMount(const std::string& path, const std::string& what) {

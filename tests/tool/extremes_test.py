@@ -153,9 +153,11 @@ def unmounted(tree):
           "mkdir bound0 bound1; touch bound0/in-0 bound1/in-1; mount --bind bound0 one",
           "umount one; mount --bind bound1 one",  # at once
           "echo >one/newest",
-          "mkdir three",
+          "mkdir -p three plain four/inside",
           *(f"cd {folder}; mount -t tmpfs none $PWD; mkdir hidden; sleep 0.1; umount $PWD" for folder in (".", "three")),
-          "echo >hidden/file; echo >three/hidden/file")
+          "echo >hidden/file; echo >three/hidden/file",
+          "mount --bind plain four/inside; mkdir four/new; mv four five; umount five/inside",
+          "echo >five/inside/file")
 
 
 MOUNTS = ["-U", "-r", "-m"]
