@@ -228,8 +228,8 @@ class WatchTable {
   void Adopt(Folder& parent, const std::string& name, OpenFolder handle, Walk walk);
   bool NeedsListing(const Folder& folder, const Walk& walk) const;
   Folder* Relocate(int watch, Folder& parent, const std::string& name, const OpenFolder& handle);
-  bool CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle) const;
-  bool IsListed(const Folder& parent, const std::string& name) const;
+  bool CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle,
+               std::optional<FolderListing>& listing) const;
   void ListRobbed();
   void List(Folder& folder, OpenFolder handle, const Walk& walk);
   void DetachUnlisted(Folder& folder, std::vector<std::string>& listed);

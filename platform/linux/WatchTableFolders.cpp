@@ -146,7 +146,8 @@ bool WatchTable::NeedsListing(const Folder& folder, const Walk& walk) const {
 WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::string& name,
                                          const OpenFolder& handle) {
   Folder* folder = watch >= 0 ? FindByWatch(watch) : FindUnwatched(identityOf(handle));
-  while (folder != nullptr && !CanMove(*folder, parent, handle)) folder = folder->twin;
+  std::optional<FolderListing> listing;
+  while (folder != nullptr && !CanMove(*folder, parent, handle, listing)) folder = folder->twin;
   if (folder == nullptr) return nullptr;
   if (IsInTree(*folder)) {
     robbed_.insert(folder->parent);
@@ -161,8 +162,9 @@ WatchTable::Folder* WatchTable::Relocate(int watch, Folder& parent, const std::s
 }
 
 // Whether the known folder can be the open one in the parent, and so is not where it was.
-bool WatchTable::CanMove(const Folder& folder, const Folder& parent,
-                         const OpenFolder& handle) const {
+// `listing` is of the parent, made when it is needed: a folder may have very many twins.
+bool WatchTable::CanMove(const Folder& folder, const Folder& parent, const OpenFolder& handle,
+                         std::optional<FolderListing>& listing) const {
   if (&folder == root_.get()) return false;
   for (const Folder* above = &parent; above != nullptr; above = above->parent) {
     if (above == &folder) return false;
@@ -172,14 +174,13 @@ bool WatchTable::CanMove(const Folder& folder, const Folder& parent,
   if (!there.isOpen() || !isSameFolder(there, handle)) return true;
   // Where the file system does not distinguish capital letters from small ones, it has been opened
   // by the name that it had.
-  return folder.parent == &parent && !IsListed(parent, folder.name);
-}
-
-bool WatchTable::IsListed(const Folder& parent, const std::string& name) const {
-  const OpenFolder handle(PathOf(parent));
-  if (!handle.isOpen()) return true;
-  const FolderListing listing = listFolder(handle);
-  return !listing.isWhole || std::ranges::count(listing.subfolders, name) > 0;
+  if (folder.parent != &parent) return false;
+  if (!listing) {
+    const OpenFolder above(PathOf(parent));
+    listing = above.isOpen() ? listFolder(above) : FolderListing{{}, true, false};
+    std::ranges::sort(listing->subfolders);
+  }
+  return listing->isWhole && !std::ranges::binary_search(listing->subfolders, folder.name);
 }
 
 // A folder that was taken from another because a path led to it may have been there all the time:
