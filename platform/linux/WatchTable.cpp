@@ -10,6 +10,7 @@ constexpr size_t kMostNamesKept = 1 << 15;  // and of all folders' together, rep
 constexpr int kMostPortions = 3;  // what a walk has read, the queue, what came meanwhile
 
 constexpr uint32_t kMostHeldBack = 3;  // batches
+constexpr int kMostLooks = 3;          // for a folder that was not there
 
 std::string withFinalSlash(std::string path) { return path == "/" ? path : std::move(path += '/'); }
 
@@ -154,9 +155,31 @@ void WatchTable::ApplyTo(Folder& folder, const Event& event) {
     Examine(folder, name, Walk{.isNew = event.kind == Event::Kind::created});
   }
   if (!event.isFolder) return;
+  NoteInVain(folder, name, event.HasCome());
   if (event.kind == Event::Kind::movedHere) NoteComer(folder, name);
   if (event.HasCome() && delivery_.NoteArrival(folder, name)) {
     if (Folder* const child = ChildOf(folder, name)) MarkAll(*child, kLost | kGained | kReplaced);
+  }
+}
+
+// The folder came, and is not there though it has not been reported to have gone: its path possibly
+// led elsewhere, because something covered it or a folder above it was away for a moment.
+void WatchTable::NoteInVain(Folder& parent, const std::string& name, bool hasCome) {
+  if (hasCome && ChildOf(parent, name) == nullptr) {
+    inVain_[&parent][name] = 0;
+  } else if (const auto found = inVain_.find(&parent); found != inVain_.end()) {
+    found->second.erase(name);
+    if (found->second.empty()) inVain_.erase(found);
+  }
+}
+
+void WatchTable::LookAgain() {
+  for (const auto& [parent, names] : std::exchange(inVain_, {})) {
+    for (const auto& [name, looks] : names) {
+      if (ChildOf(*parent, name) == nullptr) Examine(*parent, name, Walk{});
+      const bool isThere = ChildOf(*parent, name) != nullptr;
+      if (!isThere && looks < kMostLooks) inVain_[parent][name] = looks + 1;
+    }
   }
 }
 
@@ -337,6 +360,7 @@ void WatchTable::EndDelivery() {
 }
 
 std::vector<NamedFolder> WatchTable::Cut() {
+  LookAgain();
   ListRobbed();
   for (auto& [top, orphan] : std::exchange(orphans_, {})) Bury(*orphan);
 

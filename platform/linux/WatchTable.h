@@ -124,7 +124,10 @@ class WatchTable {
   bool HasUnread() const { return !unread_.empty(); }
 
   // Whether there is something to cut.
-  bool HasChanges() const { return !marked_.empty() || delivery_.HasUnsettled() || isOverflown_; }
+  bool HasChanges() const {
+    return !marked_.empty() || delivery_.HasUnsettled() || isOverflown_ || needsRepair_ ||
+           !inVain_.empty();
+  }
 
   // The folders to name, in the order of a batch: the callback works from the last to the first.
   // What changed in a folder that has moved stays for the next batch. REQUIRES: no delivery is
@@ -205,6 +208,8 @@ class WatchTable {
   void ApplyTo(Folder& folder, const Event& event);
   void LoseWatch(int watch, uint8_t marksAbove);
   void Repair();
+  void NoteInVain(Folder& parent, const std::string& name, bool hasCome);
+  void LookAgain();
   void NoteComer(const Folder& parent, const std::string& name);
   void MarkFolder(Folder& folder, uint8_t marks);
   void MarkEntry(Folder& folder, uint8_t marks, std::string_view name);
@@ -278,6 +283,9 @@ class WatchTable {
   KnownFolders fresh_;   // entered
   KnownFolders moved_;   // relocated
   KnownFolders robbed_;  // others were taken from them; see ListRobbed
+  // Until they are found, reported to have gone, or looked for some batches long: names of folders
+  // that came and were not there, and how often they have been looked for since.
+  std::unordered_map<Folder*, std::map<std::string, int>> inVain_;
   bool haveFoldersMoved_ = false;
   bool isOverflown_ = false;  // events were lost
   bool endsInMove_ = false;

@@ -361,6 +361,7 @@ void WatchTable::Bury(Folder& folder) {
   unwatched_.erase(folder.serial);
   toVisit_.erase(folder.serial);
   unopened_.Remove(&folder);
+  inVain_.erase(&folder);
   origins_.erase(&folder);
   std::erase_if(mounts_, [&](const auto& mount) { return mount.second.parent == &folder; });
 }

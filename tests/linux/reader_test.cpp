@@ -185,7 +185,7 @@ TEST_F(ReaderTest, RootIsNamedWhereACallbackPossiblyMissedIt) {
 // is quicker.
 TEST_F(ReaderTest, RootIsLookedForWithoutAWatchAboveIt) {
   beforeCall = [&](const std::string& call) {
-    return call == "watch " + folder.path() ? ENOSPC : 0;
+    return call == "watch " + folder.path() || call == "watch " + folder / "p" ? ENOSPC : 0;
   };
   start("mkdir t/a", "t");
   run("rm t; cut");
@@ -196,6 +196,9 @@ TEST_F(ReaderTest, RootIsLookedForWithoutAWatchAboveIt) {
   run("cut");
   run("mv t z; mkdir z/n/m; step; mv z t; cut");
   expectEveryFolderWatched(reader->tree(), folder / "t");
+  start("mkdir p/q", "p/q");
+  run("mv p z; mkdir z/q/n/m; step; mv z p; cut");
+  expectEveryFolderWatched(reader->tree(), folder / "p/q");
 }
 
 TEST_F(ReaderTest, GoesOnWithWhatAWalkHasRead) {
