@@ -1,5 +1,7 @@
 #include "FSChangeEvents.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <ctime>
@@ -152,6 +154,9 @@ void FSChangeEvents::dolog(const std::string& text) {
     std::strftime(stamp, sizeof stamp, "%F %T", local);
   const std::string line = FSEventsTree::buildString("[%s] %s", stamp, text.c_str());
 
+  // A pipe would keep the tool waiting for whoever reads it.
+  struct stat status;
+  if (stat(logFile.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return;
   std::ofstream file(logFile, std::ios::out | std::ios::app | std::ios::ate | std::ios::binary);
   if (!file.is_open()) return;
   file << line << '\n' << std::flush;

@@ -167,6 +167,9 @@ def log(case):
         expect("the log's beginning", logged[:8], [f"T {line}" for line in first])
         expect("the log's end", logged[-3:], [f"T {line}" for line in last])
         expect(f"enough in the log, {logged},", len(logged) >= len(first) + 2 * len(last), True)
+    case.run("mkfifo pipe")
+    with PipedTool(case, [case.root, "false", "true", case.path("pipe")]) as tool:
+        expect("lines without a log", len(tool.take(8)), 8)
 
 
 def changes(case):
