@@ -11,8 +11,7 @@
 
 namespace {
 
-constexpr size_t kMostDraftsKept =
-    8;  // drafts that are kept, each with an index of the folder's names
+constexpr size_t kMostDraftsKept = 8;  // each has an index of the folder's names
 
 bool areEqual(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;

@@ -252,11 +252,10 @@ class AsyncWatcher(_Base[AnyStr]):
 
     def _close(self) -> None:
         """The loop has to forget the output while it is open: the next output can get its number."""
-        waiting, self._waiting = self._waiting, None
-        if waiting is not None:
-            waiting.get_loop().remove_reader(self._output)
-            if not waiting.done():
-                waiting.set_result(None)
+        if self._waiting is not None:
+            self._waiting.get_loop().remove_reader(self._output)
+            self._wake()
+            self._waiting = None
         super()._close()
 
     def _wake(self) -> None:
